@@ -1,0 +1,24 @@
+#include "KinbookKit/Version.h"
+#include "cli/InspectCommands.h"
+
+#include <fmt/core.h>
+
+#include <CLI/CLI.hpp>
+
+int main(int argc, char** argv) {
+    CLI::App app{fmt::format("kinbook: the command-line face of {}", kinbook::kProductName), "kinbook"};
+    app.set_version_flag("--version", fmt::format("kinbook {}", kinbook::kVersion));
+    app.require_subcommand(0, 1);
+
+    kinbook::cli::addInspectCommands(app);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+    if (app.get_subcommands().empty()) {
+        fmt::print("{}", app.help());
+    }
+    return 0;
+}

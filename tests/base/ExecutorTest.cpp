@@ -1,0 +1,97 @@
+#include "KinbookKit/Executor.h"
+#include "tests/support/ManualExecutor.h"
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace kinbook {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SerialQueue, RunsTasksOneAtATimeInPostedOrderOverAPool) {
+    ThreadPool pool(4);
+    SerialQueue queue(pool);
+    std::vector<int> order; // touched only from the queue's tasks
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    for (int i = 0; i < 500; ++i) {
+        queue.post([&, i] {
+            if (running.fetch_add(1) != 0) {
+                overlapped = true;
+            }
+            order.push_back(i);
+            running.fetch_sub(1);
+        });
+    }
+    queue.waitUntilIdle();
+    EXPECT_FALSE(overlapped);
+    ASSERT_EQ(order.size(), 500u);
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+    }
+}
+
+TEST(SerialQueue, TasksPendingWhenTheQueueIsDestroyedStillRun) {
+    ThreadPool pool(1);
+    std::promise<void> gate;
+    std::atomic<int> ran{0};
+    {
+        SerialQueue queue(pool);
+        queue.post([&] { gate.get_future().wait(); });
+        queue.post([&] { ++ran; });
+    }
+    gate.set_value();
+    SerialQueue probe(pool);
+    probe.post([] {});
+    probe.waitUntilIdle();
+    // The pool has one thread, so the probe ran after the destroyed queue's drain.
+    EXPECT_EQ(ran.load(), 1);
+}
+
+TEST(ThreadPool, DelayedTaskRunsAfterReadyOnes) {
+    ThreadPool pool(1);
+    std::mutex mutex;
+    std::vector<char> order;
+    std::promise<void> done;
+    pool.postAfter(20ms, [&] {
+        std::lock_guard lock(mutex);
+        order.push_back('d');
+        done.set_value();
+    });
+    pool.post([&] {
+        std::lock_guard lock(mutex);
+        order.push_back('r');
+    });
+    done.get_future().wait();
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(order, (std::vector<char>{'r', 'd'}));
+}
+
+TEST(ManualExecutor, DelayedTasksRunInDueOrderOnlyWhenTimeAdvances) {
+    testing::ManualExecutor executor;
+    std::vector<int> order;
+    executor.postAfter(500ms, [&] { order.push_back(2); });
+    executor.postAfter(300ms, [&] {
+        order.push_back(1);
+        executor.postAfter(300ms, [&] { order.push_back(3); }); // due at 600 ms
+    });
+    executor.post([&] { order.push_back(0); });
+
+    executor.runUntilIdle();
+    EXPECT_EQ(order, std::vector<int>{0});
+    executor.advance(499ms);
+    EXPECT_EQ(order, (std::vector<int>{0, 1}));
+    executor.advance(1ms);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    executor.advance(100ms);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
+    EXPECT_EQ(executor.pendingCount(), 0u);
+}
+
+} // namespace
+} // namespace kinbook
