@@ -64,9 +64,12 @@ void ThreadPool::work() {
     }
 }
 
-SerialQueue::SerialQueue(Executor& underlying) : m_underlying(underlying), m_state(std::make_shared<State>()) {}
+SerialQueue::SerialQueue(Executor& underlying)
+    : m_underlying(underlying), m_state(std::make_shared<State>()) {}
 
-void SerialQueue::post(Task task) { enqueue(m_underlying, m_state, std::move(task)); }
+void SerialQueue::post(Task task) {
+    enqueue(m_underlying, m_state, std::move(task));
+}
 
 void SerialQueue::enqueue(Executor& underlying, const std::shared_ptr<State>& state, Task task) {
     bool startDrain = false;

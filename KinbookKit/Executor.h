@@ -59,10 +59,10 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_wake;
-    std::deque<Task> m_ready;                                                   // guarded by m_mutex
+    std::deque<Task> m_ready;                                                 // guarded by m_mutex
     std::priority_queue<Timed, std::vector<Timed>, std::greater<>> m_delayed; // guarded by m_mutex
-    std::uint64_t m_sequence = 0;                                               // guarded by m_mutex
-    bool m_stopping = false;                                                    // guarded by m_mutex
+    std::uint64_t m_sequence = 0;                                             // guarded by m_mutex
+    bool m_stopping = false;                                                  // guarded by m_mutex
     std::vector<std::thread> m_threads;
 };
 

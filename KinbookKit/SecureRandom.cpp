@@ -1,11 +1,11 @@
 #include "KinbookKit/SecureRandom.h"
 
+#include <sys/random.h>
+
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#include <sys/random.h>
 
 namespace kinbook {
 namespace {

@@ -2,10 +2,10 @@
 
 #include "KinbookKit/text/Fold.h"
 
+#include <benchmark/benchmark.h>
+
 #include <cstdint>
 #include <string>
-
-#include <benchmark/benchmark.h>
 
 namespace {
 
@@ -23,9 +23,10 @@ void reportBytes(benchmark::State& state, std::size_t bytesPerIteration) {
 }
 
 void BM_FoldAscii(benchmark::State& state) {
-    const std::string text = repeatToSize("Jane Appleseed\nAcme Corporation\njane.appleseed@example.com\nSan Francisco "
-                                          "CA 94110\nSoftware Engineer\n",
-                                          static_cast<std::size_t>(state.range(0)));
+    const std::string text =
+        repeatToSize("Jane Appleseed\nAcme Corporation\njane.appleseed@example.com\nSan Francisco "
+                     "CA 94110\nSoftware Engineer\n",
+                     static_cast<std::size_t>(state.range(0)));
     for (auto _ : state) {
         benchmark::DoNotOptimize(kinbook::fold(text));
     }
@@ -34,9 +35,10 @@ void BM_FoldAscii(benchmark::State& state) {
 BENCHMARK(BM_FoldAscii)->Arg(64)->Arg(64 << 10);
 
 void BM_FoldMixedScript(benchmark::State& state) {
-    const std::string text = repeatToSize("Émile Zola · Søren Kierkegaard · Straße 12 · Łódź · ПЁТР Чайковский · "
-                                          "Αλέξανδρος · 山田太郎 · 김민준 · Nguyễn Văn An · مرحبا\n",
-                                          static_cast<std::size_t>(state.range(0)));
+    const std::string text =
+        repeatToSize("Émile Zola · Søren Kierkegaard · Straße 12 · Łódź · ПЁТР Чайковский · "
+                     "Αλέξανδρος · 山田太郎 · 김민준 · Nguyễn Văn An · مرحبا\n",
+                     static_cast<std::size_t>(state.range(0)));
     for (auto _ : state) {
         benchmark::DoNotOptimize(kinbook::fold(text));
     }

@@ -8,7 +8,9 @@
 namespace kinbook::cli {
 namespace {
 
-void printJson(const nlohmann::json& document) { fmt::print("{}\n", document.dump(2)); }
+void printJson(const nlohmann::json& document) {
+    fmt::print("{}\n", document.dump(2));
+}
 
 } // namespace
 

@@ -1,9 +1,8 @@
 #include "KinbookKit/Version.h"
 #include "cli/InspectCommands.h"
 
-#include <fmt/core.h>
-
 #include <CLI/CLI.hpp>
+#include <fmt/core.h>
 
 int main(int argc, char** argv) {
     CLI::App app{fmt::format("kinbook: the command-line face of {}", kinbook::kProductName), "kinbook"};

@@ -4,7 +4,9 @@
 add_library(kinbook_options INTERFACE)
 target_compile_options(kinbook_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
-    -Wnon-virtual-dtor -Woverloaded-virtual -Wimplicit-fallthrough)
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wimplicit-fallthrough
+    # Designated initialisers that name only some members are the point of them.
+    -Wno-missing-field-initializers)
 if(KINBOOK_WERROR)
     target_compile_options(kinbook_options INTERFACE -Werror)
 endif()

@@ -1,12 +1,13 @@
 #include "KinbookKit/Executor.h"
+
 #include "tests/support/ManualExecutor.h"
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
 #include <mutex>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace kinbook {
 namespace {

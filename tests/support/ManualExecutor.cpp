@@ -2,7 +2,9 @@
 
 namespace kinbook::testing {
 
-void ManualExecutor::post(Task task) { m_tasks.emplace(std::pair{m_now, m_sequence++}, std::move(task)); }
+void ManualExecutor::post(Task task) {
+    m_tasks.emplace(std::pair{m_now, m_sequence++}, std::move(task));
+}
 
 void ManualExecutor::postAfter(std::chrono::milliseconds delay, Task task) {
     m_tasks.emplace(std::pair{m_now + delay, m_sequence++}, std::move(task));

@@ -1,10 +1,10 @@
 #include "KinbookKit/text/Fold.h"
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace kinbook {
 namespace {

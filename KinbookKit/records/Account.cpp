@@ -1,0 +1,72 @@
+#include "KinbookKit/records/Account.h"
+
+#include "KinbookKit/Hash.h"
+
+#include <nlohmann/json.hpp>
+
+namespace kinbook {
+namespace {
+
+std::string_view trimmed(std::string_view text) {
+    const auto isSpace = [](char c) {
+        return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+    };
+    while (!text.empty() && isSpace(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && isSpace(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+} // namespace
+
+std::string Account::displayName(const AccountContainer& container) {
+    const std::string_view name = trimmed(container.name);
+    if (!name.empty() && name != "Card" && name != "Contacts") {
+        return std::string(name);
+    }
+    switch (container.kind) {
+    case AccountContainer::Kind::cardDAV:
+        return container.isDefault ? "iCloud" : "CardDAV";
+    case AccountContainer::Kind::exchange:
+        return "Exchange";
+    case AccountContainer::Kind::local:
+        // A folder on this computer, not on a server.
+        return "On My Computer";
+    case AccountContainer::Kind::unassigned:
+        return name.empty() ? "Contacts" : std::string(name);
+    }
+    return std::string(name);
+}
+
+Account Account::from(const AccountContainer& container) {
+    return Account{container.id, displayName(container)};
+}
+
+nlohmann::json Account::toJSON() const {
+    return {{"id", id}, {"name", name}};
+}
+
+std::optional<Account> Account::fromJSON(const nlohmann::json& json) {
+    if (!json.is_object()) {
+        return std::nullopt;
+    }
+    const auto id = json.find("id");
+    const auto name = json.find("name");
+    if (id == json.end() || name == json.end() || !id->is_string() || !name->is_string()) {
+        return std::nullopt;
+    }
+    return Account{id->get<std::string>(), name->get<std::string>()};
+}
+
+} // namespace kinbook
+
+std::size_t std::hash<kinbook::Account>::operator()(const kinbook::Account& account) const {
+    return kinbook::hashAll(account.id, account.name);
+}
+
+std::size_t std::hash<kinbook::CardRef>::operator()(const kinbook::CardRef& ref) const {
+    return kinbook::hashAll(ref.cardID, ref.unifiedID, ref.accountID);
+}

@@ -1,0 +1,178 @@
+#include "KinbookKit/records/ContactCircle.h"
+
+#include "KinbookKit/records/Iso8601.h"
+
+#include <gtest/gtest.h>
+
+namespace kinbook {
+namespace {
+
+using enum ContactCircle;
+
+TEST(ContactCircle, TableAsShownToTheUser) {
+    EXPECT_EQ(allCircles().size(), 6u);
+    EXPECT_EQ(circleTitle(goodFriends), "Good Friends");
+    EXPECT_EQ(circleBadge(known), "500");
+    EXPECT_EQ(circleBadge(acquaintance), "A");
+    EXPECT_EQ(circleCapacity(meaningful), 150);
+    EXPECT_EQ(circleCapacity(acquaintance), std::nullopt);
+    EXPECT_EQ(circleBlurb(friends), "Close friends and the colleagues you value most.");
+    EXPECT_EQ(circleBlurb(goodFriends), "Friends you count on and love spending time with.");
+    for (long long raw : {0LL, 7LL, -1LL, 1LL << 40}) {
+        EXPECT_EQ(circleFromRawValue(raw), std::nullopt) << raw;
+    }
+    for (ContactCircle circle : allCircles()) {
+        EXPECT_EQ(circleFromRawValue(rawValue(circle)), circle);
+    }
+    EXPECT_LT(closest, acquaintance);
+}
+
+TEST(ContactCircle, CumulativeSizeCountsEveryInnerCircle) {
+    const CircleCounts counts{{closest, 5}, {goodFriends, 10}, {friends, 3}, {acquaintance, 900}};
+    EXPECT_EQ(cumulativeSize(counts, closest), 5);
+    EXPECT_EQ(cumulativeSize(counts, goodFriends), 15);
+    EXPECT_EQ(cumulativeSize(counts, meaningful), 18);
+    EXPECT_EQ(cumulativeSize(counts, acquaintance), 918);
+    EXPECT_EQ(cumulativeSize({}, known), 0);
+}
+
+struct CapacityCase {
+    const char* claim;
+    CircleCounts counts;
+    std::optional<ContactCircle> target;
+    std::optional<ContactCircle> current;
+    std::optional<ContactCircle> refusedBy;
+};
+
+TEST(ContactCircle, CapacityWalkRefusesTheInnermostFullCircle) {
+    const CapacityCase cases[] = {
+        {"a sixth person can't enter a closest that holds five",
+         {{closest, 5}},
+         closest,
+         std::nullopt,
+         closest},
+        {"four in closest leave room", {{closest, 4}}, closest, std::nullopt, std::nullopt},
+        {"5 + 10 fill good friends",
+         {{closest, 5}, {goodFriends, 10}},
+         goodFriends,
+         std::nullopt,
+         goodFriends},
+        {"moving in from closest doesn't grow good friends",
+         {{closest, 5}, {goodFriends, 10}},
+         goodFriends,
+         closest,
+         std::nullopt},
+        {"moving outward never fails",
+         {{closest, 5}, {goodFriends, 10}, {friends, 35}},
+         friends,
+         closest,
+         std::nullopt},
+        {"a full outer circle refuses an inner placement",
+         {{closest, 1}, {known, 499}},
+         closest,
+         std::nullopt,
+         known},
+        {"the innermost full one is reported",
+         {{goodFriends, 15}, {known, 485}},
+         closest,
+         std::nullopt,
+         goodFriends},
+        {"someone already in known is counted in known",
+         {{closest, 1}, {known, 499}},
+         closest,
+         known,
+         std::nullopt},
+        {"moving inward still checks the circles in between",
+         {{goodFriends, 15}},
+         closest,
+         friends,
+         goodFriends},
+        {"acquaintances have no limit",
+         {{acquaintance, 100000}, {known, 500}},
+         acquaintance,
+         std::nullopt,
+         std::nullopt},
+        {"clearing is never refused", {{closest, 50}}, std::nullopt, closest, std::nullopt},
+        {"an over-full inner circle doesn't block an outer one",
+         {{closest, 9}},
+         goodFriends,
+         std::nullopt,
+         std::nullopt},
+        {"an over-full circle refuses", {{closest, 9}}, closest, std::nullopt, closest},
+    };
+    for (const auto& c : cases) {
+        const auto result = checkCircleCapacity(c.counts, c.target, c.current);
+        if (c.refusedBy) {
+            ASSERT_FALSE(result.ok()) << c.claim;
+            EXPECT_EQ(result.error().full, *c.refusedBy) << c.claim;
+        } else {
+            EXPECT_TRUE(result.ok()) << c.claim;
+        }
+    }
+}
+
+TEST(ContactCircle, RefusalMessages) {
+    EXPECT_EQ(CircleError{closest}.description(), "Your 5 is full. Move someone out of it first.");
+    const CircleCounts counts{{closest, 5}, {goodFriends, 10}};
+    EXPECT_EQ(CircleError{goodFriends}.pickerDescription(counts),
+              "Your 15 is full (15 of 15). Move someone out of it first.");
+}
+
+TEST(CircleSuggestion, LineRoundsHalvesAwayFromZero) {
+    CircleSuggestion suggestion;
+    suggestion.circle = friends;
+    const std::pair<double, const char*> cases[] = {
+        {0.875, "Suggests Friends \u00B7 88%"}, {0.5, "Suggests Friends \u00B7 50%"},
+        {0.125, "Suggests Friends \u00B7 13%"}, {0.004, "Suggests Friends \u00B7 0%"},
+        {1.2, "Suggests Friends \u00B7 120%"},  {-0.005, "Suggests Friends \u00B7 -1%"},
+    };
+    for (const auto& [confidence, line] : cases) {
+        suggestion.confidence = confidence;
+        EXPECT_EQ(suggestion.line(), line) << confidence;
+    }
+    suggestion.source = "messages";
+    EXPECT_EQ(suggestion.explanation(),
+              "A guess from tone and how often you're in touch (messages). Your choice always wins.");
+}
+
+TEST(CircleSuggestion, JSONIsPrettySortedAndRoundTrips) {
+    CircleSuggestion suggestion{goodFriends, 0.75, {"weekly calls", "warm tone"}, "Messages", {}};
+    suggestion.madeAt = *parseIso8601("2026-03-01T09:30:00Z");
+    const std::string json = suggestion.toJSON();
+    EXPECT_EQ(
+        json,
+        "{\n  \"circle\": 2,\n  \"confidence\": 0.75,\n  \"madeAt\": \"2026-03-01T09:30:00Z\",\n"
+        "  \"reasons\": [\n    \"weekly calls\",\n    \"warm tone\"\n  ],\n  \"source\": \"Messages\"\n}");
+    EXPECT_EQ(CircleSuggestion::fromJSON(json), suggestion);
+}
+
+TEST(CircleSuggestion, UndecodableFilesGiveNoSuggestion) {
+    for (const char* json :
+         {"", "[]", "{",
+          "{\"circle\": 9, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"2026-03-01T09:30:00Z\"}",
+          "{\"circle\": 2, \"confidence\": \"high\", \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"2026-03-01T09:30:00Z\"}",
+          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": \"yesterday\"}",
+          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\"}"}) {
+        EXPECT_EQ(CircleSuggestion::fromJSON(json), std::nullopt) << json;
+    }
+    const auto withOffset = CircleSuggestion::fromJSON(
+        R"({"circle": 1, "confidence": 0.5, "reasons": [], "source": "x", "madeAt": "2026-03-01T10:30:00.250+01:00"})");
+    ASSERT_TRUE(withOffset);
+    EXPECT_EQ(formatIso8601(withOffset->madeAt), "2026-03-01T09:30:00Z");
+}
+
+TEST(Iso8601, ParsesTheCommonFormsAndRejectsTheRest) {
+    EXPECT_EQ(parseIso8601("2001-01-01T00:00:00Z").value().time_since_epoch(),
+              std::chrono::seconds(978307200));
+    EXPECT_EQ(parseIso8601("2001-01-01T02:00:00+0200"), parseIso8601("2001-01-01T00:00:00Z"));
+    EXPECT_EQ(parseIso8601("2000-12-31T20:00:00-04"), parseIso8601("2001-01-01T00:00:00Z"));
+    for (const char* bad : {"", "2001-02-30T00:00:00Z", "2001-01-01 00:00:00Z", "2001-01-01T00:00:00",
+                            "2001-01-01T24:00:00Z", "2001-01-01T00:00:00.Z", "2001-01-01T00:00:00Zjunk"}) {
+        EXPECT_EQ(parseIso8601(bad), std::nullopt) << bad;
+    }
+}
+
+} // namespace
+} // namespace kinbook
