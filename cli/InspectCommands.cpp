@@ -1,15 +1,80 @@
 #include "cli/InspectCommands.h"
 
+#include "KinbookKit/records/ExLabel.h"
+#include "KinbookKit/records/KinID.h"
+#include "KinbookKit/records/LinkService.h"
 #include "KinbookKit/text/Fold.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
 namespace kinbook::cli {
 namespace {
 
-void printJson(const nlohmann::json& document) {
-    fmt::print("{}\n", document.dump(2));
+using nlohmann::json;
+
+void printJson(const json& document) {
+    // Cards may hold text that is not valid UTF-8; show it replaced rather
+    // than fail to show anything.
+    fmt::print("{}\n", document.dump(2, ' ', false, json::error_handler_t::replace));
+}
+
+json optionalJson(const std::optional<std::string>& value) {
+    return value ? json(*value) : json(nullptr);
+}
+
+json anchorJson(const std::string& url) {
+    const auto anchor = KinID::Anchor::read(std::vector<std::string>{url});
+    if (!anchor) {
+        return nullptr;
+    }
+    auto other = json::array();
+    for (const auto& item : anchor->other) {
+        other.push_back({{"name", item.name}, {"value", optionalJson(item.value)}});
+    }
+    return {
+        {"id", anchor->id},
+        {"hidden", anchor->hidden},
+        {"circle", anchor->circle ? json(rawValue(*anchor->circle)) : json(nullptr)},
+        {"primary", anchor->primary},
+        {"other", std::move(other)},
+        {"url", anchor->url()},
+    };
+}
+
+// A service named on the command line: its case name ("x"), the name stored
+// in cards ("twitter") or its display name ("LinkedIn").
+std::optional<LinkService> serviceFromArgument(const std::string& name) {
+    if (auto service = linkServiceFromCaseName(name)) {
+        return service;
+    }
+    return serviceNamed(name);
+}
+
+json linkJson(const std::string& text, const std::optional<std::string>& serviceArgument) {
+    if (!serviceArgument) {
+        const auto recognised = recognise(text);
+        if (!recognised) {
+            return nullptr;
+        }
+        return {{"service", caseName(recognised->service)}, {"handle", recognised->handle}};
+    }
+    const auto service = serviceFromArgument(*serviceArgument);
+    if (!service) {
+        throw CLI::ValidationError("--service", fmt::format("unknown service \"{}\"", *serviceArgument));
+    }
+    const LinkedAccount link{"", *service, cleanHandle(text, *service), false};
+    return {
+        {"service", caseName(*service)},
+        {"handle", link.handle},
+        {"webURL", optionalJson(webURL(link))},
+        {"appURL", optionalJson(appURL(link))},
+    };
 }
 
 } // namespace
@@ -18,10 +83,40 @@ void addInspectCommands(CLI::App& app) {
     auto* inspect = app.add_subcommand("inspect", "Show what Kinbook reads from a piece of data, as JSON");
     inspect->require_subcommand(1);
 
-    auto* foldCommand = inspect->add_subcommand("fold", "The folded form used by search and sorting");
     auto text = std::make_shared<std::string>();
+    auto service = std::make_shared<std::optional<std::string>>();
+
+    auto* anchor = inspect->add_subcommand(
+        "anchor", "The KinID anchor read from a card URL, and how it is written back");
+    anchor->add_option("URL", *text, "A URL from a card, such as kinbook://c/AB12CD34?r=3")->required();
+    anchor->callback([text] { printJson(anchorJson(*text)); });
+
+    auto* link = inspect->add_subcommand("link", "The social or messaging link in a web address or handle");
+    link->add_option("TEXT", *text, "A profile address, or a handle with --service")->required();
+    link->add_option_function<std::string>(
+        "--service", [service](const std::string& name) { *service = name; },
+        "Read TEXT as a handle for this service (instagram, x, mastodon, …)");
+    link->callback([text, service] { printJson(linkJson(*text, *service)); });
+
+    auto* foldCommand = inspect->add_subcommand("fold", "The folded form used by search and sorting");
     foldCommand->add_option("TEXT", *text, "Any text")->required();
     foldCommand->callback([text] { printJson({{"folded", fold(*text)}}); });
+
+    auto* label = inspect->add_subcommand("label", "How a label reads as former (\"ex-\") and as current");
+    label->add_option("LABEL", *text, "A card label, such as work or ex-mobile")->required();
+    label->callback([text] {
+        printJson({{"isFormer", ExLabel::isFormer(*text)},
+                   {"former", ExLabel::former(*text)},
+                   {"current", ExLabel::current(*text)}});
+    });
+
+    auto* phone =
+        inspect->add_subcommand("phone", "Whether a text is a phone number, and its messaging form");
+    phone->add_option("TEXT", *text, "A phone number as typed")->required();
+    phone->callback([text] {
+        printJson(
+            {{"looksLikePhone", looksLikePhone(*text)}, {"phoneForLink", optionalJson(phoneForLink(*text))}});
+    });
 }
 
 } // namespace kinbook::cli

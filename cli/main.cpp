@@ -14,7 +14,9 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error);
+        // Help and version exit 0; every unusable argument exits 2, as
+        // command-line tools usually do.
+        return app.exit(error) == 0 ? 0 : 2;
     }
     if (app.get_subcommands().empty()) {
         fmt::print("{}", app.help());

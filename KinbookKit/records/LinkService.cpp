@@ -871,4 +871,45 @@ std::optional<LinkedAccount> linkFromWebAddress(std::string_view entryID, std::s
     return LinkedAccount{std::string(entryID), recognised->service, std::move(recognised->handle), false};
 }
 
+std::string_view caseName(LinkService service) {
+    switch (service) {
+    case LinkService::signal:
+        return "signal";
+    case LinkService::whatsapp:
+        return "whatsapp";
+    case LinkService::telegram:
+        return "telegram";
+    case LinkService::instagram:
+        return "instagram";
+    case LinkService::facebook:
+        return "facebook";
+    case LinkService::linkedin:
+        return "linkedin";
+    case LinkService::x:
+        return "x";
+    case LinkService::threads:
+        return "threads";
+    case LinkService::bluesky:
+        return "bluesky";
+    case LinkService::mastodon:
+        return "mastodon";
+    case LinkService::tiktok:
+        return "tiktok";
+    case LinkService::youtube:
+        return "youtube";
+    case LinkService::github:
+        return "github";
+    }
+    return "signal";
+}
+
+std::optional<LinkService> linkServiceFromCaseName(std::string_view name) {
+    for (LinkService service : allLinkServices()) {
+        if (caseName(service) == name) {
+            return service;
+        }
+    }
+    return std::nullopt;
+}
+
 } // namespace kinbook

@@ -41,6 +41,11 @@ struct LinkedAccount {
 // Every service in declared order.
 std::span<const LinkService> allLinkServices();
 
+// The case's own name ("whatsapp", "x"), as JSON and the command line write it.
+std::string_view caseName(LinkService service);
+// The service whose case name is exactly `name`.
+std::optional<LinkService> linkServiceFromCaseName(std::string_view name);
+
 // The raw name used in stored social profiles ("twitter" for x).
 std::string_view serviceName(LinkService service);
 // The name shown to the user ("X" for x).

@@ -1,0 +1,120 @@
+// Runs the real `kinbook` binary, as a user would, and reads its JSON.
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct ProcessRun {
+    int exitCode = -1;
+    std::string output;
+};
+
+std::string shellQuote(const std::string& argument) {
+    std::string quoted = "'";
+    for (char c : argument) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+}
+
+ProcessRun kinbook(const std::vector<std::string>& arguments) {
+    std::string command = KINBOOK_CLI_PATH;
+    for (const auto& argument : arguments) {
+        command += " " + shellQuote(argument);
+    }
+    command += " 2>&1";
+    ProcessRun run;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return run;
+    }
+    std::array<char, 4096> buffer{};
+    while (const std::size_t got = fread(buffer.data(), 1, buffer.size(), pipe)) {
+        run.output.append(buffer.data(), got);
+    }
+    const int status = pclose(pipe);
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+nlohmann::json inspectJson(const std::vector<std::string>& arguments) {
+    std::vector<std::string> full = {"inspect"};
+    full.insert(full.end(), arguments.begin(), arguments.end());
+    const ProcessRun run = kinbook(full);
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    return nlohmann::json::parse(run.output, nullptr, false);
+}
+
+TEST(KinbookInspect, AnchorShowsWhatIsReadAndHowItIsWrittenBack) {
+    const auto anchor = inspectJson({"anchor", "KINBOOK://C/ab12cd34?x=5&h=1&r=+3"});
+    EXPECT_EQ(anchor["id"], "AB12CD34");
+    EXPECT_EQ(anchor["hidden"], true);
+    EXPECT_EQ(anchor["circle"], 3);
+    EXPECT_EQ(anchor["primary"], false);
+    EXPECT_EQ(anchor["other"], nlohmann::json::parse(R"([{"name":"x","value":"5"}])"));
+    EXPECT_EQ(anchor["url"], "kinbook://c/AB12CD34?h=1&r=3&x=5");
+
+    const auto noCircle = inspectJson({"anchor", "kinbook://c/AB12CD34?r=7&flag"});
+    EXPECT_TRUE(noCircle["circle"].is_null());
+    EXPECT_TRUE(noCircle["other"][0]["value"].is_null());
+    EXPECT_TRUE(inspectJson({"anchor", "https://example.com"}).is_null());
+    EXPECT_TRUE(inspectJson({"anchor", "kinbook://c/"}).is_null());
+}
+
+TEST(KinbookInspect, LinkRecognisesAddressesAndCleansHandles) {
+    EXPECT_EQ(inspectJson({"link", "https://m.facebook.com/jane.doe"}),
+              nlohmann::json::parse(R"({"service":"facebook","handle":"jane.doe"})"));
+    EXPECT_TRUE(inspectJson({"link", "https://mastodon.social/@user"}).is_null());
+    const auto handle = inspectJson({"link", "@jane doe", "--service", "instagram"});
+    EXPECT_EQ(handle["handle"], "janedoe");
+    EXPECT_EQ(handle["webURL"], "https://www.instagram.com/janedoe");
+    EXPECT_EQ(handle["appURL"], "instagram://user?username=janedoe");
+    const auto mastodon = inspectJson({"link", "@user@server.example", "--service", "Mastodon"});
+    EXPECT_EQ(mastodon["webURL"], "https://server.example/@user");
+    EXPECT_TRUE(mastodon["appURL"].is_null());
+    EXPECT_EQ(inspectJson({"link", "jack", "--service", "twitter"})["service"], "x");
+}
+
+TEST(KinbookInspect, FoldLabelAndPhone) {
+    EXPECT_EQ(inspectJson({"fold", "Émile Straße Søren"})["folded"], "emile strasse søren");
+    const auto label = inspectJson({"label", "Ex-Work"});
+    EXPECT_EQ(label["isFormer"], true);
+    EXPECT_EQ(label["former"], "Ex-Work");
+    EXPECT_EQ(label["current"], "_$!<Work>!$_");
+    EXPECT_EQ(inspectJson({"label", ""})["former"], "ex-other");
+    const auto phone = inspectJson({"phone", "+1 (310) 555-0104"});
+    EXPECT_EQ(phone["looksLikePhone"], true);
+    EXPECT_EQ(phone["phoneForLink"], "+13105550104");
+    EXPECT_TRUE(inspectJson({"phone", "12345"})["phoneForLink"].is_null());
+}
+
+TEST(KinbookInspect, UnusableArgumentsExitNonZeroWithAMessage) {
+    const struct {
+        std::vector<std::string> arguments;
+        const char* message;
+    } cases[] = {
+        {{"inspect"}, "subcommand"},
+        {{"inspect", "anchor"}, "URL"},
+        {{"inspect", "link", "jane", "--service", "myspace"}, "unknown service \"myspace\""},
+        {{"inspect", "nonsense"}, "subcommand"},
+    };
+    for (const auto& c : cases) {
+        const ProcessRun run = kinbook(c.arguments);
+        EXPECT_EQ(run.exitCode, 2) << run.output;
+        EXPECT_NE(run.output.find(c.message), std::string::npos) << run.output;
+    }
+    const ProcessRun version = kinbook({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.output.rfind("kinbook ", 0), 0u) << version.output;
+}
+
+} // namespace
