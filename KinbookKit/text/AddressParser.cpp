@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -178,8 +179,9 @@ constexpr auto kStreetWords = std::to_array<std::string_view>({
     "largo",   "calle",    "avenida", "paseo",      "camino",   "carrera",  "rua",       "travessa",
     "praca",   "strasse",  "str",     "weg",        "gasse",    "platz",    "ring",      "damm",
     "ufer",    "straat",   "laan",    "gracht",     "plein",    "kade",     "singel",    "dijk",
-    "markt",   "gata",     "gatan",   "gade",       "vej",      "veien",    "vagen",     "ulica",
-    "ul",      "centre",   "center",  "wharf",      "quay",     "hill",     "park",      "green",
+    "markt",   "gate",     "gata",    "gatan",      "gade",     "vej",      "veien",     "vagen",
+    "ulica",   "ul",       "centre",  "center",     "wharf",    "quay",     "hill",      "park",
+    "green",
 });
 
 // Endings of compound street names ("Musterstraße", "Keizersgracht").
@@ -442,23 +444,35 @@ constexpr std::array<CountryName, 60> kCountries = {{
     {"israel", "Israel"},
 }};
 
-// Abbreviations and last words of every state, province and territory name,
-// so that most words of a long text are ruled out with one look-up.
-const std::unordered_set<std::string_view>& regionWords() {
-    static const auto words = [] {
-        std::unordered_set<std::string_view> set;
-        const auto add = [&set](const auto& regions) {
+// What the recogniser needs to know about a word, looked up once per word
+// so that a long text costs one hash look-up per word.
+enum WordClass : std::uint8_t {
+    kEndsRegion = 1,   // an abbreviation or the last word of a state's name
+    kStreetWord = 2,   // names a kind of street, anywhere in the street's name
+    kStreetSuffix = 4, // names a kind of street and ends the street's name
+};
+
+const std::unordered_map<std::string_view, std::uint8_t>& wordClasses() {
+    static const auto classes = [] {
+        std::unordered_map<std::string_view, std::uint8_t> map;
+        const auto add = [&map](const auto& regions) {
             for (const auto& region : regions) {
-                set.insert(region.abbreviation);
-                set.insert(region.key.substr(region.key.rfind(' ') + 1));
+                map[region.abbreviation] |= kEndsRegion;
+                map[region.key.substr(region.key.rfind(' ') + 1)] |= kEndsRegion;
             }
         };
         add(kUsStates);
         add(kCanadianProvinces);
         add(kAustralianStates);
-        return set;
+        for (const auto word : kStreetWords) {
+            map[word] |= kStreetWord;
+        }
+        for (const auto word : kStreetSuffixes) {
+            map[word] |= kStreetSuffix;
+        }
+        return map;
     }();
-    return words;
+    return classes;
 }
 
 // First words of every country name, for the same reason.
@@ -566,6 +580,7 @@ std::string foldedKey(std::string_view word) {
 std::string capitaliseStreetLine(std::string_view line) {
     std::string out;
     bool firstAlphabetic = true;
+    std::string previousKey;
     std::size_t i = 0;
     while (i < line.size()) {
         const auto space = line.find(' ', i);
@@ -574,6 +589,7 @@ std::string capitaliseStreetLine(std::string_view line) {
         if (!out.empty() || i > 0) {
             out.push_back(' ');
         }
+        const std::string key = foldedKey(word);
         if (word.empty()) {
             // Collapsed below.
         } else if (hasUpperLetter(word)) {
@@ -582,7 +598,11 @@ std::string capitaliseStreetLine(std::string_view line) {
                 firstAlphabetic = false;
             }
         } else if (isAsciiDigit(word[0]) || word[0] == '#') {
-            if (isOrdinal(word)) {
+            // A letter after a leading house number or a unit reads as a
+            // capital ("221B", "Apt 8J", "#5B"); one after a house number at
+            // the end ("Hauptstr. 12a") is kept as typed, the German way.
+            const bool designation = out.empty() || word[0] == '#' || contains(kUnitWords, previousKey);
+            if (isOrdinal(word) || !designation) {
                 out.append(word);
             } else {
                 for (char c : word) {
@@ -590,19 +610,29 @@ std::string capitaliseStreetLine(std::string_view line) {
                 }
             }
         } else {
-            const std::string key = foldedKey(word);
             if (contains(kShortDirectionals, key) || key == "po") {
                 for (char c : word) {
                     out.push_back(asciiUpper(c));
                 }
-            } else if (!firstAlphabetic && contains(kConnectors, key)) {
+            } else if ((!firstAlphabetic && contains(kConnectors, key)) ||
+                       ((key == "ul" || key == "al" || key == "os") && word.back() == '.')) {
+                // Small words, and the Polish "ul." (street), "al." (avenue)
+                // and "os." (estate), are written in lower case.
                 out.append(word);
+            } else if (!firstAlphabetic && word.size() > 2 && (word[0] == 'l' || word[0] == 'd') &&
+                       word[1] == '\'') {
+                // French elision: "rue de l'église" -> "Rue de l'Église".
+                out.append(word.substr(0, 2));
+                out.append(titleCase(word.substr(2)));
             } else {
                 out.append(titleCase(word));
             }
             if (hasLetter(word)) {
                 firstAlphabetic = false;
             }
+        }
+        if (!word.empty()) {
+            previousKey = key;
         }
         i = end + (space == std::string_view::npos ? 0 : 1);
     }
@@ -661,7 +691,18 @@ struct Token {
     std::string key; // folded core without periods
     std::size_t segment = 0;
     bool mayEndRegion = false; // an abbreviation or the last word of a state's name
+    bool streetWord = false;   // names a kind of street, anywhere in its name
+    bool streetSuffix = false; // names a kind of street, and ends the name
 };
+
+bool hasStreetEnding(std::string_view key) {
+    for (const auto ending : kStreetEndings) {
+        if (key.size() >= ending.size() + 3 && key.substr(key.size() - ending.size()) == ending) {
+            return true;
+        }
+    }
+    return false;
+}
 
 struct Segment {
     std::size_t first = 0; // token indices, [first, last)
@@ -829,7 +870,13 @@ private:
         token.coreBegin = coreBegin;
         token.coreEnd = coreEnd;
         token.key = foldedKey(m_text.substr(coreBegin, coreEnd - coreBegin));
-        token.mayEndRegion = regionWords().count(token.key) > 0;
+        const auto& classes = wordClasses();
+        const auto found = classes.find(token.key);
+        const std::uint8_t wordClass = found == classes.end() ? 0 : found->second;
+        const bool compound = hasStreetEnding(token.key);
+        token.mayEndRegion = (wordClass & kEndsRegion) != 0;
+        token.streetWord = compound || (wordClass & kStreetWord) != 0;
+        token.streetSuffix = compound || (wordClass & kStreetSuffix) != 0;
         token.segment = m_segments.size() - 1;
         m_tokens.push_back(std::move(token));
     }
@@ -905,33 +952,9 @@ private:
         return q == word.size() || (q + 1 == word.size() && isAsciiLetter(word[q]));
     }
 
-    bool isStreetWord(std::size_t i) const {
-        const auto& k = key(i);
-        if (contains(kStreetWords, k)) {
-            return true;
-        }
-        for (const auto ending : kStreetEndings) {
-            if (k.size() >= ending.size() + 3 &&
-                k.compare(k.size() - ending.size(), ending.size(), ending) == 0) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool isStreetWord(std::size_t i) const { return m_tokens[i].streetWord; }
 
-    bool isStreetSuffix(std::size_t i) const {
-        const auto& k = key(i);
-        if (contains(kStreetSuffixes, k)) {
-            return true;
-        }
-        for (const auto ending : kStreetEndings) {
-            if (k.size() >= ending.size() + 3 &&
-                k.compare(k.size() - ending.size(), ending.size(), ending) == 0) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool isStreetSuffix(std::size_t i) const { return m_tokens[i].streetSuffix; }
 
     bool isUnitWord(std::size_t i) const {
         const auto word = core(i);
@@ -1085,6 +1108,12 @@ private:
         return out;
     }
 
+    // The tokens of i's segment before i, at most a street's worth.
+    Range streetPartBefore(std::size_t i) const {
+        const auto first = segmentOf(i).first;
+        return {std::max(first, i >= kMaxStreetTokens ? i - kMaxStreetTokens : 0), i};
+    }
+
     // -- Anchors -----------------------------------------------------------
 
     // A state followed by a ZIP, a province followed by a postal code, or an
@@ -1137,9 +1166,6 @@ private:
     // the city: "10115 Berlin", "F-75001 Paris", "1012 LG Amsterdam",
     // "114 55 Stockholm", "00-950 Warszawa", "1100-148 Lisboa".
     std::optional<Anchor> continentalAnchor(std::size_t i) const {
-        if (!startsSegment(i)) {
-            return std::nullopt;
-        }
         const auto segmentEnd = segmentOf(i).last;
         auto word = core(i);
         std::string prefix;
@@ -1170,6 +1196,11 @@ private:
             span = 2;
         }
         if (span == 0 || i + span >= segmentEnd || !isWordy(i + span)) {
+            return std::nullopt;
+        }
+        // Written without a comma, the code must follow a street on its line:
+        // "1 rue de Rivoli 75001 Paris".
+        if (!startsSegment(i) && !streetIn(streetPartBefore(i))) {
             return std::nullopt;
         }
         return Anchor{i, i + span, {}, prefix + code, true};
@@ -1331,11 +1362,23 @@ private:
             }
             std::size_t first = number;
             if (anyCapitals) {
-                // Walk back over the capitalised name, through small words.
-                while (first > r.first && !isLabel(first - 1) &&
-                       (isCapitalised(first - 1) || (contains(kConnectors, key(first - 1)) &&
-                                                     first - 1 > r.first && isCapitalised(first - 2)))) {
-                    --first;
+                // Walk back over the capitalised name, through small words
+                // ("Rue de la Loi") and street words ("Karl Johans gate").
+                while (first > r.first && !isLabel(first - 1)) {
+                    if (isCapitalised(first - 1) || isStreetWord(first - 1)) {
+                        --first;
+                        continue;
+                    }
+                    std::size_t small = first - 1;
+                    while (small > r.first && contains(kConnectors, key(small))) {
+                        --small;
+                    }
+                    if (small < first - 1 && contains(kConnectors, key(small + 1)) && isCapitalised(small) &&
+                        !contains(kConnectors, key(small))) {
+                        first = small;
+                        continue;
+                    }
+                    break;
                 }
             } else if (anyStreetWord && r.size() <= 6) {
                 first = r.first;
@@ -1485,6 +1528,12 @@ private:
         std::size_t addressFirst = anchor.first;
 
         if (anchor.cityFollows) {
+            if (!startsSegment(anchor.first)) {
+                if (auto street = streetIn(streetPartBefore(anchor.first))) {
+                    streetLines.push_back(*street);
+                    addressFirst = street->first;
+                }
+            }
             const auto end = std::min(segmentOf(anchor.first).last, anchor.last + 6);
             city = {anchor.last, end};
             addressEnd = end;
