@@ -503,7 +503,6 @@ std::string titleCase(std::string_view word) {
     out.reserve(word.size() + 2);
     bool startOfPart = true;
     bool firstPart = true;
-    std::size_t partStart = 0;
     for (std::size_t i = 0; i < word.size();) {
         const auto c = decodeAt(word, i);
         if (startOfPart && isLetterCodePoint(c.value)) {
@@ -530,14 +529,10 @@ std::string titleCase(std::string_view word) {
             i = end;
             startOfPart = false;
             firstPart = false;
-            partStart = end;
             continue;
         }
         if (c.value == '-' || c.value == '\'') {
             startOfPart = true;
-            if (i > partStart) {
-                firstPart = false;
-            }
         }
         out.append(word.substr(i, c.length));
         i += c.length;
@@ -1481,13 +1476,50 @@ private:
         } else {
             first = r.first;
         }
-        while (first + 1 < r.last && contains(kConnectors, key(first)) && !isCapitalised(first)) {
+        // A lower-case small word leads a city only when the whole city is in
+        // lower case ("des moines"); otherwise it belongs to the sentence.
+        while (anyCapitals && first + 1 < r.last && contains(kConnectors, key(first)) &&
+               !isCapitalised(first)) {
             ++first;
         }
         if (r.last - first > 6) {
             first = r.last - 3;
         }
         return {first, r.last};
+    }
+
+    // The city after a postal code, without the sentence that goes on after
+    // it: "10115 Berlin und dann" -> "Berlin", "Frankfurt am Main" whole.
+    Range leadingCity(Range r) const {
+        bool anyCapitals = false;
+        bool anyLowerWord = false;
+        for (std::size_t i = r.first; i < r.last; ++i) {
+            if (hasUpperLetter(core(i))) {
+                anyCapitals = true;
+            } else if (isWordy(i) && !contains(kConnectors, key(i))) {
+                anyLowerWord = true;
+            }
+        }
+        if (!anyCapitals || !anyLowerWord) {
+            return r;
+        }
+        std::size_t last = r.first + 1;
+        while (last < r.last) {
+            if (isCapitalised(last) || !isWordy(last)) {
+                ++last;
+                continue;
+            }
+            std::size_t small = last;
+            while (small < r.last && contains(kConnectors, key(small))) {
+                ++small;
+            }
+            if (small > last && small < r.last && isCapitalised(small)) {
+                last = small + 1;
+                continue;
+            }
+            break;
+        }
+        return {r.first, last};
     }
 
     // The text of a range as typed, with single spaces, without the
@@ -1535,10 +1567,10 @@ private:
                 }
             }
             const auto end = std::min(segmentOf(anchor.first).last, anchor.last + 6);
-            city = {anchor.last, end};
-            addressEnd = end;
+            city = leadingCity({anchor.last, end});
+            addressEnd = city.last;
             // "10115 Berlin Germany"
-            if (end == segmentOf(anchor.first).last) {
+            if (city.last == segmentOf(anchor.first).last) {
                 for (std::size_t p = city.last - 1; p > city.first; --p) {
                     if (auto country = countryAt(p)) {
                         parsed.country = *country;
@@ -1581,18 +1613,12 @@ private:
             }
         }
 
-        if (parsed.country.empty()) {
-            const auto segmentEnd = segmentOf(addressEnd - 1).last;
-            if (addressEnd < segmentEnd) {
-                if (auto country = countryAt(addressEnd)) {
-                    parsed.country = *country;
-                    addressEnd = segmentEnd;
-                }
-            } else if (addressEnd < m_tokens.size()) {
-                if (auto country = countryAt(addressEnd)) {
-                    parsed.country = *country;
-                    addressEnd = segmentOf(addressEnd).last;
-                }
+        // The country fills the rest of the address's last part, or the next
+        // part: "NY 10001 USA", "…, NY 10001, USA".
+        if (parsed.country.empty() && addressEnd < m_tokens.size()) {
+            if (auto country = countryAt(addressEnd)) {
+                parsed.country = *country;
+                addressEnd = segmentOf(addressEnd).last;
             }
         }
 

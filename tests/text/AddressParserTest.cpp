@@ -87,6 +87,8 @@ TEST(AddressParser, AddressesInsideASentenceAreFound) {
          {"500 Main Street", "St. Louis", "MO", "63101", ""}},
         {"Address: 221B Baker Street, London NW1 6XE.", {"221B Baker Street", "London", "", "NW1 6XE", ""}},
         {"Ich wohne in der Musterstraße 5, 10115 Berlin.", {"Musterstraße 5", "Berlin", "", "10115", ""}},
+        {"Bis morgen in der Zeil 10, 60313 Frankfurt am Main und dann weiter",
+         {"Zeil 10", "Frankfurt am Main", "", "60313", ""}},
         {"Send it to me in Springfield, IL 62701 please", {"", "Springfield", "IL", "62701", ""}},
     };
     for (const auto& c : cases) {
@@ -132,6 +134,29 @@ TEST(AddressParser, InternationalAddressesPutThePostcodeBesideTheCity) {
         {"ul. Marszałkowska 1, 00-624 Warszawa, Polska",
          {"ul. Marszałkowska 1", "Warszawa", "", "00-624", "Polska"}},
         {"Drottninggatan 1, 111 51 Stockholm", {"Drottninggatan 1", "Stockholm", "", "111 51", ""}},
+    };
+    for (const auto& c : cases) {
+        expectParses(c);
+    }
+}
+
+// Only words typed in lower case change; what the user capitalised stays.
+TEST(AddressParser, LowerCaseWordsAreCapitalisedAsAddressesAreWritten) {
+    const AddressCase cases[] = {
+        {"1 avenue of the americas, new york, new york 10020",
+         {"1 Avenue of the Americas", "New York", "New York", "10020", ""}},
+        {"12 o'brien st, winston-salem, nc 27101", {"12 O'Brien St", "Winston-Salem", "NC", "27101", ""}},
+        {"5 ne 3rd ave, fort lauderdale, fl 33301", {"5 NE 3rd Ave", "Fort Lauderdale", "FL", "33301", ""}},
+        {"8 main st, des moines, ia 50309", {"8 Main St", "Des Moines", "IA", "50309", ""}},
+        {"1 main st, mcallen, tx 78501", {"1 Main St", "McAllen", "TX", "78501", ""}},
+        {"2 rue de la paix, 93200 saint-denis, france",
+         {"2 Rue de la Paix", "Saint-Denis", "", "93200", "France"}},
+        {"1 Henley St, stratford-upon-avon CV37 6QW",
+         {"1 Henley St", "Stratford-upon-Avon", "", "CV37 6QW", ""}},
+        {"9 Elm St, DeKalb, IL 60115", {"9 Elm St", "DeKalb", "IL", "60115", ""}},
+        {"295 PARK AVENUE SOUTH, NEW YORK, NY 10010",
+         {"295 PARK AVENUE SOUTH", "NEW YORK", "NY", "10010", ""}},
+        {"10 Main St., Springfield, Il. 62701", {"10 Main St.", "Springfield", "IL", "62701", ""}},
     };
     for (const auto& c : cases) {
         expectParses(c);
