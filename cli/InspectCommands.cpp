@@ -3,6 +3,8 @@
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/KinID.h"
 #include "KinbookKit/records/LinkService.h"
+#include "KinbookKit/text/AddressParser.h"
+#include "KinbookKit/text/AreaCodes.h"
 #include "KinbookKit/text/Fold.h"
 
 #include <fmt/core.h>
@@ -77,6 +79,25 @@ json linkJson(const std::string& text, const std::optional<std::string>& service
     };
 }
 
+json areaCodeJson(const std::string& phone) {
+    const auto code = AreaCodes::areaCode(phone);
+    if (!code) {
+        return {{"code", nullptr}, {"label", nullptr}};
+    }
+    return {{"code", *code}, {"label", AreaCodes::label(*code)}};
+}
+
+json addressJson(const std::string& text) {
+    const auto parsed = AddressParser::parse(text);
+    if (!parsed) {
+        return nullptr;
+    }
+    return {
+        {"street", parsed->street},         {"city", parsed->city},       {"state", parsed->state},
+        {"postalCode", parsed->postalCode}, {"country", parsed->country},
+    };
+}
+
 } // namespace
 
 void addInspectCommands(CLI::App& app) {
@@ -117,6 +138,15 @@ void addInspectCommands(CLI::App& app) {
         printJson(
             {{"looksLikePhone", looksLikePhone(*text)}, {"phoneForLink", optionalJson(phoneForLink(*text))}});
     });
+
+    auto* areaCode =
+        inspect->add_subcommand("areacode", "The area or country code a phone number sorts under");
+    areaCode->add_option("PHONE", *text, "A phone number as typed")->required();
+    areaCode->callback([text] { printJson(areaCodeJson(*text)); });
+
+    auto* address = inspect->add_subcommand("address", "The parts of a pasted postal address");
+    address->add_option("TEXT", *text, "An address on one line or several")->required();
+    address->callback([text] { printJson(addressJson(*text)); });
 }
 
 } // namespace kinbook::cli

@@ -1,10 +1,14 @@
 #include "KinbookKit/Version.h"
+#include "KinbookKit/text/SystemdJournal.h"
 #include "cli/InspectCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
 
 int main(int argc, char** argv) {
+    // Log lines go to the journal too, where one runs.
+    kinbook::installSystemdJournal();
+
     CLI::App app{fmt::format("kinbook: the command-line face of {}", kinbook::kProductName), "kinbook"};
     app.set_version_flag("--version", fmt::format("kinbook {}", kinbook::kVersion));
     app.require_subcommand(0, 1);

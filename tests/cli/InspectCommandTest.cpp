@@ -1,15 +1,14 @@
 // Runs the real `kinbook` binary, as a user would, and reads its JSON.
 
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cstdio>
 #include <string>
 #include <vector>
-
-#include <sys/wait.h>
-
-#include <nlohmann/json.hpp>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -95,6 +94,18 @@ TEST(KinbookInspect, FoldLabelAndPhone) {
     EXPECT_EQ(phone["looksLikePhone"], true);
     EXPECT_EQ(phone["phoneForLink"], "+13105550104");
     EXPECT_TRUE(inspectJson({"phone", "12345"})["phoneForLink"].is_null());
+}
+
+TEST(KinbookInspect, AreaCodeAndAddress) {
+    EXPECT_EQ(inspectJson({"areacode", "(212) 555-0100"}),
+              nlohmann::json::parse(R"({"code":"212","label":"212 \u00b7 New York \u00b7 Northeast"})"));
+    EXPECT_EQ(inspectJson({"areacode", "0044 20 7946 0000"})["label"], "+44 \u00B7 United Kingdom");
+    EXPECT_EQ(inspectJson({"areacode", "555-0100"}), nlohmann::json::parse(R"({"code":null,"label":null})"));
+    const auto address = inspectJson({"address", "295 park avenue south Apt 8J , manhattan, NY"});
+    EXPECT_EQ(address["street"], "295 Park Avenue South\nApt 8J");
+    EXPECT_EQ(address["city"], "Manhattan");
+    EXPECT_EQ(address["state"], "NY");
+    EXPECT_TRUE(inspectJson({"address", "12 Main Street"}).is_null());
 }
 
 TEST(KinbookInspect, UnusableArgumentsExitNonZeroWithAMessage) {
