@@ -1,29 +1,13 @@
 #include "KinbookKit/records/Account.h"
 
 #include "KinbookKit/Hash.h"
+#include "KinbookKit/text/Ascii.h"
 
 #include <nlohmann/json.hpp>
 
 namespace kinbook {
-namespace {
-
-std::string_view trimmed(std::string_view text) {
-    const auto isSpace = [](char c) {
-        return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
-    };
-    while (!text.empty() && isSpace(text.front())) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && isSpace(text.back())) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
-} // namespace
-
 std::string Account::displayName(const AccountContainer& container) {
-    const std::string_view name = trimmed(container.name);
+    const std::string_view name = trimAsciiSpace(container.name);
     if (!name.empty() && name != "Card" && name != "Contacts") {
         return std::string(name);
     }

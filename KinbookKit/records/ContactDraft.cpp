@@ -3,13 +3,10 @@
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/records/KinID.h"
 #include "KinbookKit/records/StockLabel.h"
+#include "KinbookKit/text/Ascii.h"
 
 namespace kinbook {
 namespace {
-
-bool isBlank(std::string_view text, std::string_view blanks) {
-    return text.find_first_not_of(blanks) == std::string_view::npos;
-}
 
 std::vector<ContactDraft::Field> fieldsFrom(const std::vector<ContactCard::Item>& items) {
     std::vector<ContactDraft::Field> fields;

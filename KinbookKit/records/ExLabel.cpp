@@ -1,23 +1,12 @@
 #include "KinbookKit/records/ExLabel.h"
 
 #include "KinbookKit/records/StockLabel.h"
+#include "KinbookKit/text/Ascii.h"
 
 #include <array>
 
 namespace kinbook::ExLabel {
 namespace {
-
-char asciiLower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
-std::string asciiLowered(std::string_view text) {
-    std::string out(text);
-    for (auto& c : out) {
-        c = asciiLower(c);
-    }
-    return out;
-}
 
 // The labels a former label can turn back into, in the order they are tried.
 constexpr std::array<StockLabel, 9> kRestorable{

@@ -1,6 +1,7 @@
 #include "KinbookKit/records/KinID.h"
 
 #include "KinbookKit/SecureRandom.h"
+#include "KinbookKit/text/Ascii.h"
 
 #include <utf8proc.h>
 
@@ -8,10 +9,6 @@
 
 namespace kinbook {
 namespace {
-
-char asciiLower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c;
-}
 
 bool isLetterOrDigit(std::int32_t codepoint) {
     switch (utf8proc_category(codepoint)) {

@@ -1,5 +1,7 @@
 #include "KinbookKit/records/LinkService.h"
 
+#include "KinbookKit/text/Ascii.h"
+
 #include <unicode/utf8.h>
 
 #include <array>
@@ -38,34 +40,6 @@ struct ServiceInfo {
 
 // ---------------------------------------------------------------------------
 // Text helpers
-
-bool isASCIISpace(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-char lowerASCII(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (lowerASCII(a[i]) != lowerASCII(b[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && equalsIgnoringCase(text.substr(0, prefix.size()), prefix);
-}
 
 // White space as a pasted text may carry it: ASCII, the no-break spaces that
 // web pages put around names, and the Unicode line and space separators.
@@ -118,7 +92,7 @@ bool isValidUTF8(std::string_view text) {
 std::string digitsOf(std::string_view text) {
     std::string digits;
     for (char c : text) {
-        if (isDigit(c)) {
+        if (isAsciiDigit(c)) {
             digits.push_back(c);
         }
     }
@@ -126,10 +100,10 @@ std::string digitsOf(std::string_view text) {
 }
 
 int hexValue(char c) {
-    if (isDigit(c)) {
+    if (isAsciiDigit(c)) {
         return c - '0';
     }
-    const char lower = lowerASCII(c);
+    const char lower = asciiLower(c);
     if (lower >= 'a' && lower <= 'f') {
         return lower - 'a' + 10;
     }
@@ -154,7 +128,7 @@ std::string percentDecoded(std::string_view text) {
 }
 
 bool isUnreserved(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || isDigit(c) || c == '-' || c == '.' ||
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || isAsciiDigit(c) || c == '-' || c == '.' ||
            c == '_' || c == '~';
 }
 
@@ -219,7 +193,7 @@ std::optional<std::string> queryValue(std::string_view query, std::string_view k
         }
         const std::string_view item = query.substr(start, end - start);
         const std::size_t equals = item.find('=');
-        if (equals != std::string_view::npos && equalsIgnoringCase(item.substr(0, equals), key)) {
+        if (equals != std::string_view::npos && equalsIgnoringAsciiCase(item.substr(0, equals), key)) {
             return percentDecoded(item.substr(equals + 1));
         }
         start = end + 1;
@@ -250,7 +224,7 @@ std::optional<ProfileAddress> parseProfileAddress(std::string_view text) {
     for (std::size_t i = 0; i < schemeEnd; ++i) {
         const char c = url[i];
         const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-        if (!letter && (i == 0 || (!isDigit(c) && c != '+' && c != '-' && c != '.'))) {
+        if (!letter && (i == 0 || (!isAsciiDigit(c) && c != '+' && c != '-' && c != '.'))) {
             return std::nullopt;
         }
     }
@@ -273,7 +247,7 @@ std::optional<ProfileAddress> parseProfileAddress(std::string_view text) {
 
     ProfileAddress address;
     for (char c : hostText) {
-        address.host.push_back(lowerASCII(c));
+        address.host.push_back(asciiLower(c));
     }
     // A fully qualified name ends in a dot; it names the same host.
     if (!address.host.empty() && address.host.back() == '.') {
@@ -313,7 +287,7 @@ std::optional<std::string> usableHandle(std::string handle) {
         return std::nullopt;
     }
     for (char c : handle) {
-        if (isASCIISpace(c) || static_cast<std::uint8_t>(c) < 0x20 || c == 0x7F) {
+        if (isAsciiSpace(c) || static_cast<std::uint8_t>(c) < 0x20 || c == 0x7F) {
             return std::nullopt;
         }
     }
@@ -325,7 +299,7 @@ std::optional<std::string> usableHandle(std::string handle) {
 
 bool isReserved(std::string_view segment, std::span<const std::string_view> reserved) {
     for (std::string_view word : reserved) {
-        if (equalsIgnoringCase(segment, word)) {
+        if (equalsIgnoringAsciiCase(segment, word)) {
             return true;
         }
     }
@@ -365,7 +339,7 @@ std::optional<std::string> atSegmentHandle(const ProfileAddress& address, PathRe
 std::optional<std::string> wordThenHandle(const ProfileAddress& address, PathReading reading,
                                           std::string_view word) {
     const auto& segments = address.segments;
-    if (segments.size() < 2 || !equalsIgnoringCase(segments[0], word)) {
+    if (segments.size() < 2 || !equalsIgnoringAsciiCase(segments[0], word)) {
         return std::nullopt;
     }
     if (reading == PathReading::wholePath && segments.size() != 2) {
@@ -397,7 +371,7 @@ std::optional<std::string> readWhatsApp(const ProfileAddress& address, PathReadi
     if (segments.empty()) {
         return std::nullopt;
     }
-    if (equalsIgnoringCase(segments[0], "send")) {
+    if (equalsIgnoringAsciiCase(segments[0], "send")) {
         const auto phone = queryValue(address.query, "phone");
         return phone ? internationalPhone(*phone) : std::nullopt;
     }
@@ -455,7 +429,7 @@ constexpr std::string_view kFacebookReserved[] = {
 
 std::optional<std::string> readFacebook(const ProfileAddress& address, PathReading reading) {
     const auto& segments = address.segments;
-    if (!segments.empty() && equalsIgnoringCase(segments[0], "profile.php")) {
+    if (!segments.empty() && equalsIgnoringAsciiCase(segments[0], "profile.php")) {
         // Accounts without a user name are addressed by number; the number
         // is also a valid "/" + handle address.
         if (reading == PathReading::wholePath && segments.size() != 1) {
@@ -464,7 +438,7 @@ std::optional<std::string> readFacebook(const ProfileAddress& address, PathReadi
         const auto id = queryValue(address.query, "id");
         return id ? usableHandle(*id) : std::nullopt;
     }
-    if (!segments.empty() && equalsIgnoringCase(segments[0], "people")) {
+    if (!segments.empty() && equalsIgnoringAsciiCase(segments[0], "people")) {
         // "/people/Display-Name/number"
         if (segments.size() < 3 || (reading == PathReading::wholePath && segments.size() != 3)) {
             return std::nullopt;
@@ -476,10 +450,10 @@ std::optional<std::string> readFacebook(const ProfileAddress& address, PathReadi
 
 std::optional<std::string> readLinkedIn(const ProfileAddress& address, PathReading reading) {
     const auto& segments = address.segments;
-    if (segments.size() >= 2 && equalsIgnoringCase(segments[0], "pub")) {
+    if (segments.size() >= 2 && equalsIgnoringAsciiCase(segments[0], "pub")) {
         // Old public profiles trail three number segments after the name;
         // "/pub/dir/..." is the member directory, not a profile.
-        if (equalsIgnoringCase(segments[1], "dir")) {
+        if (equalsIgnoringAsciiCase(segments[1], "dir")) {
             return std::nullopt;
         }
         return usableHandle(segments[1]);
@@ -641,7 +615,7 @@ std::optional<LinkService> serviceNamed(std::string_view name) {
         return std::nullopt;
     }
     for (const ServiceInfo& entry : kServices) {
-        if (equalsIgnoringCase(name, entry.name) || equalsIgnoringCase(name, entry.displayName)) {
+        if (equalsIgnoringAsciiCase(name, entry.name) || equalsIgnoringAsciiCase(name, entry.displayName)) {
             return entry.service;
         }
     }
@@ -654,7 +628,7 @@ bool looksLikePhone(std::string_view text) {
     }
     std::size_t digits = 0;
     for (char c : text) {
-        if (isDigit(c)) {
+        if (isAsciiDigit(c)) {
             ++digits;
         } else if (std::string_view("+ ()-.").find(c) == std::string_view::npos) {
             return false;
@@ -835,7 +809,7 @@ std::optional<LinkedAccount> linkFromSocialProfile(std::string_view entryID, std
     if (handle.empty()) {
         // Profiles of services that have no address scheme store the user
         // name itself behind an "x-apple:" marker.
-        if (startsWithIgnoringCase(address, "x-apple:")) {
+        if (startsWithIgnoringAsciiCase(address, "x-apple:")) {
             handle = percentDecoded(trimWhitespace(address.substr(8)));
         } else if (auto found = handleFromAddress(*service, address, PathReading::leadingPart)) {
             handle = std::move(*found);

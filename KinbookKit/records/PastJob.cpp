@@ -1,18 +1,11 @@
 #include "KinbookKit/records/PastJob.h"
 
 #include "KinbookKit/SecureRandom.h"
+#include "KinbookKit/text/Ascii.h"
 
 #include <nlohmann/json.hpp>
 
 namespace kinbook {
-namespace {
-
-bool isBlank(std::string_view text) {
-    return text.find_first_not_of(' ') == std::string_view::npos;
-}
-
-} // namespace
-
 PastJob PastJob::make(std::string company, std::string title, std::string years) {
     return PastJob{makeUUID(), std::move(company), std::move(title), std::move(years)};
 }

@@ -1,5 +1,7 @@
 #include "KinbookKit/records/StockLabel.h"
 
+#include "KinbookKit/text/Ascii.h"
+
 #include <array>
 
 namespace kinbook {
@@ -34,19 +36,6 @@ constexpr std::array<StockLabel, 12> kAll{
 
 const StockLabelRow& row(StockLabel label) {
     return kRows[static_cast<std::size_t>(label)];
-}
-
-bool equalsIgnoringAsciiCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        auto lower = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
-        if (lower(a[i]) != lower(b[i])) {
-            return false;
-        }
-    }
-    return true;
 }
 
 } // namespace

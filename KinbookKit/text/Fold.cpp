@@ -1,5 +1,7 @@
 #include "KinbookKit/text/Fold.h"
 
+#include "KinbookKit/text/Ascii.h"
+
 #include <utf8proc.h>
 
 #include <array>
@@ -99,10 +101,6 @@ private:
 PageTable& pages() {
     static PageTable table;
     return table;
-}
-
-char asciiLower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
 } // namespace
