@@ -41,7 +41,7 @@ public:
         return read(static_cast<std::uint32_t>(-adjustment)) == 0 && !m_failed;
     }
 
-    void refill() {
+    [[gnu::always_inline]] void refill() {
         const std::uint32_t bytes = (63 - m_count) >> 3;
         if (bytes == 0) {
             return;
@@ -60,14 +60,21 @@ public:
         }
     }
 
-    std::uint32_t read(std::uint32_t bits) {
+    [[gnu::always_inline]] std::uint32_t read(std::uint32_t bits) {
         if (bits > m_count) {
             m_failed = true;
             return 0;
         }
+        return readUnchecked(bits);
+    }
+
+    // For callers that made sure `bits <= available()`.
+    [[gnu::always_inline]] std::uint32_t readUnchecked(std::uint32_t bits) {
         m_count -= bits;
         return static_cast<std::uint32_t>((m_acc >> m_count) & ((std::uint64_t{1} << bits) - 1));
     }
+
+    std::uint32_t available() const { return m_count; }
 
     bool failed() const { return m_failed; }
 
@@ -115,13 +122,15 @@ void forEachState(std::span<const std::uint16_t> frequencies, std::uint32_t stat
         }
         const std::uint32_t k = logStates - floorLog2(f);
         const std::uint32_t j0 = ((2 * states) >> k) - f;
-        for (std::uint32_t j = 0; j < f; ++j, ++state) {
-            if (j < j0) {
-                fill(state, symbol, k, ((f + j) << k) - states);
-            } else {
-                fill(state, symbol, k - 1, (j - j0) << (k - 1));
-            }
+        // The first j0 states of the run read k bits, the rest k - 1.
+        const std::uint32_t wide = std::min(j0, f);
+        for (std::uint32_t j = 0; j < wide; ++j) {
+            fill(state + j, symbol, k, ((f + j) << k) - states);
         }
+        for (std::uint32_t j = wide; j < f; ++j) {
+            fill(state + j, symbol, k - 1, (j - j0) << (k - 1));
+        }
+        state += f;
     }
 }
 
@@ -143,9 +152,16 @@ void buildValueTable(std::span<const std::uint16_t> frequencies, std::uint32_t s
                  });
 }
 
-inline std::uint32_t decodeValue(const ValueEntry* table, std::uint32_t& state, BackwardBitReader& reader) {
+// The most bits one literal group and one triple take from their streams.
+constexpr std::uint32_t literalGroupBits = 4 * 10;
+constexpr std::uint32_t tripleBits = 14 + 17 + 23;
+
+template <bool Checked>
+[[gnu::always_inline]] inline std::uint32_t decodeValue(const ValueEntry* table, std::uint32_t& state,
+                                                        BackwardBitReader& reader) {
     const ValueEntry entry = table[state];
-    const std::uint32_t field = reader.read(entry.totalBits);
+    const std::uint32_t field =
+        Checked ? reader.read(entry.totalBits) : reader.readUnchecked(entry.totalBits);
     state = entry.nextBase + (field >> entry.extraBits);
     return entry.valueBase + (field & ((1u << entry.extraBits) - 1));
 }
@@ -315,6 +331,104 @@ inline void copyLiterals(std::uint8_t* dst, const std::uint8_t* src, std::size_t
     }
 }
 
+// Decodes `groups` groups of 4 literals from four interleaved states over
+// one backward bit stream. False when the stream is malformed.
+bool decodeLiterals(const LiteralEntry* table, const std::uint8_t* begin, const std::uint8_t* end,
+                    std::int32_t adjustment, const std::array<std::uint32_t, 4>& initialState,
+                    std::uint32_t groups, std::uint8_t* lit) {
+    BackwardBitReader reader;
+    if (!reader.init(begin, end, adjustment)) {
+        return false;
+    }
+    std::uint32_t s0 = initialState[0];
+    std::uint32_t s1 = initialState[1];
+    std::uint32_t s2 = initialState[2];
+    std::uint32_t s3 = initialState[3];
+    for (std::uint32_t g = 0; g < groups; ++g, lit += 4) {
+        reader.refill();
+        const bool checked = reader.available() < literalGroupBits;
+        auto step = [&](std::uint32_t& state, std::uint8_t* target) {
+            const LiteralEntry entry = table[state];
+            *target = entry.symbol;
+            state = entry.nextBase + (checked ? reader.read(entry.bits) : reader.readUnchecked(entry.bits));
+        };
+        step(s0, lit);
+        step(s1, lit + 1);
+        step(s2, lit + 2);
+        step(s3, lit + 3);
+        if (checked && reader.failed()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Where the triples of one block are coded, and their initial states.
+struct TripleStream {
+    const std::uint8_t* begin;
+    const std::uint8_t* end;
+    std::int32_t adjustment;
+    std::uint32_t lState;
+    std::uint32_t mState;
+    std::uint32_t dState;
+    std::uint32_t count;
+};
+
+// Decodes the triples of one block and runs them: literals from `literals`,
+// then a match into the output, which starts at `base` and must be filled
+// from `out` up to `outEnd` exactly.
+std::optional<LzfseError> runTriples(const ValueEntry* lTable, const ValueEntry* mTable,
+                                     const ValueEntry* dTable, const TripleStream& stream,
+                                     std::span<const std::uint8_t> literals, std::uint8_t* const base,
+                                     std::uint8_t*& out, std::uint8_t* const outEnd) {
+    BackwardBitReader reader;
+    if (!reader.init(stream.begin, stream.end, stream.adjustment)) {
+        return LzfseError::badBitStream;
+    }
+    std::uint32_t lState = stream.lState;
+    std::uint32_t mState = stream.mState;
+    std::uint32_t dState = stream.dState;
+    const std::uint8_t* lit = literals.data();
+    const std::uint8_t* const litEnd = lit + literals.size();
+    std::size_t previousDistance = 0; // none yet in this block
+    for (std::uint32_t i = 0; i < stream.count; ++i) {
+        reader.refill();
+        std::uint32_t literalCount;
+        std::uint32_t matchCount;
+        std::uint32_t codedDistance;
+        if (reader.available() >= tripleBits) {
+            literalCount = decodeValue<false>(lTable, lState, reader);
+            matchCount = decodeValue<false>(mTable, mState, reader);
+            codedDistance = decodeValue<false>(dTable, dState, reader);
+        } else {
+            literalCount = decodeValue<true>(lTable, lState, reader);
+            matchCount = decodeValue<true>(mTable, mState, reader);
+            codedDistance = decodeValue<true>(dTable, dState, reader);
+            if (reader.failed()) {
+                return LzfseError::badBitStream;
+            }
+        }
+        const std::size_t distance = codedDistance != 0 ? codedDistance : previousDistance;
+        previousDistance = distance;
+        if (literalCount > static_cast<std::size_t>(litEnd - lit)) {
+            return LzfseError::badBlockHeader;
+        }
+        const std::size_t room = static_cast<std::size_t>(outEnd - out);
+        if (std::size_t{literalCount} + matchCount > room) {
+            return LzfseError::contentSizeMismatch;
+        }
+        copyLiterals(out, lit, literalCount, room);
+        out += literalCount;
+        lit += literalCount;
+        if (distance == 0 || distance > static_cast<std::size_t>(out - base)) {
+            return LzfseError::badDistance;
+        }
+        copyMatch(out, distance, matchCount, room - literalCount);
+        out += matchCount;
+    }
+    return std::nullopt;
+}
+
 // Decodes LZFSE stream blocks into one contiguous output buffer, so that
 // matches can reach into content of earlier blocks.
 class StreamDecoder {
@@ -414,9 +528,10 @@ private:
     std::span<const std::uint8_t> m_input;
     std::size_t m_sizeLimit;
     std::vector<std::uint8_t> m_output;
-    // Scratch for one block's literals, allocated on the first LZFSE block.
-    std::unique_ptr<std::uint8_t[]> m_literals;
-    std::unique_ptr<LiteralEntry[]> m_literalTable;
+    // Scratch for one block's literals and their decoding table, sized on
+    // the first LZFSE block that needs them.
+    std::vector<std::uint8_t> m_literals;
+    std::vector<LiteralEntry> m_literalTable;
 };
 
 enum class LzvnOp : std::uint8_t { smlD, medD, lrgD, preD, smlM, lrgM, smlL, lrgL, nop, eos, udef };
@@ -628,31 +743,18 @@ std::optional<LzfseError> StreamDecoder::decodeLzfseBlock(std::span<const std::u
     // Literals are decoded in groups of 4, so a count that is not a multiple
     // of 4 is rounded up as the reference decoder does; only the true count
     // may be used by the triples.
+    // The slack lets literal copies run in 16-byte steps past the last literal.
     constexpr std::size_t literalSlack = 64;
-    if (!m_literals) {
-        m_literals = std::make_unique<std::uint8_t[]>(maxLiteralsPerBlock + literalSlack);
-        m_literalTable = std::make_unique<LiteralEntry[]>(literalStates);
+    const std::uint32_t literalGroups = (header.literals + 3) / 4;
+    if (m_literals.size() < std::size_t{literalGroups} * 4 + literalSlack) {
+        m_literals.resize(std::size_t{literalGroups} * 4 + literalSlack);
     }
     if (usesLiterals) {
-        buildLiteralTable(header.literalFrequencies, std::span(m_literalTable.get(), literalStates));
-        BackwardBitReader reader;
-        if (!reader.init(literalPayload, lmdPayload, header.literalBits)) {
+        m_literalTable.resize(literalStates);
+        buildLiteralTable(header.literalFrequencies, m_literalTable);
+        if (!decodeLiterals(m_literalTable.data(), literalPayload, lmdPayload, header.literalBits,
+                            header.literalState, literalGroups, m_literals.data())) {
             return LzfseError::badBitStream;
-        }
-        const LiteralEntry* table = m_literalTable.get();
-        std::array<std::uint32_t, 4> state = header.literalState;
-        const std::uint32_t groups = (header.literals + 3) / 4;
-        std::uint8_t* lit = m_literals.get();
-        for (std::uint32_t g = 0; g < groups; ++g, lit += 4) {
-            reader.refill();
-            for (std::size_t k = 0; k < 4; ++k) {
-                const LiteralEntry entry = table[state[k]];
-                lit[k] = entry.symbol;
-                state[k] = entry.nextBase + reader.read(entry.bits);
-            }
-            if (reader.failed()) {
-                return LzfseError::badBitStream;
-            }
         }
     }
 
@@ -666,41 +768,11 @@ std::optional<LzfseError> StreamDecoder::decodeLzfseBlock(std::span<const std::u
         buildValueTable(header.lFrequencies, lStates, lExtraBits, lBaseValue, lTable);
         buildValueTable(header.mFrequencies, mStates, mExtraBits, mBaseValue, mTable);
         buildValueTable(header.dFrequencies, dStates, dExtraBits, dBaseValue, dTable);
-        BackwardBitReader reader;
-        if (!reader.init(lmdPayload, lmdEnd, header.lmdBits)) {
-            return LzfseError::badBitStream;
-        }
-        std::uint32_t lState = header.lState;
-        std::uint32_t mState = header.mState;
-        std::uint32_t dState = header.dState;
-        const std::uint8_t* lit = m_literals.get();
-        const std::uint8_t* const litEnd = lit + header.literals;
-        std::size_t previousDistance = 0; // none yet in this block
-        for (std::uint32_t i = 0; i < header.matches; ++i) {
-            reader.refill();
-            const std::uint32_t literalCount = decodeValue(lTable.data(), lState, reader);
-            const std::uint32_t matchCount = decodeValue(mTable.data(), mState, reader);
-            const std::uint32_t codedDistance = decodeValue(dTable.data(), dState, reader);
-            if (reader.failed()) {
-                return LzfseError::badBitStream;
-            }
-            const std::size_t distance = codedDistance != 0 ? codedDistance : previousDistance;
-            previousDistance = distance;
-            if (literalCount > static_cast<std::size_t>(litEnd - lit)) {
-                return LzfseError::badBlockHeader;
-            }
-            const std::size_t room = static_cast<std::size_t>(outEnd - out);
-            if (std::size_t{literalCount} + matchCount > room) {
-                return LzfseError::contentSizeMismatch;
-            }
-            copyLiterals(out, lit, literalCount, room);
-            out += literalCount;
-            lit += literalCount;
-            if (distance == 0 || distance > static_cast<std::size_t>(out - base)) {
-                return LzfseError::badDistance;
-            }
-            copyMatch(out, distance, matchCount, room - literalCount);
-            out += matchCount;
+        TripleStream triples{lmdPayload,    lmdEnd,        header.lmdBits, header.lState,
+                             header.mState, header.dState, header.matches};
+        if (auto error = runTriples(lTable.data(), mTable.data(), dTable.data(), triples,
+                                    std::span(m_literals.data(), header.literals), base, out, outEnd)) {
+            return error;
         }
     }
     if (out != outEnd) {

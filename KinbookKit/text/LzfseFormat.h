@@ -4,6 +4,7 @@
 // Internal to the codec; not part of the library's interface.
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -79,7 +80,12 @@ inline std::uint32_t loadU32(const std::uint8_t* p) {
 }
 
 inline std::uint64_t loadU64(const std::uint8_t* p) {
-    return static_cast<std::uint64_t>(loadU32(p)) | static_cast<std::uint64_t>(loadU32(p + 4)) << 32;
+    std::uint64_t value;
+    std::memcpy(&value, p, sizeof value);
+    if constexpr (std::endian::native == std::endian::big) {
+        value = __builtin_bswap64(value);
+    }
+    return value;
 }
 
 inline std::uint16_t loadU16(const std::uint8_t* p) {
