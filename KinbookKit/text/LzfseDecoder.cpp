@@ -713,11 +713,17 @@ std::optional<LzfseError> StreamDecoder::decodeLzfseBlock(std::span<const std::u
     if (total > block.size()) {
         return LzfseError::truncated;
     }
-    // Each triple takes at most 315 literals and copies at most 2359 bytes, so
-    // a larger claim is not trusted with an allocation.
+    // What the block could produce at most: each triple takes at most 315
+    // literals, copies up to 15 bytes for free and every further byte costs
+    // match-length extra bits, at best 11 bits for 2344 bytes. A larger claim
+    // is not trusted with an allocation.
+    constexpr std::uint64_t freeMatchBytes = 15;
+    constexpr std::uint64_t matchBytesPerBit = (maxM - freeMatchBytes + 10) / 11;
     const std::uint64_t plausible =
         std::min<std::uint64_t>(header.literals, std::uint64_t{header.matches} * maxL) +
-        std::uint64_t{header.matches} * maxM;
+        std::min<std::uint64_t>(std::uint64_t{header.matches} * maxM,
+                                std::uint64_t{header.matches} * freeMatchBytes +
+                                    std::uint64_t{header.lmdPayloadBytes} * 8 * matchBytesPerBit);
     if (header.rawBytes > plausible) {
         return LzfseError::badBlockHeader;
     }

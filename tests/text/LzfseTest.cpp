@@ -147,6 +147,39 @@ TEST(LzfseDecompressTest, SingleBitFlipsNeverChangeTheDecodedSize) {
     }
 }
 
+// A block header's size is only a claim: one that the block's payload could
+// never produce is refused before any memory is set aside for it.
+TEST(LzfseDecompressTest, RefusesAClaimedSizeTheBlockCannotProduce) {
+    struct Case {
+        const char* what;
+        const char* vector;
+        std::uint32_t rawBytes;
+        std::uint32_t matches; // 0: unchanged
+    };
+    const Case cases[] = {
+        {"more than its triples can copy", "text-4096.lzfse", 20'000'000, 0},
+        {"more than its triples can copy", "run-100k.lzfse", 200'000, 0},
+        // 10 000 triples could copy 23 MB, but not with 301 bytes of match codes.
+        {"more than its match codes can pay for", "text-4096.lzfse", 1'000'000, 10'000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto stream = readVector(c.vector);
+        for (int i = 0; i < 4; ++i) {
+            stream[4 + i] = static_cast<std::uint8_t>(c.rawBytes >> (8 * i));
+        }
+        if (c.matches != 0) {
+            // n_matches: bits 40..59 of the first packed word, at byte 8.
+            stream[13] = static_cast<std::uint8_t>(c.matches);
+            stream[14] = static_cast<std::uint8_t>(c.matches >> 8);
+            stream[15] = static_cast<std::uint8_t>((stream[15] & 0xF0) | ((c.matches >> 16) & 0x0F));
+        }
+        const auto result = lzfseDecompress(stream, generousLimit);
+        ASSERT_FALSE(result.ok());
+        EXPECT_EQ(result.error(), LzfseError::badBlockHeader);
+    }
+}
+
 TEST(LzfseDecompressTest, IgnoresBytesAfterTheEndOfStream) {
     auto stream = readVector("five-bytes.lzfse");
     stream.insert(stream.end(), {0xDE, 0xAD, 0xBE, 0xEF, 0x00});
