@@ -1,12 +1,12 @@
 #include "KinbookKit/text/Fold.h"
 
+#include <utf8proc.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-
-#include <utf8proc.h>
 
 namespace kinbook {
 namespace {
@@ -101,7 +101,9 @@ PageTable& pages() {
     return table;
 }
 
-char asciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c; }
+char asciiLower(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c;
+}
 
 } // namespace
 
@@ -118,8 +120,8 @@ void foldInto(std::string& out, std::string_view text) {
             continue;
         }
         std::int32_t codepoint = 0;
-        const auto length = utf8proc_iterate(bytes + position, static_cast<utf8proc_ssize_t>(text.size() - position),
-                                             &codepoint);
+        const auto length = utf8proc_iterate(
+            bytes + position, static_cast<utf8proc_ssize_t>(text.size() - position), &codepoint);
         if (length <= 0) {
             out.push_back(static_cast<char>(byte));
             ++position;

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
 #include <optional>
 
 namespace kinbook {

@@ -399,17 +399,13 @@ struct Match {
 class MatchFinder {
 public:
     static constexpr std::uint32_t hashBits = 14;
-    static constexpr std::size_t ways = 4;
+    static constexpr std::size_t ways = 4; // the inserts below assume 4
 
-    // Every slot starts out as position 0 with its true bytes, so that no
-    // slot ever describes bytes the input does not hold.
-    explicit MatchFinder(std::span<const std::uint8_t> input) : m_input(input), m_buckets(1u << hashBits) {
-        if (input.size() >= 4) {
-            Bucket initial;
-            initial.value.fill(loadU32(input.data()));
-            std::fill(m_buckets.begin(), m_buckets.end(), initial);
-        }
-    }
+    // Slots start zeroed: position 0 with a value that is only a guess, so a
+    // candidate at position 0 is checked against the input itself.
+    explicit MatchFinder(std::span<const std::uint8_t> input)
+        : m_input(input), m_buckets(1u << hashBits),
+          m_firstValue(input.size() >= 4 ? loadU32(input.data()) : 0) {}
 
     // The longest earlier match for position `i` (which needs 4 readable bytes),
     // extended backwards no further than `floor`. Records `i` afterwards.
@@ -420,7 +416,8 @@ public:
         Match best;
         for (std::size_t w = 0; w < ways; ++w) {
             const std::size_t candidate = bucket.position[w];
-            if (bucket.value[w] != value || candidate >= i || i - candidate > maxD) {
+            if (bucket.value[w] != value || candidate >= i || i - candidate > maxD ||
+                (candidate == 0 && m_firstValue != value)) {
                 continue;
             }
             const std::size_t length = 4 + commonLength(p + i + 4, p + candidate + 4, m_input.size() - i - 4);
@@ -453,16 +450,15 @@ private:
     static std::uint32_t hash(std::uint32_t value) { return (value * 2654435761u) >> (32 - hashBits); }
 
     static void insert(Bucket& bucket, std::size_t i, std::uint32_t value) {
-        for (std::size_t w = ways - 1; w > 0; --w) {
-            bucket.position[w] = bucket.position[w - 1];
-            bucket.value[w] = bucket.value[w - 1];
-        }
-        bucket.position[0] = static_cast<std::uint32_t>(i);
-        bucket.value[0] = value;
+        // Written as whole arrays: a shifting loop becomes a memmove call.
+        bucket.position = {static_cast<std::uint32_t>(i), bucket.position[0], bucket.position[1],
+                           bucket.position[2]};
+        bucket.value = {value, bucket.value[0], bucket.value[1], bucket.value[2]};
     }
 
     std::span<const std::uint8_t> m_input;
     std::vector<Bucket> m_buckets;
+    std::uint32_t m_firstValue;
 };
 
 } // namespace

@@ -13,8 +13,11 @@ namespace kinbook::lzfse {
 
 namespace {
 
-constexpr std::uint32_t hashBits = 14;
-constexpr std::size_t ways = 4;
+// The hash table grows with the input up to 2^14 buckets; LZVN inputs are
+// small, and clearing a table much larger than the input would dominate.
+constexpr std::uint32_t maxHashBits = 14;
+constexpr std::uint32_t minHashBits = 8;
+constexpr std::size_t ways = 4; // the inserts below assume 4
 constexpr std::size_t minMatch = 3;
 // Distances below this fit the two-byte small-distance instruction.
 constexpr std::uint32_t smallDistanceLimit = 1536;
@@ -148,17 +151,15 @@ struct Bucket {
     std::array<std::uint32_t, ways> value{};
 };
 
-std::uint32_t hash(std::uint32_t value) {
+std::uint32_t hash(std::uint32_t value, std::uint32_t hashBits) {
     return (((value & 0xFFFFFF) * (1u + (1u << 6) + (1u << 12))) >> 12) & ((1u << hashBits) - 1);
 }
 
 void insert(Bucket& bucket, std::size_t i, std::uint32_t value) {
-    for (std::size_t w = ways - 1; w > 0; --w) {
-        bucket.position[w] = bucket.position[w - 1];
-        bucket.value[w] = bucket.value[w - 1];
-    }
-    bucket.position[0] = static_cast<std::uint32_t>(i);
-    bucket.value[0] = value;
+    // Written as whole arrays: a shifting loop becomes a memmove call.
+    bucket.position = {static_cast<std::uint32_t>(i), bucket.position[0], bucket.position[1],
+                       bucket.position[2]};
+    bucket.value = {value, bucket.value[0], bucket.value[1], bucket.value[2]};
 }
 
 } // namespace
@@ -168,12 +169,11 @@ std::vector<std::uint8_t> encodeLzvnPayload(std::span<const std::uint8_t> input)
     const std::uint8_t* p = input.data();
     const std::size_t size = input.size();
     const std::size_t searchEnd = size >= 8 ? size - 8 : 0;
+    const std::uint32_t hashBits =
+        std::clamp<std::uint32_t>(static_cast<std::uint32_t>(std::bit_width(size)), minHashBits, maxHashBits);
+    // Slots start zeroed; the zero value of a slot at position 0 is only a
+    // guess, which `consider` checks against the input itself.
     std::vector<Bucket> buckets(std::size_t{1} << hashBits);
-    if (size >= 4) {
-        Bucket initial;
-        initial.value.fill(loadU32(p));
-        std::fill(buckets.begin(), buckets.end(), initial);
-    }
 
     std::size_t literalStart = 0;
     Match pending;
@@ -212,13 +212,13 @@ std::vector<std::uint8_t> encodeLzvnPayload(std::span<const std::uint8_t> input)
     auto skipTo = [&](std::size_t target) {
         for (std::size_t j = i + 1; j < target && j < searchEnd; ++j) {
             const std::uint32_t value = loadU32(p + j);
-            insert(buckets[hash(value)], j, value);
+            insert(buckets[hash(value, hashBits)], j, value);
         }
         i = std::max(i + 1, target);
     };
     while (i < searchEnd) {
         const std::uint32_t value = loadU32(p + i);
-        Bucket& bucket = buckets[hash(value)];
+        Bucket& bucket = buckets[hash(value, hashBits)];
         Match best;
         for (std::size_t w = 0; w < ways; ++w) {
             if (((bucket.value[w] ^ value) & 0xFFFFFF) == 0) {
