@@ -98,6 +98,28 @@ private:
     std::array<std::atomic<const Page*>, 256> m_pages{};
 };
 
+// Decodes one UTF-8 sequence; the length, or -1 for an invalid one. Two- and
+// three-byte sequences (most scripts of names) are decoded here; the rest go
+// to utf8proc.
+std::ptrdiff_t decodeUtf8(const utf8proc_uint8_t* bytes, std::size_t available, std::int32_t& codepoint) {
+    const unsigned lead = bytes[0];
+    if (lead >= 0xC2 && lead <= 0xDF && available >= 2 && (bytes[1] & 0xC0) == 0x80) {
+        codepoint = static_cast<std::int32_t>(((lead & 0x1F) << 6) | (bytes[1] & 0x3F));
+        return 2;
+    }
+    if (lead >= 0xE0 && lead <= 0xEF && available >= 3 && (bytes[1] & 0xC0) == 0x80 &&
+        (bytes[2] & 0xC0) == 0x80) {
+        codepoint =
+            static_cast<std::int32_t>(((lead & 0x0F) << 12) | ((bytes[1] & 0x3F) << 6) | (bytes[2] & 0x3F));
+        // Overlong forms and surrogates are not valid UTF-8.
+        if (codepoint < 0x800 || (codepoint >= 0xD800 && codepoint <= 0xDFFF)) {
+            return -1;
+        }
+        return 3;
+    }
+    return utf8proc_iterate(bytes, static_cast<utf8proc_ssize_t>(available), &codepoint);
+}
+
 PageTable& pages() {
     static PageTable table;
     return table;
@@ -109,19 +131,33 @@ void foldInto(std::string& out, std::string_view text) {
     const std::size_t start = out.size();
     out.reserve(start + text.size());
     const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    const std::size_t size = text.size();
+    PageTable& table = pages();
+    const Page* lastPage = nullptr;
+    std::int32_t lastPageIndex = -1;
     std::size_t position = 0;
-    while (position < text.size()) {
-        const unsigned char byte = bytes[position];
-        if (byte < 0x80) {
-            out.push_back(asciiLower(static_cast<char>(byte)));
-            ++position;
-            continue;
+    while (position < size) {
+        // Most names and addresses are ASCII: lower-case whole runs at once.
+        std::size_t runEnd = position;
+        while (runEnd < size && bytes[runEnd] < 0x80) {
+            ++runEnd;
+        }
+        if (runEnd > position) {
+            const std::size_t written = out.size();
+            out.resize(written + (runEnd - position));
+            char* destination = out.data() + written;
+            for (std::size_t i = position; i < runEnd; ++i) {
+                *destination++ = asciiLower(static_cast<char>(bytes[i]));
+            }
+            position = runEnd;
+            if (position == size) {
+                break;
+            }
         }
         std::int32_t codepoint = 0;
-        const auto length = utf8proc_iterate(
-            bytes + position, static_cast<utf8proc_ssize_t>(text.size() - position), &codepoint);
+        const auto length = decodeUtf8(bytes + position, size - position, codepoint);
         if (length <= 0) {
-            out.push_back(static_cast<char>(byte));
+            out.push_back(static_cast<char>(bytes[position]));
             ++position;
             continue;
         }
@@ -131,7 +167,12 @@ void foldInto(std::string& out, std::string_view text) {
             return;
         }
         if (codepoint <= 0xFFFF) {
-            out.append(pages().page(codepoint).folded(codepoint));
+            // Text in one script stays within a block or two: keep the page.
+            if ((codepoint >> 8) != lastPageIndex) {
+                lastPage = &table.page(codepoint);
+                lastPageIndex = codepoint >> 8;
+            }
+            out.append(lastPage->folded(codepoint));
         } else {
             appendMapped(out, text.substr(position, static_cast<std::size_t>(length)));
         }
