@@ -54,8 +54,14 @@ TEST(Fold, InvalidUtf8PassesThroughAndNeverCrashes) {
     const std::string folded = fold(broken);
     EXPECT_EQ(folded, std::string("ab\xFF") + "c\xC3" + "d\xE2\x82");
     // Overlong forms and encoded surrogates are not UTF-8 either.
-    EXPECT_EQ(fold("A\xE0\x80\x80B"), "a\xE0\x80\x80b");
-    EXPECT_EQ(fold("A\xED\xA0\x80B"), "a\xED\xA0\x80b");
+    EXPECT_EQ(fold("A\xE0\x80\x80"
+                   "B"),
+              "a\xE0\x80\x80"
+              "b");
+    EXPECT_EQ(fold("A\xED\xA0\x80"
+                   "B"),
+              "a\xED\xA0\x80"
+              "b");
     EXPECT_EQ(fold("\xC1\x81"), "\xC1\x81");
     std::string everyByte;
     for (int i = 0; i < 256; ++i) {
