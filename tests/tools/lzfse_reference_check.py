@@ -958,6 +958,25 @@ def far_repeats(seed):
     return a + b + a[:6000] + a[-4000:] + a[100000:104000]
 
 
+def at_distance(distance, seed):
+    """Random bytes whose first 40 000 come back exactly 'distance' bytes later."""
+    a = SplitMix64(seed).bytes(distance)
+    return a + a[:40000]
+
+
+def sweep_inputs():
+    """Many sizes around the block-type and field thresholds, two kinds each."""
+    sizes = list(range(0, 41)) + [100, 271, 272, 287, 315, 316, 1000, 4094, 4095, 4096, 4097, 4098,
+                                  8192, 39999, 40000, 40001, 65535, 65536, 65537]
+    text = prose(65537, 3)
+    rng = SplitMix64(4)
+    blend = bytearray()
+    while len(blend) < 65537:
+        r = rng.next()
+        blend += bytes([r & 0xFF]) * ((r >> 8) % 40) + rng.bytes((r >> 16) % 24)
+    return [(f"prose-{n}", text[:n]) for n in sizes] + [(f"blend-{n}", bytes(blend[:n])) for n in sizes]
+
+
 def generated_inputs():
     text = prose(8192, 7)
     return [
@@ -976,6 +995,8 @@ def generated_inputs():
         ("gen-zeros-5m", bytes(5 * 1024 * 1024)),
         ("gen-words-512k", word_salad(512 * 1024, 5)),
         ("gen-far-repeats", far_repeats(77)),
+        ("gen-distance-262139", at_distance(262139, 8)),
+        ("gen-distance-262140", at_distance(262140, 9)),
     ]
 
 
@@ -1168,6 +1189,39 @@ def main(argv):
                     multi_block_v2 = True
             os.remove(src)
             os.remove(dst)
+
+    print("== our encoder, size sweep")
+    with tempfile.TemporaryDirectory(prefix="lzfse-sweep-") as tmp:
+        bad = []
+        cases = sweep_inputs()
+        src = os.path.join(tmp, "in")
+        dst = os.path.join(tmp, "out.lzfse")
+        for name, content in cases:
+            with open(src, "wb") as f:
+                f.write(content)
+            proc = subprocess.run([args.encoder, "compress", src, dst], capture_output=True, text=True)
+            if proc.returncode != 0:
+                bad.append(f"{name}: kinbook-lzfse exited {proc.returncode}")
+                continue
+            with open(dst, "rb") as f:
+                stream = f.read()
+            blocks = []
+            try:
+                if decode_stream(stream, len(content), blocks) != content:
+                    bad.append(f"{name}: decodes to different bytes")
+                notes = [n for b in blocks for n in b.notes]
+                if notes and not args.allow_notes:
+                    bad.append(f"{name}: {'; '.join(notes)}")
+            except DecodeError as e:
+                bad.append(f"{name}: rejected: {e}")
+            except Exception as e:  # noqa: BLE001
+                bad.append(f"{name}: decoder crashed: {type(e).__name__}: {e}")
+            for b in blocks:
+                seen_kinds[b.kind] = seen_kinds.get(b.kind, 0) + 1
+        if bad:
+            report.fail("encoder size sweep", f"{len(bad)} of {len(cases)} inputs: " + " | ".join(bad[:8]))
+        else:
+            report.ok("encoder size sweep", f"all {len(cases)} inputs decode exactly")
 
     print("== summary")
     print("block types in our encoder's streams: " + ", ".join(f"{k} x{v}" for k, v in sorted(seen_kinds.items())))
