@@ -105,18 +105,14 @@ void InotifyFolderWatcher::stop() {
         m_delivery->stopped = true;
     }
     m_delivery.reset();
-    m_accountWatches.clear();
     m_rootWatch = -1;
     m_executor = nullptr;
 }
 
 void InotifyFolderWatcher::watchAccount(const std::string& name) {
-    int watch = ::inotify_add_watch(m_inotifyFD, (m_root / name).c_str(), accountEvents);
     // A folder gone again, or one we may not read, is left alone: the scan
-    // treats it the same way.
-    if (watch >= 0) {
-        m_accountWatches[watch] = name;
-    }
+    // treats it the same way. The kernel drops a removed folder's watch itself.
+    ::inotify_add_watch(m_inotifyFD, (m_root / name).c_str(), accountEvents);
 }
 
 void InotifyFolderWatcher::notify() {
@@ -170,7 +166,7 @@ void InotifyFolderWatcher::readEvents() {
                         changed = true;
                     }
                 } else if ((event->mask & IN_IGNORED) != 0) {
-                    m_accountWatches.erase(event->wd);
+                    continue;
                 } else if ((event->mask & IN_DELETE_SELF) != 0 || isReported(name)) {
                     changed = true;
                 }

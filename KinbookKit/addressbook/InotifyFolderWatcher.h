@@ -3,7 +3,6 @@
 #include "KinbookKit/addressbook/FolderWatcher.h"
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -52,7 +51,6 @@ private:
     int m_inotifyFD = -1;
     int m_stopFD = -1;
     int m_rootWatch = -1;
-    std::map<int, std::string> m_accountWatches; // watch descriptor -> folder name; reader thread only
     std::thread m_reader;
 };
 
