@@ -1,0 +1,425 @@
+#include "KinbookKit/addressbook/ChangeJournal.h"
+
+#include "KinbookKit/records/AddressBookSnapshot.h"
+#include "tests/support/TempFolder.h"
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kinbook {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+using testing::TempFolder;
+using testing::writeFile;
+using Token = std::vector<std::uint8_t>;
+
+std::string card(const std::string& uid, const std::string& name = "Ada") {
+    return "BEGIN:VCARD\r\nVERSION:3.0\r\nUID:" + uid + "\r\nFN:" + name + "\r\nEND:VCARD\r\n";
+}
+
+class ChangeJournalTest : public ::testing::Test {
+public:
+    void SetUp() override {
+        fs::create_directories(root() / "home");
+        fs::create_directories(root() / "work");
+    }
+
+    fs::path root() const { return m_folder / "vdir"; }
+    fs::path state() const { return m_folder / "state"; }
+
+    // Reads the UID line, as the vCard layer does; counts every read so that
+    // tests can tell a stat-only scan from one that opens files.
+    std::optional<std::string> cardIDOf(const fs::path& file) {
+        ++m_reads;
+        std::string text = readFile(file);
+        auto at = text.find("UID:");
+        if (at == std::string::npos) {
+            return std::nullopt;
+        }
+        auto end = text.find("\r\n", at);
+        return text.substr(at + 4, end - at - 4);
+    }
+
+    std::unique_ptr<ChangeJournal> open(ChangeJournal::Options options = {}) {
+        return std::make_unique<ChangeJournal>(
+            state(), root(), [this](const fs::path& file) { return cardIDOf(file); }, options);
+    }
+
+    // The way vdirsyncer and editors write: a temporary, then a rename.
+    fs::path write(const std::string& account, const std::string& name, const std::string& bytes) {
+        fs::path target = root() / account / name;
+        fs::path temporary = root() / account / ("." + name + ".tmp");
+        writeFile(temporary, bytes);
+        fs::rename(temporary, target);
+        return target;
+    }
+
+    static ChangeSet expectChanges(ChangeJournal& journal, const Token& token, std::set<std::string> changed,
+                                   std::set<std::string> deleted) {
+        ChangeSet changes = journal.changesSince(token);
+        EXPECT_FALSE(changes.dropEverything());
+        EXPECT_EQ(changes.changed(), changed);
+        EXPECT_EQ(changes.deleted(), deleted);
+        return changes;
+    }
+
+    TempFolder m_folder;
+    int m_reads = 0;
+};
+
+TEST_F(ChangeJournalTest, NoChangesKeepTheTokenCurrent) {
+    write("home", "a.vcf", card("A"));
+    auto journal = open();
+    Token token = journal->currentToken();
+    ChangeSet changes = expectChanges(*journal, token, {}, {});
+    EXPECT_EQ(changes.token(), token);
+    EXPECT_EQ(journal->currentToken(), token);
+}
+
+TEST_F(ChangeJournalTest, UnchangedFilesAreOnlyStatted) {
+    write("home", "a.vcf", card("A"));
+    write("work", "b.vcf", card("B"));
+    auto journal = open();
+    journal->currentToken();
+    EXPECT_EQ(m_reads, 2);
+    EXPECT_EQ(journal->scan(), 0u);
+    auto reopened = open();
+    EXPECT_EQ(reopened->scan(), 0u);
+    EXPECT_EQ(m_reads, 2);
+}
+
+TEST_F(ChangeJournalTest, OwnWritesAreJournalledAndNotFoundAgainByTheScan) {
+    fs::path a = write("home", "a.vcf", card("A"));
+    auto journal = open();
+    Token token = journal->currentToken();
+
+    fs::path b = write("work", "b.vcf", card("B"));
+    journal->recordWrite("B", "work", b);
+    write("home", "a.vcf", card("A", "Ada Lovelace"));
+    journal->recordWrite("A", "home", a);
+    int readsBefore = m_reads;
+    EXPECT_EQ(journal->scan(), 0u);
+    EXPECT_EQ(m_reads, readsBefore);
+    expectChanges(*journal, token, {"A", "B"}, {});
+
+    Token afterWrites = journal->currentToken();
+    fs::remove(a);
+    journal->recordDelete("A", a);
+    EXPECT_EQ(journal->scan(), 0u);
+    expectChanges(*journal, afterWrites, {}, {"A"});
+    expectChanges(*journal, token, {"B"}, {"A"});
+}
+
+TEST_F(ChangeJournalTest, ACardGivenItsFirstUIDLeavesItsFileNameIDDeleted) {
+    fs::path file = write("home", "no-uid.vcf", "BEGIN:VCARD\r\nFN:X\r\nEND:VCARD\r\n");
+    auto journal = open();
+    journal->recordWrite("no-uid", "home", file);
+    Token token = journal->currentToken();
+    write("home", "no-uid.vcf", card("NEW"));
+    journal->recordWrite("NEW", "home", file);
+    expectChanges(*journal, token, {"NEW"}, {"no-uid"});
+}
+
+TEST_F(ChangeJournalTest, ScanFindsWhatOtherProgramsDid) {
+    struct Case {
+        const char* name;
+        std::function<void(ChangeJournalTest&)> change;
+        std::set<std::string> changed;
+        std::set<std::string> deleted;
+    };
+    const std::vector<Case> cases = {
+        {"a new card", [](ChangeJournalTest& t) { t.write("work", "n.vcf", card("N")); }, {"N"}, {}},
+        {"a card rewritten by rename",
+         [](ChangeJournalTest& t) { t.write("home", "a.vcf", card("A", "Ada Byron")); },
+         {"A"},
+         {}},
+        {"same size rewritten in place, only the time differs",
+         [](ChangeJournalTest& t) {
+             fs::path file = t.root() / "home" / "a.vcf";
+             auto time = fs::last_write_time(file);
+             writeFile(file, card("A", "Adb"));
+             fs::last_write_time(file, time + std::chrono::seconds(1));
+         },
+         {"A"},
+         {}},
+        {"touched",
+         [](ChangeJournalTest& t) {
+             fs::path file = t.root() / "home" / "a.vcf";
+             fs::last_write_time(file, fs::last_write_time(file) - std::chrono::seconds(7));
+         },
+         {"A"},
+         {}},
+        {"a card deleted", [](ChangeJournalTest& t) { fs::remove(t.root() / "home" / "a.vcf"); }, {}, {"A"}},
+        {"a card moved to another account",
+         [](ChangeJournalTest& t) { fs::rename(t.root() / "home" / "a.vcf", t.root() / "work" / "a.vcf"); },
+         {"A"},
+         {}},
+        {"a card copied to another account, then removed (new inode, same UID)",
+         [](ChangeJournalTest& t) {
+             t.write("work", "copy.vcf", readFile(t.root() / "home" / "a.vcf"));
+             fs::remove(t.root() / "home" / "a.vcf");
+         },
+         {"A"},
+         {}},
+        {"one of two files of a card deleted",
+         [](ChangeJournalTest& t) { fs::remove(t.root() / "work" / "twin.vcf"); },
+         {"T"},
+         {}},
+        {"a card whose UID was edited",
+         [](ChangeJournalTest& t) { t.write("home", "a.vcf", card("A2")); },
+         {"A2"},
+         {"A"}},
+        {"an account folder removed",
+         [](ChangeJournalTest& t) { fs::remove_all(t.root() / "work"); },
+         {"T"},
+         {"W"}},
+        {"a file that stopped being a card",
+         [](ChangeJournalTest& t) { t.write("home", "a.vcf", "garbage"); },
+         {},
+         {"A"}},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.name);
+        fs::remove_all(root());
+        fs::remove_all(state());
+        fs::create_directories(root() / "home");
+        fs::create_directories(root() / "work");
+        write("home", "a.vcf", card("A"));
+        write("home", "twin.vcf", card("T"));
+        write("work", "twin.vcf", card("T"));
+        write("work", "w.vcf", card("W"));
+        auto journal = open();
+        Token token = journal->currentToken();
+        test.change(*this);
+        expectChanges(*journal, token, test.changed, test.deleted);
+        // Each change is journalled once.
+        EXPECT_EQ(journal->scan(), 0u);
+    }
+}
+
+TEST_F(ChangeJournalTest, OtherWritersTemporariesAndHiddenFilesAreNotCards) {
+    auto journal = open();
+    Token token = journal->currentToken();
+    writeFile(root() / "home" / ".hidden.vcf", card("H1"));
+    writeFile(root() / "home" / "a.vcf.tmp", card("H2"));
+    writeFile(root() / "home" / "a.vcfq8Zr1x", card("H3")); // a vdirsyncer temporary
+    writeFile(root() / "loose.vcf", card("H4"));            // not in an account
+    fs::create_directories(root() / ".git");
+    writeFile(root() / ".git" / "b.vcf", card("H5"));
+    fs::create_directories(root() / "home" / "nested.vcf");
+    expectChanges(*journal, token, {}, {});
+    EXPECT_EQ(m_reads, 0);
+}
+
+TEST_F(ChangeJournalTest, HostileFileNamesKeepTheirCardsAcrossReopening) {
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {"home", "with space.vcf"},
+        {"home", "new\nline.vcf"},
+        {"home", "\xff\xfe not utf-8.vcf"},
+        {"odd\naccount \xc3", "x.vcf"},
+    };
+    Token token;
+    {
+        auto journal = open();
+        token = journal->currentToken();
+        int n = 0;
+        for (const auto& [account, name] : files) {
+            fs::create_directories(root() / account);
+            write(account, name, card("H" + std::to_string(n++)));
+        }
+        expectChanges(*journal, token, {"H0", "H1", "H2", "H3"}, {});
+        token = journal->currentToken();
+    }
+    for (const auto& [account, name] : files) {
+        fs::remove(root() / account / name);
+    }
+    auto reopened = open();
+    expectChanges(*reopened, token, {}, {"H0", "H1", "H2", "H3"});
+    EXPECT_TRUE(reopened->lastError().empty()) << reopened->lastError();
+}
+
+TEST_F(ChangeJournalTest, TokensRoundTripThroughTheSnapshotAndARestart) {
+    write("home", "a.vcf", card("A"));
+    AddressBookSnapshot snapshot;
+    snapshot.historyToken = open()->currentToken();
+    auto stored = AddressBookSnapshot::fromJSON(nlohmann::json::parse(snapshot.toJSON().dump()));
+    ASSERT_TRUE(stored.has_value());
+    ASSERT_TRUE(stored->historyToken.has_value());
+
+    write("home", "b.vcf", card("B"));
+    auto journal = open();
+    ChangeSet changes = expectChanges(*journal, *stored->historyToken, {"B"}, {});
+    ASSERT_TRUE(changes.token().has_value());
+    EXPECT_NE(*changes.token(), *stored->historyToken);
+    expectChanges(*journal, *changes.token(), {}, {});
+}
+
+TEST_F(ChangeJournalTest, TokensItCannotServeMeanStartOver) {
+    auto journal = open();
+    Token token = journal->currentToken();
+
+    TempFolder otherState;
+    Token otherJournals = ChangeJournal(otherState.path(), root(), [](const fs::path&) {
+                              return std::optional<std::string>("X");
+                          }).currentToken();
+    Token future = token;
+    future.back() = static_cast<std::uint8_t>(future.back() + 5);
+    Token otherID = token;
+    otherID[7] ^= 0x40;
+
+    const std::vector<std::pair<const char*, Token>> tokens = {
+        {"empty", {}},
+        {"garbage", {1, 2, 3, 4, 5}},
+        {"cut short", Token(token.begin(), token.end() - 1)},
+        {"one byte longer",
+         [&] {
+             Token longer = token;
+             longer.push_back(0);
+             return longer;
+         }()},
+        {"another journal's", otherJournals},
+        {"another journal id", otherID},
+        {"a position not reached yet", future},
+    };
+    for (const auto& [name, bad] : tokens) {
+        EXPECT_TRUE(journal->changesSince(bad).dropEverything()) << name;
+    }
+    EXPECT_FALSE(journal->changesSince(token).dropEverything());
+}
+
+TEST_F(ChangeJournalTest, TokensOlderThanTheKeptEventsStartOver) {
+    fs::path file = write("home", "a.vcf", card("A"));
+    auto journal = open({.maxEvents = 3});
+    Token oldest = journal->currentToken();
+    journal->recordWrite("A", "home", file);
+    Token edge = journal->currentToken();
+    for (int i = 0; i < 3; ++i) {
+        journal->recordWrite("A", "home", file);
+    }
+    EXPECT_TRUE(journal->changesSince(oldest).dropEverything());
+    expectChanges(*journal, edge, {"A"}, {});
+    // The same holds for the journal read back from its file.
+    auto reopened = open({.maxEvents = 3});
+    EXPECT_TRUE(reopened->changesSince(oldest).dropEverything());
+    expectChanges(*reopened, edge, {"A"}, {});
+}
+
+TEST_F(ChangeJournalTest, ADamagedJournalStartsOverWithoutCrashing) {
+    struct Damage {
+        const char* name;
+        std::function<std::string(std::string)> apply;
+    };
+    const std::vector<Damage> damages = {
+        {"a torn last record", [](std::string bytes) { return bytes.substr(0, bytes.size() - 3); }},
+        {"a flipped byte",
+         [](std::string bytes) {
+             bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 0x10);
+             return bytes;
+         }},
+        {"a zero-filled tail", [](std::string bytes) { return bytes + std::string(64, '\0'); }},
+        {"garbage appended", [](std::string bytes) { return bytes + "\x05\0\0\0garbage"; }},
+        {"emptied", [](const std::string&) { return std::string(); }},
+        {"a huge length",
+         [](std::string bytes) { return bytes + std::string("\xff\xff\xff\x7f\0\0\0\0", 8); }},
+    };
+    for (const Damage& damage : damages) {
+        SCOPED_TRACE(damage.name);
+        fs::remove_all(state());
+        fs::path file = write("home", "a.vcf", card("A"));
+        Token token;
+        fs::path journalFile;
+        {
+            auto journal = open();
+            token = journal->currentToken();
+            journal->recordWrite("A", "home", file);
+            journalFile = journal->journalFile();
+        }
+        writeFile(journalFile, damage.apply(readFile(journalFile)));
+
+        auto journal = open();
+        EXPECT_FALSE(journal->lastError().empty());
+        EXPECT_TRUE(journal->changesSince(token).dropEverything());
+        Token fresh = journal->currentToken();
+        write("work", "b.vcf", card("B"));
+        expectChanges(*journal, fresh, {"B"}, {});
+    }
+}
+
+TEST_F(ChangeJournalTest, TwoProcessesShareOneJournal) {
+    fs::path file = write("home", "a.vcf", card("A"));
+    auto app = open();
+    auto tool = open();
+    Token token = app->currentToken();
+    write("home", "a.vcf", card("A", "Ada Byron"));
+    tool->recordWrite("A", "home", file);
+    // The app learns the write from the file, so its own scan finds nothing new.
+    EXPECT_EQ(app->scan(), 0u);
+    EXPECT_TRUE(tool->lastError().empty()) << tool->lastError();
+    EXPECT_TRUE(app->lastError().empty()) << app->lastError();
+    expectChanges(*app, token, {"A"}, {});
+    fs::remove(file);
+    EXPECT_EQ(app->scan(), 1u);
+    expectChanges(*tool, token, {}, {"A"});
+}
+
+TEST_F(ChangeJournalTest, RewritingTheFileKeepsTokensAndPositions) {
+    fs::path file = write("home", "a.vcf", card("A"));
+    auto journal = open({.maxEvents = 2});
+    auto other = open({.maxEvents = 2});
+    std::uintmax_t largest = 0;
+    std::uintmax_t smallestAfterLargest = 0;
+    Token token;
+    for (int i = 0; i < 700; ++i) {
+        journal->recordWrite("A", "home", file);
+        if (i == 600) {
+            token = journal->currentToken();
+        }
+        std::uintmax_t size = fs::file_size(journal->journalFile());
+        if (size > largest) {
+            largest = smallestAfterLargest = size;
+        }
+        smallestAfterLargest = std::min(smallestAfterLargest, size);
+    }
+    // Two live events and one file, after over a thousand records.
+    EXPECT_LT(smallestAfterLargest, 400u);
+    EXPECT_TRUE(journal->changesSince(token).dropEverything()); // older than the last two events
+    Token recent = journal->currentToken();
+    fs::path b = write("work", "b.vcf", card("B"));
+    journal->recordWrite("B", "work", b);
+    // Another process reads the rewritten file from its start.
+    expectChanges(*other, recent, {"B"}, {});
+    EXPECT_TRUE(other->lastError().empty()) << other->lastError();
+}
+
+TEST_F(ChangeJournalTest, AMissingRootDeletesNothing) {
+    write("home", "a.vcf", card("A"));
+    auto journal = open();
+    Token token = journal->currentToken();
+    fs::rename(root(), m_folder / "unmounted");
+    EXPECT_EQ(journal->scan(), 0u);
+    fs::rename(m_folder / "unmounted", root());
+    expectChanges(*journal, token, {}, {});
+}
+
+TEST_F(ChangeJournalTest, AnUnwritableStateFolderLeavesTheJournalInMemory) {
+    writeFile(m_folder / "blocked", "a file where the folder should be");
+    write("home", "a.vcf", card("A"));
+    ChangeJournal journal(m_folder / "blocked" / "state", root(),
+                          [this](const fs::path& file) { return cardIDOf(file); });
+    EXPECT_FALSE(journal.lastError().empty());
+    Token token = journal.currentToken();
+    write("work", "b.vcf", card("B"));
+    expectChanges(journal, token, {"B"}, {});
+}
+
+} // namespace
+} // namespace kinbook
