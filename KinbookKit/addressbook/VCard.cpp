@@ -420,6 +420,8 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
     for (VCardProperty& property : card.m_properties) {
         card.adoptStyle(property);
     }
+    std::stable_sort(card.m_warnings.begin(), card.m_warnings.end(),
+                     [](const VCardWarning& a, const VCardWarning& b) { return a.line < b.line; });
     return card;
 }
 
