@@ -20,6 +20,7 @@ struct PhysicalLine {
 // without a single LF uses CR alone.
 std::vector<PhysicalLine> splitLines(std::string_view bytes) {
     std::vector<PhysicalLine> lines;
+    lines.reserve(bytes.size() / 48 + 4);
     const char breakChar = bytes.find('\n') != std::string_view::npos ? '\n' : '\r';
     std::size_t pos = 0;
     while (pos < bytes.size()) {
@@ -238,6 +239,7 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
 
     // Pass 1: physical lines into logical lines, which needs no version.
     std::vector<LogicalLine> logical;
+    logical.reserve(n);
     std::size_t endIndex = n;
     std::size_t i = beginIndex + 1;
     while (i < n) {
@@ -377,17 +379,15 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
     bool sawGroup = false;
     for (LogicalLine& entry : logical) {
         countEnding(entry.last);
-        VCardProperty property;
-        if (entry.blank || entry.strayCard) {
-            property = VCardProperty::malformed(std::move(entry.text));
-        } else {
-            std::string problem;
-            property = VCardProperty::parse(std::move(entry.text), card.m_version, &problem);
-            if (!problem.empty()) {
-                card.m_warnings.push_back({entry.first + 1, problem + "; line kept as it is"});
-            }
-            property.setEmbedded(std::move(entry.embedded));
+        std::string problem;
+        VCardProperty& property = card.m_properties.emplace_back(
+            entry.blank || entry.strayCard
+                ? VCardProperty::malformed(std::move(entry.text))
+                : VCardProperty::parse(std::move(entry.text), card.m_version, &problem));
+        if (!problem.empty()) {
+            card.m_warnings.push_back({entry.first + 1, problem + "; line kept as it is"});
         }
+        property.setEmbedded(std::move(entry.embedded));
         property.setSource(source, lines[entry.first].begin, lines[entry.last].end);
 
         std::size_t typeParameters = 0;
@@ -406,7 +406,6 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
             sawGroup = true;
             card.m_upperCaseGroups = property.group().rfind("ITEM", 0) == 0;
         }
-        card.m_properties.push_back(std::move(property));
     }
     card.m_repeatTypes = sawRepeatedType || (!sawTypeList && card.m_version != VCardVersion::v4_0);
 
