@@ -77,6 +77,11 @@ public:
 
     // The version the card was read as (3.0 when it has no VERSION line).
     VCardVersion version() const { return m_version; }
+    // The version it is written as once changed: 3.0 for a 2.1 card. Values
+    // whose form differs by version (dates, photos) should follow this one.
+    VCardVersion writtenVersion() const {
+        return m_version == VCardVersion::v2_1 ? VCardVersion::v3_0 : m_version;
+    }
     const std::vector<VCardWarning>& warnings() const { return m_warnings; }
     // Cards after the first one; a vdir file should have none. They are kept
     // as raw bytes and written back unchanged.

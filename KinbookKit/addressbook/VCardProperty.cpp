@@ -46,7 +46,7 @@ VCardParameter parseParameter(std::string_view written, VCardVersion version) {
         parameter.nameless = true;
         parameter.name = nameForNameless(written);
         if (!written.empty()) {
-            parameter.values.emplace_back(written);
+            parameter.values.push_back(makeValidUtf8(written));
         }
         return parameter;
     }
@@ -67,7 +67,7 @@ VCardParameter parseParameter(std::string_view written, VCardVersion version) {
         start = i + 1;
         const bool quoted = !piece.empty() && piece.front() == '"';
         const bool carets = version == VCardVersion::v4_0 || (version == VCardVersion::v3_0 && quoted);
-        std::string value = decodeVCardParameterValue(piece, carets);
+        std::string value = makeValidUtf8(decodeVCardParameterValue(piece, carets));
         if (isType && quoted) {
             // TYPE="HOME,VOICE" means two values.
             std::size_t from = 0;
@@ -424,11 +424,15 @@ void VCardProperty::setEncodedValue(std::string value) {
     m_embedded.clear();
 }
 
-void VCardProperty::prepareEdit() {
+bool VCardProperty::prepareEdit() {
+    if (m_malformed) {
+        return false;
+    }
     if (m_syntax == VCardVersion::v2_1) {
         upgradeFrom21();
     }
     m_modified = true;
+    return true;
 }
 
 void VCardProperty::dropParameters(std::initializer_list<std::string_view> names) {
@@ -441,13 +445,17 @@ void VCardProperty::dropParameters(std::initializer_list<std::string_view> names
 }
 
 void VCardProperty::setText(std::string_view text) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     dropParameters({"ENCODING", "CHARSET"});
     setEncodedValue(escapeVCardText(makeValidUtf8(text)));
 }
 
 void VCardProperty::setComponents(const std::vector<std::vector<std::string>>& fields) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     dropParameters({"ENCODING", "CHARSET"});
     std::vector<std::vector<std::string>> valid;
     valid.reserve(fields.size());
@@ -471,7 +479,9 @@ void VCardProperty::setComponents(const std::vector<std::string>& fields) {
 }
 
 void VCardProperty::setListValues(const std::vector<std::string>& values) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     dropParameters({"ENCODING", "CHARSET"});
     std::vector<std::string> valid;
     for (const auto& value : values) {
@@ -481,13 +491,17 @@ void VCardProperty::setListValues(const std::vector<std::string>& values) {
 }
 
 void VCardProperty::setRawValue(std::string_view value) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     dropParameters({"ENCODING", "CHARSET"});
     setEncodedValue(withoutLineBreaks(makeValidUtf8(value)));
 }
 
 void VCardProperty::setBinary(std::span<const std::uint8_t> bytes, std::string_view mediaType) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     std::string media;
     for (char c : mediaType) {
         media.push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
@@ -508,7 +522,9 @@ void VCardProperty::setBinary(std::span<const std::uint8_t> bytes, std::string_v
 }
 
 void VCardProperty::setParameter(std::string_view name, const std::vector<std::string>& values) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     std::vector<std::string> kept;
     for (const std::string& value : values) {
         if (!value.empty()) {
@@ -567,13 +583,17 @@ void VCardProperty::removeParameter(std::string_view name) {
 }
 
 void VCardProperty::setGroup(std::string_view group) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     m_group = sanitisedName(group);
     rebuildHead();
 }
 
 void VCardProperty::rename(std::string_view name) {
-    prepareEdit();
+    if (!prepareEdit()) {
+        return;
+    }
     m_name = sanitisedName(name);
     rebuildHead();
 }

@@ -34,13 +34,16 @@ struct VCardParameter {
 // One property of a card: a logical content line
 // ("[group.]NAME;param=value:value"), with the exact bytes it was read from.
 //
-// Reading never fails: every accessor returns valid UTF-8, decoding the
-// transfer encoding and character set first (2.1 quoted-printable and
-// CHARSET) and then the value's own escaping. A line the reader could not
+// Reading never fails. The decoding accessors (text, components,
+// listValues, parameter values) return valid UTF-8, decoding the transfer
+// encoding and character set first (2.1 quoted-printable and CHARSET) and
+// then the value's own escaping; rawValue, logicalLine and originalBytes are
+// the bytes as read. A line the reader could not
 // make sense of is kept as a malformed property: no name, raw bytes only,
 // never found by name, always written back byte for byte.
 //
-// Editing (set...) changes only this property; the line is then written anew
+// Editing (set...) changes only this property (a malformed one ignores
+// edits); the line is then written anew
 // — folded at 75 octets, with the card's line ending — and every other line
 // stays as it was. Edits are encoded for the version the card will be
 // written in: 3.0 or 4.0 as read, 3.0 for a 2.1 card. A 2.1 property is
@@ -124,8 +127,8 @@ public:
     // ("TYPE=HOME,VOICE"). Values are quoted and caret-escaped as needed.
     void setParameter(std::string_view name, const std::vector<std::string>& values);
     void removeParameter(std::string_view name);
-    // Moves the property into `group` (letters, digits and '-'; others are
-    // dropped), or out of any group when empty.
+    // Moves the property into `group` (letters, digits, '-' and '_'; other
+    // characters are dropped), or out of any group when empty.
     void setGroup(std::string_view group);
 
     // The bytes this property contributes to the file: its original bytes
@@ -153,7 +156,9 @@ private:
     void upgradeFrom21();
     VCardProperty upgradedFrom21() const;
 
-    void prepareEdit();
+    // Brings a 2.1 line to 3.0 and marks the property changed; false for a
+    // malformed line, which is never edited.
+    bool prepareEdit();
     void setEncodedValue(std::string value);
     void dropParameters(std::initializer_list<std::string_view> names);
     void rebuildHead();

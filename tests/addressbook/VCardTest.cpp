@@ -400,6 +400,11 @@ TEST(VCard, MalformedLinesAreKeptAndReported) {
     EXPECT_EQ(names(std::as_const(card).properties()),
               (std::vector<std::string>{"VERSION", "", "", "FN", "X-Q", "", "", "", "TEL"}));
     EXPECT_EQ(card.first("TEL")->text(), "1");
+    VCardProperty* malformed = card.properties()[1];
+    ASSERT_TRUE(malformed->isMalformed());
+    malformed->setText("ignored");
+    malformed->setParameter("TYPE", {"HOME"});
+    EXPECT_FALSE(malformed->isModified());
     card.first("TEL")->setText("2");
     const std::string written = card.serialize();
     EXPECT_NE(written.find("no colon here\r\n:no name\r\n"), std::string::npos);
@@ -413,6 +418,8 @@ TEST(VCard, NulBytesAndBinaryJunkNeverCrashAndNeverLeak) {
     const VCard card = parsed(bytes);
     EXPECT_EQ(card.first("FN")->text(), "a\xEF\xBF\xBD"
                                         "b");
+    EXPECT_EQ(parsed("BEGIN:VCARD\r\nTEL;TYPE=\xFF:1\r\nEND:VCARD\r\n").first("TEL")->parameter("TYPE"),
+              "\xEF\xBF\xBD");
     EXPECT_TRUE(isValidUtf8(card.first("NOTE")->text()));
     EXPECT_EQ(card.serialize(), bytes);
 
