@@ -90,6 +90,21 @@ void BM_EditOneLineAndSerialise(benchmark::State& state) {
 }
 BENCHMARK(BM_EditOneLineAndSerialise);
 
+// An export of many cards split for import: linear in the file's size.
+void BM_SplitLargeExport(benchmark::State& state) {
+    const std::string card = readFile(kSamples / "apple-labels-via-sabredav--AllAttr.vcf");
+    std::string bytes;
+    for (int i = 0; i < state.range(0); ++i) {
+        bytes += card;
+    }
+    for (auto _ : state) {
+        auto cards = kinbook::VCard::parseAll(bytes);
+        benchmark::DoNotOptimize(cards);
+    }
+    reportBytes(state, bytes.size());
+}
+BENCHMARK(BM_SplitLargeExport)->Arg(100)->Arg(2000)->Unit(benchmark::kMillisecond);
+
 // A card whose photo makes it about 20 MB, as social-avatar features produce.
 void BM_ParseLargePhotoCard(benchmark::State& state) {
     std::vector<std::uint8_t> image(15 << 20);

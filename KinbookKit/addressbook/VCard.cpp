@@ -122,6 +122,12 @@ std::string_view roughValue(std::string_view text) {
     return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
 }
 
+// "AGENT:BEGIN:VCARD": a 2.1 agent card that starts on the AGENT line itself.
+bool isAgentBegin(std::string_view text) {
+    return equalsIgnoringCase(roughName(text), "AGENT") &&
+           equalsIgnoringCase(trimmed(roughValue(text)), "BEGIN:VCARD");
+}
+
 struct LogicalLine {
     std::size_t first = 0;
     std::size_t last = 0;
@@ -134,33 +140,43 @@ struct LogicalLine {
 } // namespace
 
 Result<VCard, VCardError> VCard::parse(std::string_view bytes) {
-    std::size_t cardEnd = 0;
-    return parseFirst(std::make_shared<const std::string>(bytes), &cardEnd);
+    return parseFirst(std::make_shared<const std::string>(bytes));
 }
 
 Result<std::vector<VCard>, VCardError> VCard::parseAll(std::string_view bytes) {
+    if (bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+        return failure(VCardError::empty);
+    }
+    // Find each top-level card's lines in one pass, then read each card on
+    // its own bytes, so that a large export costs time in proportion to its
+    // size and every card serialises as exactly itself.
+    const std::vector<PhysicalLine> lines = splitLines(bytes);
     std::vector<VCard> cards;
-    std::string_view rest = bytes;
-    while (!rest.empty()) {
-        std::size_t cardEnd = 0;
-        auto card = parseFirst(std::make_shared<const std::string>(rest), &cardEnd);
-        if (!card) {
-            if (cards.empty()) {
-                return failure(card.error());
+    std::size_t cardBegin = 0;
+    int depth = 0;
+    auto readCard = [&](std::size_t end) {
+        auto card = parse(bytes.substr(cardBegin, end - cardBegin));
+        if (card) {
+            cards.push_back(std::move(card).value());
+        }
+    };
+    for (const PhysicalLine& line : lines) {
+        const std::string_view text = bytes.substr(line.begin, line.contentEnd - line.begin);
+        if (isBegin(text)) {
+            if (depth++ == 0) {
+                cardBegin = line.begin;
             }
-            break;
+        } else if (depth > 0 && isAgentBegin(text)) {
+            ++depth;
+        } else if (depth > 0 && isEnd(text) && --depth == 0) {
+            readCard(line.end);
         }
-        // Read the card again on its own bytes, so that it serialises as
-        // exactly itself.
-        const std::size_t begin = card->m_cardBegin;
-        auto own = parse(rest.substr(begin, cardEnd - begin));
-        if (own) {
-            cards.push_back(std::move(own).value());
-        }
-        rest.remove_prefix(std::max<std::size_t>(cardEnd, 1));
+    }
+    if (depth > 0) {
+        readCard(bytes.size()); // the last card lacks its END:VCARD
     }
     if (cards.empty()) {
-        return failure(bytes.empty() ? VCardError::empty : VCardError::notAVCard);
+        return failure(VCardError::notAVCard);
     }
     return cards;
 }
@@ -174,7 +190,7 @@ VCard VCard::create(VCardVersion version) {
     return parse(bytes).value();
 }
 
-Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> source, std::size_t* cardEnd) {
+Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> source) {
     const std::string_view bytes = *source;
     if (isBlank(bytes) || bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) {
         return failure(VCardError::empty);
@@ -205,7 +221,6 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
             break;
         }
     }
-    card.m_cardBegin = lines[beginIndex].begin;
     card.m_propertiesBegin = lines[beginIndex].end;
 
     // The index of the END:VCARD that closes a card nested at `depth`.
@@ -307,8 +322,7 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
             if (j + 1 < n && content(j + 1).empty()) {
                 ++j;
             }
-        } else if (equalsIgnoringCase(roughName(entry.text), "AGENT") &&
-                   equalsIgnoringCase(trimmed(roughValue(entry.text)), "BEGIN:VCARD")) {
+        } else if (isAgentBegin(entry.text)) {
             bool closed = false;
             const std::size_t last = matchingEnd(j + 1, 1, &closed);
             if (!closed) {
@@ -325,11 +339,9 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
     if (endIndex == n) {
         card.m_missingEnd = true;
         card.m_tailBegin = bytes.size();
-        *cardEnd = bytes.size();
         card.m_warnings.push_back({beginIndex + 1, "no END:VCARD; card read to the end of the file"});
     } else {
         card.m_tailBegin = lines[endIndex].begin;
-        *cardEnd = lines[endIndex].end;
         int depth = 0;
         for (std::size_t k = endIndex + 1; k < n; ++k) {
             if (isBegin(content(k))) {

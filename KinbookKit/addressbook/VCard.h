@@ -134,8 +134,7 @@ public:
 private:
     VCard() = default;
 
-    static Result<VCard, VCardError> parseFirst(std::shared_ptr<const std::string> source,
-                                                std::size_t* cardEnd);
+    static Result<VCard, VCardError> parseFirst(std::shared_ptr<const std::string> source);
     void adoptStyle(VCardProperty& property) const;
     std::list<VCardProperty>::iterator locate(const VCardProperty& property);
     std::list<VCardProperty>::iterator insertionPoint(std::string_view name, std::string_view group,
@@ -143,7 +142,6 @@ private:
     void writeUid(VCardProperty& property, std::string_view uid);
 
     std::shared_ptr<const std::string> m_source;
-    std::size_t m_cardBegin = 0;       // the BEGIN line
     std::size_t m_propertiesBegin = 0; // after the BEGIN line
     std::size_t m_tailBegin = 0;       // the END line and everything after it
     bool m_missingEnd = false;

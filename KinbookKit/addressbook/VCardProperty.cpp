@@ -3,7 +3,6 @@
 #include "KinbookKit/text/Base64.h"
 
 #include <algorithm>
-#include <array>
 
 namespace kinbook {
 namespace {

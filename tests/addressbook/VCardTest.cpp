@@ -161,6 +161,26 @@ TEST(VCard, AnAgentCardNestedInside21DoesNotEndTheOuterCard) {
     EXPECT_EQ(sameLine.first("FN")->text(), "Outer");
 }
 
+TEST(VCard, AnExportSplitsIntoCardsWithoutLosingNestedOnes) {
+    std::string bytes = "junk before\r\n";
+    for (int i = 0; i < 300; ++i) {
+        bytes += "BEGIN:VCARD\r\nVERSION:2.1\r\nFN:Card " + std::to_string(i) + "\r\n";
+        if (i % 100 == 0) {
+            bytes += "AGENT:BEGIN:VCARD\r\nFN:Agent\r\nEND:VCARD\r\n";
+        }
+        bytes += "END:VCARD\r\n\r\n";
+    }
+    bytes += "BEGIN:VCARD\r\nFN:Last, cut off";
+    auto cards = VCard::parseAll(bytes);
+    ASSERT_TRUE(cards.ok());
+    ASSERT_EQ(cards->size(), 301u);
+    EXPECT_EQ((*cards)[100].find("FN").size(), 1u);
+    EXPECT_EQ((*cards)[100].first("FN")->text(), "Card 100");
+    EXPECT_EQ((*cards)[300].first("FN")->text(), "Last, cut off");
+    EXPECT_EQ((*cards)[299].serialize(), "BEGIN:VCARD\r\nVERSION:2.1\r\nFN:Card 299\r\nEND:VCARD\r\n");
+    EXPECT_EQ(VCard::parse(bytes)->additionalCardCount(), 300u);
+}
+
 // ---------------------------------------------------------------- editing
 
 TEST(VCard, SetTextEscapesForTheCardAndLeavesOtherLinesAlone) {
