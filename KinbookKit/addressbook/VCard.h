@@ -43,8 +43,9 @@ enum class UidRepair {
 // exactly. After edits, every property nobody touched is written from its
 // original bytes, in its original place; changed and new properties are
 // written folded at 75 octets with the line ending the file uses most (CRLF
-// for a new card). A card read without "END:VCARD" gets one; a card read
-// without VERSION gets "VERSION:3.0" (or its version) after BEGIN.
+// for a new card; CR CR LF in a file that uses it throughout). A card read
+// without "END:VCARD" gets one; a card read without VERSION gets
+// "VERSION:3.0" after BEGIN. Further cards in the file are never touched.
 //
 // vCard 2.1. A card is never written as 2.1: once a 2.1 document is changed
 // at all, `serialize` writes it as 3.0. Its VERSION line becomes "3.0", and a
@@ -57,7 +58,8 @@ enum class UidRepair {
 // says, else as Windows-1252) or an embedded AGENT card (becomes an escaped
 // TEXT value). Rewritten TEXT, structured and list values are re-escaped for
 // 3.0, so a comma inside a 2.1 ADR field becomes "\,". Every other 2.1 line
-// stays byte for byte. Edits to a 2.1 document are encoded as 3.0 from the
+// stays byte for byte (a NOTE with an unescaped comma among them: 3.0 readers
+// take it as it is). Edits to a 2.1 document are encoded as 3.0 from the
 // start.
 //
 // Pointers to properties stay valid until that property is removed or the
