@@ -102,7 +102,7 @@ class GeneratedBookTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         s_temp = new TempFolder;
-        s_report = generate(s_temp->path() / "book", {.people = 3000, .seed = 42, .accounts = 3});
+        s_report = generate(s_temp->path() / "book", {.people = 2000, .seed = 42, .accounts = 3});
     }
     static void TearDownTestSuite() {
         delete s_temp;
@@ -134,11 +134,11 @@ TEST_F(GeneratedBookTest, CountsMatchTheReportAndTheShapeOfASyncedBook) {
     EXPECT_EQ(accounts, 3u);
     EXPECT_EQ(cards, s_report.cards);
     EXPECT_EQ(bytes, s_report.bytes);
-    EXPECT_EQ(s_report.people, 3000u);
-    const double cardsPerPerson = static_cast<double>(cards - s_report.groupCards) / 3000.0;
+    EXPECT_EQ(s_report.people, 2000u);
+    const double cardsPerPerson = static_cast<double>(cards - s_report.groupCards) / 2000.0;
     EXPECT_GT(cardsPerPerson, 1.15);
     EXPECT_LT(cardsPerPerson, 1.25);
-    EXPECT_EQ(cards - s_report.groupCards, 3000u + s_report.linkedPeople);
+    EXPECT_EQ(cards - s_report.groupCards, 2000u + s_report.linkedPeople);
     EXPECT_GE(s_report.groupCards, 3u);
     const double bytesPerCard = static_cast<double>(bytes) / static_cast<double>(cards);
     EXPECT_GT(bytesPerCard, 550.0);
