@@ -1203,6 +1203,15 @@ void writeLabel(VCard& card, VCardProperty& property, EntryKind kind, std::strin
         written = std::move(unique);
     }
     if (written != types) {
+        const auto& parameters = property.parameters();
+        const auto typeParameters = std::count_if(parameters.begin(), parameters.end(), [](const auto& p) {
+            return equalsIgnoringAsciiCase(p.name, "TYPE");
+        });
+        if (typeParameters == 1) {
+            // A lone TYPE parameter says nothing about how the card writes
+            // several values; the card's own habit does.
+            property.removeParameter("TYPE");
+        }
         property.setParameter("TYPE", written);
     }
 
@@ -1230,6 +1239,35 @@ std::optional<DateComponents> cardBirthday(const VCard& card) {
         return parseDate(*line);
     }
     return std::nullopt;
+}
+
+void recordWrittenEntries(const VCard& edited, const ApplyResult& result, const VCard& written,
+                          std::string_view cardID, EntryRegistry& registry) {
+    auto entryLines = [](const VCard& card) {
+        std::vector<const VCardProperty*> lines;
+        for (const VCardProperty* property : card.properties()) {
+            if (entryKind(*property)) {
+                lines.push_back(property);
+            }
+        }
+        return lines;
+    };
+    const auto before = entryLines(edited);
+    const auto after = entryLines(written);
+    if (before.size() != after.size()) {
+        // Not the card these identities were made for: let the registry
+        // match it as it would any outside change.
+        recordCardEntries(written, cardID, registry, {});
+        return;
+    }
+    std::vector<std::pair<const VCardProperty*, std::string>> wanted;
+    for (const auto& [property, id] : result.entryIDs) {
+        const auto it = std::find(before.begin(), before.end(), property);
+        if (it != before.end()) {
+            wanted.emplace_back(after[static_cast<std::size_t>(it - before.begin())], id);
+        }
+    }
+    recordCardEntries(written, cardID, registry, wanted);
 }
 
 ApplyResult applyDraft(VCard& card, const ContactDraft& draft, std::string_view cardID,

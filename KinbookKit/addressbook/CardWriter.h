@@ -64,6 +64,14 @@ struct ApplyResult {
     std::vector<std::pair<const VCardProperty*, std::string>> entryIDs;
 };
 
+// Tells the registry which identity each entry of a written card carries.
+// `written` is the card parsed back from the bytes `edited.serialize()` gave:
+// a 2.1 card is written as 3.0, so lines nobody edited may still change form
+// in the writing, and the registry must know them as they are in the file.
+// Entries are matched by position, which writing never changes.
+void recordWrittenEntries(const VCard& edited, const ApplyResult& result, const VCard& written,
+                          std::string_view cardID, EntryRegistry& registry);
+
 // Applies the editor's draft onto the card as just read, entry by entry:
 //
 // - Names: N (family;given;middle;prefix;suffix, keeping the card's field
@@ -110,7 +118,8 @@ struct ApplyResult {
 // for new and re-created lines. The anchor is the exception: it is moved first
 // when it is not.
 //
-// A draft for a new card is applied onto newCardFor(draft, uid).
+// A draft for a new card is applied onto newCardFor(draft, uid). Record the
+// result with recordWrittenEntries.
 ApplyResult applyDraft(VCard& card, const ContactDraft& draft, std::string_view cardID,
                        EntryRegistry& registry,
                        std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
