@@ -1143,6 +1143,9 @@ std::string revisionValue(std::chrono::system_clock::time_point time, bool exten
 std::string entryLabel(const VCard& card, const VCardProperty& property, EntryKind kind) {
     if (const VCardProperty* label = card.companion(property, "X-ABLabel")) {
         std::string text = label->text();
+        if (equalsIgnoringAsciiCase(trimmed(text), "Other")) {
+            return std::string(labelConstant(StockLabel::other)); // Google's word for it
+        }
         if (!isBlankText(text)) {
             return text;
         }
@@ -1154,7 +1157,15 @@ std::string entryLabel(const VCard& card, const VCardProperty& property, EntryKi
 }
 
 void writeLabel(VCard& card, VCardProperty& property, EntryKind kind, std::string_view label) {
-    if (property.isMalformed() || entryLabel(card, property, kind) == label) {
+    if (property.isMalformed()) {
+        return;
+    }
+    const std::string current = entryLabel(card, property, kind);
+    // A phone or e-mail address without any label reads as "other" in the
+    // address books that write them that way: both are already true of it.
+    const bool unlabelledOther = current.empty() && label == labelConstant(StockLabel::other) &&
+                                 (kind == EntryKind::phone || kind == EntryKind::email);
+    if (current == label || unlabelledOther) {
         return;
     }
     const auto stock = stockLabelForConstant(label);

@@ -480,6 +480,11 @@ TEST(CardWriter, LabelsAreWrittenAsAppleWritesThem) {
          EntryKind::phone,
          mobile,
          {"TEL;TYPE=CELL:1"}},
+        {"Google's word Other is the other label",
+         {"item1.TEL:1", "item1.X-ABLabel:Other"},
+         EntryKind::phone,
+         std::string(labelConstant(StockLabel::other)),
+         {"item1.TEL:1", "item1.X-ABLabel:Other"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -497,6 +502,11 @@ TEST(CardWriter, LabelsAreWrittenAsAppleWritesThem) {
         EXPECT_EQ(written, c.expected);
         EXPECT_EQ(entryLabel(card, *card.properties()[1], c.kind), c.label);
     }
+    // A phone without a label already reads as "other" where cards are
+    // written that way: giving it that label changes nothing.
+    VCard plain = parse(crlf({"BEGIN:VCARD", "VERSION:3.0", "TEL:1", "END:VCARD"}));
+    writeLabel(plain, *plain.first("TEL"), EntryKind::phone, labelConstant(StockLabel::other));
+    EXPECT_FALSE(plain.isModified());
 }
 
 // ---------------------------------------------------------------------------
