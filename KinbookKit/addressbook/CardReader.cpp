@@ -105,10 +105,10 @@ ContactDraft::Address addressOf(const VCardProperty& property) {
         }
         address.street += lines;
     }
-    address.city = std::string(trimAsciiSpace(joinedField(fields, 3, " ")));
-    address.state = std::string(trimAsciiSpace(joinedField(fields, 4, " ")));
-    address.postalCode = std::string(trimAsciiSpace(joinedField(fields, 5, " ")));
-    address.country = std::string(trimAsciiSpace(joinedField(fields, 6, " ")));
+    address.city = std::string(trimAsciiSpace(FieldsValue(fields).joined(3, " ")));
+    address.state = std::string(trimAsciiSpace(FieldsValue(fields).joined(4, " ")));
+    address.postalCode = std::string(trimAsciiSpace(FieldsValue(fields).joined(5, " ")));
+    address.country = std::string(trimAsciiSpace(FieldsValue(fields).joined(6, " ")));
     return address;
 }
 
@@ -445,14 +445,15 @@ std::vector<ContactCard::Item> itemsOf(const std::vector<ContactDraft::Field>& f
 }
 
 CardNames namesOf(const VCard& card) {
-    const VCardProperty* n = card.first("N");
+    CardNames names;
+    if (const VCardProperty* n = card.first("N")) {
+        readNameFields(FieldsValue(n->components()), names);
+    }
+    if (const VCardProperty* org = card.first("ORG")) {
+        readOrganizationFields(FieldsValue(org->components()), names);
+    }
     const VCardProperty* fn = card.first("FN");
-    const VCardProperty* org = card.first("ORG");
-    const std::optional<VCardFields> nFields = n ? std::optional<VCardFields>(n->components()) : std::nullopt;
-    const std::optional<VCardFields> orgFields =
-        org ? std::optional<VCardFields>(org->components()) : std::nullopt;
-    return assembleCardNames(nFields ? &*nFields : nullptr, fn ? fn->text() : std::string(),
-                             orgFields ? &*orgFields : nullptr, isCompanyCard(card));
+    return completeCardNames(std::move(names), fn ? fn->text() : std::string(), isCompanyCard(card));
 }
 
 std::string firstText(const VCard& card, std::string_view name) {
@@ -691,9 +692,11 @@ Person readPerson(const VCard& card, std::string_view cardID, std::string_view a
             break;
         case PersonLine::n:
         case PersonLine::org:
-        case PersonLine::adr:
-            builder.addFields(line, property->components());
+        case PersonLine::adr: {
+            const VCardFields fields = property->components();
+            builder.addFields(line, FieldsValue(fields));
             break;
+        }
         case PersonLine::nickname: {
             std::string joined;
             for (const auto& value : property->listValues()) {
@@ -713,7 +716,7 @@ Person readPerson(const VCard& card, std::string_view cardID, std::string_view a
             break;
         }
     }
-    return builder.finish(cardID, accountID);
+    return std::move(builder).finish(cardID, accountID);
 }
 
 } // namespace kinbook

@@ -7,6 +7,7 @@
 #include "KinbookKit/text/Ascii.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -55,12 +56,22 @@ bool isMarker(std::string_view line, std::string_view marker) {
     return equalsIgnoringCase(line, marker);
 }
 
+// Both markers end in "D": most lines are told apart by their last
+// character before anything else is looked at.
+bool mayBeMarker(std::string_view line) {
+    std::size_t end = line.size();
+    while (end > 0 && isSpaceOrTab(line[end - 1])) {
+        --end;
+    }
+    return end > 0 && (line[end - 1] == 'D' || line[end - 1] == 'd');
+}
+
 bool isBegin(std::string_view line) {
-    return line.size() >= 11 && isMarker(line, "BEGIN:VCARD");
+    return line.size() >= 11 && mayBeMarker(line) && isMarker(line, "BEGIN:VCARD");
 }
 
 bool isEnd(std::string_view line) {
-    return line.size() >= 9 && isMarker(line, "END:VCARD");
+    return line.size() >= 9 && mayBeMarker(line) && isMarker(line, "END:VCARD");
 }
 
 std::string_view roughHead(std::string_view text) {
@@ -112,6 +123,28 @@ bool isAgentBegin(std::string_view text) {
            equalsIgnoringCase(trimmedSpaceTab(roughValue(text)), "BEGIN:VCARD");
 }
 
+// Cheap tests that rule out most lines before the exact ones run: BASE64
+// needs a "B" among the parameters, AGENT a name ending in "AGENT".
+bool contains(std::string_view text, char c) {
+    return std::memchr(text.data(), c, text.size()) != nullptr;
+}
+
+bool mayDeclareBase64(std::string_view text) {
+    const std::string_view head = roughHead(text);
+    const std::size_t semicolon = head.find(';');
+    if (semicolon == std::string_view::npos) {
+        return false;
+    }
+    const std::string_view parameters = head.substr(semicolon);
+    return contains(parameters, 'B') || contains(parameters, 'b');
+}
+
+bool mayBeAgent(std::string_view text) {
+    std::string_view name = roughHead(text);
+    name = name.substr(0, name.find(';'));
+    return name.size() >= 5 && equalsIgnoringCase(name.substr(name.size() - 5), "AGENT");
+}
+
 bool isNameChar(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
 }
@@ -126,6 +159,9 @@ struct ScannedLine {
     std::string_view name;
     bool hasGroup = false;
     std::string_view parameters; // from the first ';' up to the value's ':'
+    // A parameter that may be ENCODING or CHARSET, or a bare 2.1 word (which
+    // may be an encoding): only then can the value need decoding.
+    bool mayNeedDecoding = false;
     std::string_view value;
 };
 
@@ -168,6 +204,12 @@ bool scanLine(std::string_view text, ScannedLine& line) {
             if (i == text.size()) {
                 return false;
             }
+        }
+        if (!line.mayNeedDecoding) {
+            const std::string_view written = text.substr(start, i - start);
+            const char first = written.empty() ? '\0' : asciiUpper(written.front());
+            line.mayNeedDecoding =
+                first == 'E' || first == 'C' || written.find('=') == std::string_view::npos;
         }
     }
     line.parameters = text.substr(parametersBegin, i - parametersBegin);
@@ -259,19 +301,6 @@ Decoding decodingOf(std::string_view parameters, VCardVersion version) {
     return decoding;
 }
 
-bool mayNeedDecoding(std::string_view parameters) {
-    // Only ENCODING and CHARSET (or a bare 2.1 encoding word) change how a
-    // value reads; most lines name neither.
-    for (std::size_t i = 0; i < parameters.size(); ++i) {
-        const char c = parameters[i];
-        if (c == 'E' || c == 'e' || c == 'C' || c == 'c' || c == 'Q' || c == 'q' || c == 'B' || c == 'b' ||
-            c == '7' || c == '8') {
-            return true;
-        }
-    }
-    return false;
-}
-
 void normaliseLineBreaks(std::string& text) {
     if (text.find('\r') == std::string::npos) {
         return;
@@ -294,7 +323,7 @@ void normaliseLineBreaks(std::string& text) {
 class ValueReader {
 public:
     ValueReader(const ScannedLine& line, VCardVersion version) : m_line(line), m_version(version) {
-        if (mayNeedDecoding(line.parameters)) {
+        if (line.mayNeedDecoding) {
             m_decoding = decodingOf(line.parameters, version);
         }
     }
@@ -303,8 +332,7 @@ public:
     // no encodings, valid UTF-8) are the raw bytes themselves.
     std::string_view text(std::string& storage) const {
         const std::string_view raw = m_line.value;
-        if (!isQuotedPrintable() && raw.find_first_of("\\\r") == std::string_view::npos &&
-            std::memchr(raw.data(), 0, raw.size()) == nullptr && isValidUtf8(raw)) {
+        if (!isQuotedPrintable() && isPlain(raw)) {
             return raw;
         }
         storage = unescapeVCardText(transferDecoded());
@@ -312,14 +340,15 @@ public:
         return storage;
     }
 
-    VCardFields components() const {
-        auto fields = splitVCardStructured(transferDecoded(), m_version != VCardVersion::v2_1);
-        for (auto& field : fields) {
-            for (auto& component : field) {
-                normaliseLineBreaks(component);
-            }
+    // The value for reading as a structured value; `storage` holds it when
+    // it had to be decoded.
+    std::string_view structured(std::string& storage) const {
+        const std::string_view raw = m_line.value;
+        if (!isQuotedPrintable() && isValidUtf8(raw) && std::memchr(raw.data(), 0, raw.size()) == nullptr) {
+            return raw;
         }
-        return fields;
+        storage = transferDecoded();
+        return storage;
     }
 
     std::string list() const {
@@ -343,6 +372,32 @@ public:
     }
 
 private:
+    // Text that unescaping, line-break normalising and UTF-8 repair would
+    // all leave as it is.
+    static bool isPlain(std::string_view raw) {
+        if (contains(raw, '\\') || contains(raw, '\r') || contains(raw, '\0')) {
+            return false;
+        }
+        return isAscii(raw) || isValidUtf8(raw);
+    }
+
+    static bool isAscii(std::string_view raw) {
+        std::size_t i = 0;
+        for (; i + 8 <= raw.size(); i += 8) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, raw.data() + i, 8);
+            if ((word & 0x8080808080808080ULL) != 0) {
+                return false;
+            }
+        }
+        for (; i < raw.size(); ++i) {
+            if (static_cast<unsigned char>(raw[i]) >= 0x80) {
+                return false;
+            }
+        }
+        return true;
+    }
+
     bool isQuotedPrintable() const {
         return m_decoding.hasEncoding && equalsIgnoringCase(m_decoding.encoding, "QUOTED-PRINTABLE");
     }
@@ -365,6 +420,100 @@ private:
     const ScannedLine& m_line;
     VCardVersion m_version;
     Decoding m_decoding;
+};
+
+// Where the unescaped `separator` after `from` is, or the end.
+std::size_t nextUnescaped(std::string_view value, std::size_t from, char separator) {
+    for (std::size_t i = from; i < value.size(); ++i) {
+        if (value[i] == '\\') {
+            ++i;
+        } else if (value[i] == separator) {
+            return i;
+        }
+    }
+    return value.size();
+}
+
+// A structured value read in place, split and unescaped only where asked:
+// the same components as splitVCardStructured, without building them all.
+class StructuredView final : public StructuredValue {
+public:
+    StructuredView(std::string_view value, bool componentLists)
+        : m_value(value), m_componentLists(componentLists) {}
+
+    std::string joined(std::size_t index, std::string_view separator) const override {
+        std::string joined;
+        const auto field = fieldAt(index);
+        if (!field) {
+            return joined;
+        }
+        forEachComponent(*field, [&](std::string_view component, bool first) {
+            if (!first) {
+                joined += separator;
+            }
+            appendComponent(component, joined);
+        });
+        return joined;
+    }
+
+    bool isFilled() const override {
+        bool filled = false;
+        std::string component;
+        for (std::size_t start = 0;;) {
+            const std::size_t end = nextUnescaped(m_value, start, ';');
+            forEachComponent(m_value.substr(start, end - start), [&](std::string_view raw, bool) {
+                component.clear();
+                appendComponent(raw, component);
+                filled = filled || isFilledValue(component);
+            });
+            if (filled || end == m_value.size()) {
+                return filled;
+            }
+            start = end + 1;
+        }
+    }
+
+private:
+    std::optional<std::string_view> fieldAt(std::size_t index) const {
+        std::size_t start = 0;
+        for (std::size_t i = 0; i < index; ++i) {
+            const std::size_t end = nextUnescaped(m_value, start, ';');
+            if (end == m_value.size()) {
+                return std::nullopt;
+            }
+            start = end + 1;
+        }
+        return m_value.substr(start, nextUnescaped(m_value, start, ';') - start);
+    }
+
+    template <typename Visit>
+    void forEachComponent(std::string_view field, Visit&& visit) const {
+        if (!m_componentLists) {
+            visit(field, true);
+            return;
+        }
+        for (std::size_t start = 0, index = 0;; ++index) {
+            const std::size_t end = nextUnescaped(field, start, ',');
+            visit(field.substr(start, end - start), index == 0);
+            if (end == field.size()) {
+                return;
+            }
+            start = end + 1;
+        }
+    }
+
+    static void appendComponent(std::string_view raw, std::string& out) {
+        if (std::none_of(raw.begin(), raw.end(), [](char c) { return c == '\\' || c == '\r'; })) {
+            out += raw;
+            return;
+        }
+        std::string component = unescapeVCardText(raw);
+        normaliseLineBreaks(component);
+        out += component;
+    }
+
+    std::string_view m_value;
+    bool m_componentLists;
 };
 
 // The per-thread buffers the walk reuses from card to card.
@@ -442,7 +591,7 @@ Walk walkLogicalLines(std::string_view bytes, const std::vector<PhysicalLine>& l
             i = j + 1;
             continue;
         }
-        if (declaresEncoding(text, "BASE64")) {
+        if (mayDeclareBase64(text) && declaresEncoding(text, "BASE64")) {
             while (j + 1 < n && isBase64Data(content(j + 1))) {
                 append(content(j + 1));
                 ++j;
@@ -450,7 +599,7 @@ Walk walkLogicalLines(std::string_view bytes, const std::vector<PhysicalLine>& l
             if (j + 1 < n && content(j + 1).empty()) {
                 ++j;
             }
-        } else if (isAgentBegin(text)) {
+        } else if (mayBeAgent(text) && isAgentBegin(text)) {
             return Walk::needsParser;
         }
         if (!visit(text)) {
@@ -538,7 +687,8 @@ std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileNa
         case PersonLine::n:
         case PersonLine::org:
         case PersonLine::adr:
-            builder.addFields(kind, reader.components());
+            builder.addFields(
+                kind, StructuredView(reader.structured(scratch.value), version != VCardVersion::v2_1));
             break;
         case PersonLine::nickname:
             builder.addText(kind, reader.list());
@@ -560,8 +710,8 @@ std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileNa
     }
     const auto& uid = builder.uid();
     const std::string_view trimmedUid = uid ? trimAsciiSpace(*uid) : std::string_view();
-    return builder.finish(!trimmedUid.empty() ? std::string(trimmedUid) : cardIDFromFileName(fileName),
-                          accountID);
+    return std::move(builder).finish(
+        !trimmedUid.empty() ? std::string(trimmedUid) : cardIDFromFileName(fileName), accountID);
 }
 
 } // namespace kinbook

@@ -4,6 +4,7 @@
 #include "KinbookKit/text/Ascii.h"
 
 #include <array>
+#include <vector>
 
 namespace kinbook {
 namespace {
@@ -83,12 +84,12 @@ bool isFilledValue(std::string_view text) {
     return false;
 }
 
-std::string joinedField(const VCardFields& fields, std::size_t index, std::string_view separator) {
+std::string FieldsValue::joined(std::size_t index, std::string_view separator) const {
     std::string joined;
-    if (index >= fields.size()) {
+    if (index >= m_fields.size()) {
         return joined;
     }
-    const auto& components = fields[index];
+    const auto& components = m_fields[index];
     for (std::size_t i = 0; i < components.size(); ++i) {
         if (i > 0) {
             joined += separator;
@@ -96,6 +97,17 @@ std::string joinedField(const VCardFields& fields, std::size_t index, std::strin
         joined += components[i];
     }
     return joined;
+}
+
+bool FieldsValue::isFilled() const {
+    for (const auto& field : m_fields) {
+        for (const auto& component : field) {
+            if (isFilledValue(component)) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 std::string placeText(std::string_view city, std::string_view state, std::string_view country) {
@@ -112,20 +124,20 @@ std::string placeText(std::string_view city, std::string_view state, std::string
     return place;
 }
 
-CardNames assembleCardNames(const VCardFields* n, std::string_view formattedName, const VCardFields* org,
-                            bool isCompany) {
-    CardNames names;
-    if (n != nullptr) {
-        names.familyName = joinedField(*n, 0, " ");
-        names.givenName = joinedField(*n, 1, " ");
-        names.middleName = joinedField(*n, 2, " ");
-        names.namePrefix = joinedField(*n, 3, " ");
-        names.nameSuffix = joinedField(*n, 4, " ");
-    }
-    if (org != nullptr) {
-        names.organization = joinedField(*org, 0, ",");
-        names.department = joinedField(*org, 1, ",");
-    }
+void readNameFields(const StructuredValue& n, CardNames& names) {
+    names.familyName = n.joined(0, " ");
+    names.givenName = n.joined(1, " ");
+    names.middleName = n.joined(2, " ");
+    names.namePrefix = n.joined(3, " ");
+    names.nameSuffix = n.joined(4, " ");
+}
+
+void readOrganizationFields(const StructuredValue& org, CardNames& names) {
+    names.organization = org.joined(0, ",");
+    names.department = org.joined(1, ",");
+}
+
+CardNames completeCardNames(CardNames names, std::string_view formattedName, bool isCompany) {
     const std::string_view fn = trimAsciiSpace(formattedName);
     if (isCompany) {
         if (trimAsciiSpace(names.organization).empty()) {
@@ -143,9 +155,28 @@ PersonLine RawPersonBuilder::classify(std::string_view name, bool hasGroup) cons
     if (name == "UID") {
         return hasGroup || m_uid ? PersonLine::ignored : PersonLine::uid;
     }
+    // Compared in upper case against the table, length first: this runs for
+    // every line of every card in a full read.
+    constexpr std::size_t kLongest = 24;
+    if (name.empty() || name.size() > kLongest) {
+        return PersonLine::ignored;
+    }
+    char upper[kLongest];
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        upper[i] = asciiUpper(name[i]);
+    }
+    const std::string_view key(upper, name.size());
+    // The table by name length, built once.
+    static const auto byLength = [] {
+        std::array<std::vector<LineByName>, kLongest + 1> index;
+        for (const auto& entry : kLines) {
+            index[entry.name.size()].push_back(entry);
+        }
+        return index;
+    }();
     PersonLine line = PersonLine::ignored;
-    for (const auto& entry : kLines) {
-        if (equalsIgnoringAsciiCase(entry.name, name)) {
+    for (const auto& entry : byLength[key.size()]) {
+        if (entry.name == key) {
             line = entry.line;
             break;
         }
@@ -155,9 +186,9 @@ PersonLine RawPersonBuilder::classify(std::string_view name, bool hasGroup) cons
     }
     switch (line) {
     case PersonLine::n:
-        return m_n ? PersonLine::ignored : line;
+        return m_hasN ? PersonLine::ignored : line;
     case PersonLine::org:
-        return m_org ? PersonLine::ignored : line;
+        return m_hasOrg ? PersonLine::ignored : line;
     case PersonLine::fn:
         return m_fn ? PersonLine::ignored : line;
     case PersonLine::nickname:
@@ -171,32 +202,28 @@ PersonLine RawPersonBuilder::classify(std::string_view name, bool hasGroup) cons
     }
 }
 
-void RawPersonBuilder::addFields(PersonLine line, const VCardFields& fields) {
+void RawPersonBuilder::addFields(PersonLine line, const StructuredValue& value) {
     switch (line) {
     case PersonLine::n:
-        m_n = fields;
+        m_hasN = true;
+        readNameFields(value, m_names);
         break;
     case PersonLine::org:
-        m_org = fields;
+        m_hasOrg = true;
+        readOrganizationFields(value, m_names);
         break;
     case PersonLine::adr: {
-        const std::string code = trimmedCopy(joinedField(fields, 5, " "));
+        const std::string code = trimmedCopy(value.joined(5, " "));
         const std::string place =
-            placeText(trimmedCopy(joinedField(fields, 3, " ")), trimmedCopy(joinedField(fields, 4, " ")),
-                      trimmedCopy(joinedField(fields, 6, " ")));
-        bool filled = false;
-        for (const auto& field : fields) {
-            for (const auto& component : field) {
-                filled = filled || isFilledValue(component);
-            }
-        }
+            placeText(trimmedCopy(value.joined(3, " ")), trimmedCopy(value.joined(4, " ")),
+                      trimmedCopy(value.joined(6, " ")));
         if (!code.empty()) {
             m_postalCodes.push_back(code);
         }
         if (!place.empty()) {
             m_places.push_back(place);
         }
-        m_filledEntries += filled ? 1 : 0;
+        m_filledEntries += value.isFilled() ? 1 : 0;
         break;
     }
     default:
@@ -264,11 +291,10 @@ void RawPersonBuilder::addPhoto(bool hasInlineData) {
     m_image = m_image || hasInlineData;
 }
 
-Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accountID) const {
+Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accountID) && {
     Person person;
     person.id = std::string(cardID);
-    const CardNames names = assembleCardNames(m_n ? &*m_n : nullptr, m_fn.value_or(std::string()),
-                                              m_org ? &*m_org : nullptr, m_company);
+    const CardNames names = completeCardNames(m_names, m_fn.value_or(std::string()), m_company);
     if (!m_company) {
         // A company card is listed, sorted and found by its organisation.
         person.givenName = names.givenName;
@@ -289,10 +315,10 @@ Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accoun
         person.isPrimaryCard = anchor->primary;
     }
     if (m_details) {
-        person.phoneNumbers = m_phones;
-        person.emailAddresses = m_emails;
-        person.postalCodes = m_postalCodes;
-        person.places = m_places;
+        person.phoneNumbers = std::move(m_phones);
+        person.emailAddresses = std::move(m_emails);
+        person.postalCodes = std::move(m_postalCodes);
+        person.places = std::move(m_places);
         person.hasImage = m_image;
         int filled = m_filledEntries + (m_birthday ? 1 : 0) + (m_image ? 1 : 0);
         for (const auto* text : {&person.givenName, &person.middleName, &person.familyName, &person.nickname,

@@ -25,14 +25,41 @@ struct CardNames {
     bool operator==(const CardNames&) const = default;
 };
 
+// A structured value (N, ORG, ADR) as the rules below read it. Each reader
+// supplies its own: a parsed property's components, or the scanner's view of
+// the raw value.
+class StructuredValue {
+public:
+    virtual ~StructuredValue() = default;
+    // The components of field `index` joined by `separator`; empty when the
+    // value has fewer fields.
+    virtual std::string joined(std::size_t index, std::string_view separator) const = 0;
+    // Some component has something in it (isFilledValue).
+    virtual bool isFilled() const = 0;
+};
+
+// A parsed property's components as a StructuredValue.
+class FieldsValue final : public StructuredValue {
+public:
+    explicit FieldsValue(const VCardFields& fields) : m_fields(fields) {}
+    std::string joined(std::size_t index, std::string_view separator) const override;
+    bool isFilled() const override;
+
+private:
+    const VCardFields& m_fields;
+};
+
 // N gives the person's names (the components of one field joined by a
 // blank); ORG gives the organisation and the department (components joined
-// by ",", which is what an unescaped comma in a company name meant). A card
-// whose N has no given, middle or family name shows its FN as the given name,
-// unless FN just repeats the organisation. A company card keeps its N names
-// but is known by its organisation; with no ORG its FN is the organisation.
-CardNames assembleCardNames(const VCardFields* n, std::string_view formattedName, const VCardFields* org,
-                            bool isCompany);
+// by ",", which is what an unescaped comma in a company name meant).
+void readNameFields(const StructuredValue& n, CardNames& names);
+void readOrganizationFields(const StructuredValue& org, CardNames& names);
+
+// The names a card shows, from what its N and ORG gave: a card whose N has
+// no given, middle or family name shows its FN as the given name, unless FN
+// just repeats the organisation. A company card keeps its N names but is
+// known by its organisation; with no ORG its FN is the organisation.
+CardNames completeCardNames(CardNames names, std::string_view formattedName, bool isCompany);
 
 // What a line of a card contributes to the raw person.
 enum class PersonLine : unsigned char {
@@ -79,7 +106,7 @@ public:
     PersonLine classify(std::string_view name, bool hasGroup) const;
 
     // Value for n, org and adr.
-    void addFields(PersonLine line, const VCardFields& fields);
+    void addFields(PersonLine line, const StructuredValue& value);
     // Value for every other kind, as TEXT; nickname as its list values
     // joined by ", ".
     void addText(PersonLine line, std::string_view text);
@@ -89,12 +116,13 @@ public:
     bool isGroup() const { return m_group; }
     const std::optional<std::string>& uid() const { return m_uid; }
 
-    Person finish(std::string_view cardID, std::string_view accountID) const;
+    Person finish(std::string_view cardID, std::string_view accountID) &&;
 
 private:
     bool m_details;
-    std::optional<VCardFields> m_n;
-    std::optional<VCardFields> m_org;
+    bool m_hasN = false;
+    bool m_hasOrg = false;
+    CardNames m_names;
     std::optional<std::string> m_fn;
     std::optional<std::string> m_nickname;
     std::optional<std::string> m_title;
@@ -114,9 +142,6 @@ private:
 // Whether an entry's value counts as filled: anything but white space, ";"
 // and ",".
 bool isFilledValue(std::string_view text);
-
-// A field of a structured value, its components joined by `separator`.
-std::string joinedField(const VCardFields& fields, std::size_t index, std::string_view separator);
 
 // The place text of an address, for search: city, state and country, the
 // empty ones dropped, joined by ", ".
