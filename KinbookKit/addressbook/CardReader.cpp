@@ -592,7 +592,8 @@ std::string formatPostalAddress(const ContactDraft::Address& address, std::strin
     switch (layoutFor(layout, address.country)) {
     case Layout::cityFirst: {
         const std::string stateAndCode = joinNonEmpty({address.state, address.postalCode}, " ");
-        addLine(text, joinNonEmpty({address.city, stateAndCode}, address.city.empty() ? "" : ", "));
+        // "Springfield, IL 62701"; the comma belongs to the state.
+        addLine(text, joinNonEmpty({address.city, stateAndCode}, address.state.empty() ? " " : ", "));
         break;
     }
     case Layout::codeFirst:
