@@ -131,6 +131,10 @@ TEST(CardReader, ReadsTheRealSamplesOfEachDialect) {
     ASSERT_EQ(nextcloud.links.size(), 1u);
     EXPECT_EQ(nextcloud.links[0].service, LinkService::telegram);
 
+    const auto nextcloud4 = read(sample("nextcloud-download-v4--issue114.vcf"));
+    EXPECT_EQ(labelled(nextcloud4.phones), (Pairs{{"mobile", "+49 1234 56789"}, {"work", "+49 9876 54321"}}));
+    EXPECT_EQ(nextcloud4.organization, "Dummy GmbH");
+
     const auto fullcontact = read(sample("fullcontact-v4--fullcontact.vcf"));
     EXPECT_FALSE(fullcontact.givenName.empty() && fullcontact.familyName.empty());
 }
