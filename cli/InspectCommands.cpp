@@ -1,5 +1,8 @@
 #include "cli/InspectCommands.h"
 
+#include "KinbookKit/addressbook/CardReader.h"
+#include "KinbookKit/addressbook/EntryRegistry.h"
+#include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/KinID.h"
 #include "KinbookKit/records/LinkService.h"
@@ -10,8 +13,11 @@
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -98,6 +104,48 @@ json addressJson(const std::string& text) {
     };
 }
 
+// A failure the user must see: the message on stderr, exit status 1.
+[[noreturn]] void fail(const std::string& message) {
+    fmt::print(stderr, "kinbook: {}\n", message);
+    throw CLI::RuntimeError(1);
+}
+
+// What Kinbook reads from one card file: the card as the person page shows
+// it, the raw list row, and what the reader had to tolerate.
+json cardJson(const std::string& file) {
+    const std::filesystem::path path(file);
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error)) {
+        fail(fmt::format("can't read {}: it is a folder", file));
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        fail(fmt::format("can't read {}", file));
+    }
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    auto card = VCard::parse(bytes.str());
+    if (!card) {
+        fail(fmt::format("{} is not a vCard: {}", file, describe(card.error())));
+    }
+    const std::string fileName = path.filename().string();
+    const std::string cardID = cardIDOf(card.value(), fileName);
+    // Entry identities as a first read gives them; nothing is remembered.
+    EntryRegistry registry;
+    const std::string accountID =
+        path.has_parent_path() ? path.parent_path().filename().string() : std::string();
+    auto warnings = json::array();
+    for (const auto& warning : card.value().warnings()) {
+        warnings.push_back({{"line", warning.line}, {"message", warning.message}});
+    }
+    return {
+        {"card", readContactCard(card.value(), cardID, registry).toJSON()},
+        {"person", readPerson(card.value(), cardID, accountID, true).toJSON()},
+        {"warnings", std::move(warnings)},
+        {"isGroup", isGroupCard(card.value())},
+    };
+}
+
 } // namespace
 
 void addInspectCommands(CLI::App& app) {
@@ -147,6 +195,10 @@ void addInspectCommands(CLI::App& app) {
     auto* address = inspect->add_subcommand("address", "The parts of a pasted postal address");
     address->add_option("TEXT", *text, "An address on one line or several")->required();
     address->callback([text] { printJson(addressJson(*text)); });
+
+    auto* card = inspect->add_subcommand("card", "What Kinbook reads from a card file (.vcf)");
+    card->add_option("FILE", *text, "A vCard file, such as one card of a vdir account folder")->required();
+    card->callback([text] { printJson(cardJson(*text)); });
 }
 
 } // namespace kinbook::cli

@@ -17,6 +17,9 @@ int main(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RuntimeError& error) {
+        // A command that failed has said why on stderr already.
+        return error.get_exit_code();
     } catch (const CLI::ParseError& error) {
         // Help and version exit 0; every unusable argument exits 2, as
         // command-line tools usually do.

@@ -2,6 +2,8 @@
 
 #include "KinbookKit/Hash.h"
 
+#include <nlohmann/json.hpp>
+
 #include <string_view>
 
 namespace kinbook {
@@ -15,6 +17,53 @@ std::string joinPhoneticName(std::string_view phoneticGivenName, std::string_vie
         name += phoneticFamilyName;
     }
     return name;
+}
+
+nlohmann::json ContactCard::toJSON() const {
+    using nlohmann::json;
+    auto items = [](const std::vector<Item>& list) {
+        json array = json::array();
+        for (const auto& item : list) {
+            array.push_back({{"label", item.label}, {"value", item.value}, {"id", item.id}});
+        }
+        return array;
+    };
+    auto byteCount = [](const std::optional<std::vector<std::uint8_t>>& bytes) {
+        return bytes ? json(bytes->size()) : json(nullptr);
+    };
+    json linkList = json::array();
+    for (const auto& link : links) {
+        linkList.push_back({{"id", link.id},
+                            {"service", caseName(link.service)},
+                            {"handle", link.handle},
+                            {"isNew", link.isNew}});
+    }
+    return {
+        {"id", id},
+        {"namePrefix", namePrefix},
+        {"givenName", givenName},
+        {"middleName", middleName},
+        {"familyName", familyName},
+        {"nameSuffix", nameSuffix},
+        {"nickname", nickname},
+        {"phoneticName", phoneticName},
+        {"organization", organization},
+        {"department", department},
+        {"jobTitle", jobTitle},
+        {"phones", items(phones)},
+        {"emails", items(emails)},
+        {"addresses", items(addresses)},
+        {"urls", items(urls)},
+        {"birthday", birthday ? json(*birthday) : json(nullptr)},
+        {"dates", items(dates)},
+        {"relations", items(relations)},
+        {"social", items(social)},
+        {"messaging", items(messaging)},
+        {"links", std::move(linkList)},
+        {"thumbnail", byteCount(thumbnail)},
+        {"kinID", kinID ? json(*kinID) : json(nullptr)},
+        {"image", byteCount(image)},
+    };
 }
 
 } // namespace kinbook

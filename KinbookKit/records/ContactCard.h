@@ -2,6 +2,8 @@
 
 #include "KinbookKit/records/LinkService.h"
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -49,6 +51,12 @@ struct ContactCard {
     std::optional<std::vector<std::uint8_t>> image; // the full-size photo
 
     bool operator==(const ContactCard&) const = default;
+
+    // For showing a card (the inspect tool): member names as keys, items as
+    // {"label", "value", "id"}, links as {"id", "service" (case name),
+    // "handle", "isNew"}, the images as their byte counts, absent optionals
+    // as null.
+    nlohmann::json toJSON() const;
 };
 
 // "Given Family" from phonetic parts, empty ones dropped.

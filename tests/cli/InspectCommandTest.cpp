@@ -128,4 +128,31 @@ TEST(KinbookInspect, UnusableArgumentsExitNonZeroWithAMessage) {
     EXPECT_EQ(version.output.rfind("kinbook ", 0), 0u) << version.output;
 }
 
+TEST(KinbookInspect, CardShowsThePageCardThePersonAndTheWarnings) {
+    const std::string samples = std::string(KINBOOK_TESTDATA_DIR) + "/vcard-real/";
+    const auto apple = inspectJson({"card", samples + "apple-labels-via-sabredav--AllAttr.vcf"});
+    EXPECT_EQ(apple["card"]["id"], "sabre-vobject-005e805f-0bc1-4333-8be2-97889fb45b7a");
+    EXPECT_EQ(apple["card"]["givenName"], "Albert");
+    EXPECT_EQ(apple["card"]["phones"][1]["label"], "iPhone");
+    EXPECT_EQ(apple["card"]["phones"][1]["value"], "234");
+    EXPECT_TRUE(apple["card"]["phones"][1]["id"].is_string());
+    EXPECT_TRUE(apple["card"]["kinID"].is_null());
+    EXPECT_TRUE(apple["card"]["image"].is_null());
+    EXPECT_EQ(apple["person"]["familyName"], "Wesker");
+    EXPECT_EQ(apple["person"]["accountIDs"], nlohmann::json::parse(R"(["vcard-real"])"));
+    EXPECT_EQ(apple["isGroup"], false);
+    EXPECT_TRUE(apple["warnings"].is_array());
+
+    const auto outlook = inspectJson({"card", samples + "outlook--John_Doe_MS_OUTLOOK.vcf"});
+    EXPECT_GT(outlook["card"]["image"].get<int>(), 0);
+    EXPECT_TRUE(outlook["card"]["birthday"].is_string());
+    EXPECT_EQ(outlook["person"]["hasImage"], true);
+
+    for (const std::string& bad : {samples + "README.md", samples + "no-such-card.vcf"}) {
+        const ProcessRun run = kinbook({"inspect", "card", bad});
+        EXPECT_EQ(run.exitCode, 1) << run.output;
+        EXPECT_NE(run.output.find(bad), std::string::npos) << run.output;
+    }
+}
+
 } // namespace

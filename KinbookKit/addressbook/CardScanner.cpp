@@ -1,0 +1,717 @@
+#include "KinbookKit/addressbook/CardScanner.h"
+
+#include "KinbookKit/addressbook/CardReader.h"
+#include "KinbookKit/addressbook/RawPersonBuilder.h"
+#include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/addressbook/VCardValue.h"
+#include "KinbookKit/text/Ascii.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+// The line rules below are the codec's (VCard.cpp, VCardProperty.cpp),
+// restated over bytes: where the two could differ, the scanner must follow
+// the codec, and the equality tests over real and generated cards hold it to
+// that.
+
+namespace kinbook {
+namespace {
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
+struct PhysicalLine {
+    std::size_t begin = 0;
+    std::size_t contentEnd = 0;
+};
+
+bool isSpaceOrTab(char c) {
+    return c == ' ' || c == '\t';
+}
+
+bool isBlankLine(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), isSpaceOrTab);
+}
+
+std::string_view trimmedSpaceTab(std::string_view text) {
+    while (!text.empty() && isSpaceOrTab(text.back())) {
+        text.remove_suffix(1);
+    }
+    while (!text.empty() && isSpaceOrTab(text.front())) {
+        text.remove_prefix(1);
+    }
+    return text;
+}
+
+bool isMarker(std::string_view line, std::string_view marker) {
+    if (line.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
+        line.remove_prefix(kByteOrderMark.size());
+    }
+    line = trimmedSpaceTab(line);
+    if (line.size() > marker.size() && line[line.size() - marker.size() - 1] == '.') {
+        line = line.substr(line.size() - marker.size());
+    }
+    return equalsIgnoringCase(line, marker);
+}
+
+// Both markers end in "D": most lines are told apart by their last
+// character before anything else is looked at.
+bool mayBeMarker(std::string_view line) {
+    std::size_t end = line.size();
+    while (end > 0 && isSpaceOrTab(line[end - 1])) {
+        --end;
+    }
+    return end > 0 && (line[end - 1] == 'D' || line[end - 1] == 'd');
+}
+
+bool isBegin(std::string_view line) {
+    return line.size() >= 11 && mayBeMarker(line) && isMarker(line, "BEGIN:VCARD");
+}
+
+bool isEnd(std::string_view line) {
+    return line.size() >= 9 && mayBeMarker(line) && isMarker(line, "END:VCARD");
+}
+
+std::string_view roughHead(std::string_view text) {
+    return text.substr(0, text.find(':'));
+}
+
+bool declaresEncoding(std::string_view text, std::string_view encoding) {
+    std::string_view head = roughHead(text);
+    std::size_t pos = head.find(';');
+    while (pos != std::string_view::npos) {
+        const std::size_t next = head.find(';', pos + 1);
+        std::string_view token =
+            head.substr(pos + 1, next == std::string_view::npos ? std::string_view::npos : next - pos - 1);
+        if (token.size() > 9 && equalsIgnoringCase(token.substr(0, 9), "ENCODING=")) {
+            token.remove_prefix(9);
+        }
+        if (equalsIgnoringCase(trimmedSpaceTab(token), encoding)) {
+            return true;
+        }
+        pos = next;
+    }
+    return false;
+}
+
+bool isBase64Data(std::string_view line) {
+    if (isBlankLine(line)) {
+        return false;
+    }
+    return std::all_of(line.begin(), line.end(), [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
+               c == '/' || c == '=' || c == ' ' || c == '\t';
+    });
+}
+
+std::string_view roughName(std::string_view text) {
+    std::string_view head = roughHead(text);
+    head = head.substr(0, head.find(';'));
+    const std::size_t dot = head.find('.');
+    return dot == std::string_view::npos ? head : head.substr(dot + 1);
+}
+
+std::string_view roughValue(std::string_view text) {
+    const std::size_t colon = text.find(':');
+    return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
+}
+
+bool isAgentBegin(std::string_view text) {
+    return equalsIgnoringCase(roughName(text), "AGENT") &&
+           equalsIgnoringCase(trimmedSpaceTab(roughValue(text)), "BEGIN:VCARD");
+}
+
+// Cheap tests that rule out most lines before the exact ones run: BASE64
+// needs a "B" among the parameters, AGENT a name ending in "AGENT".
+bool contains(std::string_view text, char c) {
+    return std::memchr(text.data(), c, text.size()) != nullptr;
+}
+
+bool mayDeclareBase64(std::string_view text) {
+    const std::string_view head = roughHead(text);
+    const std::size_t semicolon = head.find(';');
+    if (semicolon == std::string_view::npos) {
+        return false;
+    }
+    const std::string_view parameters = head.substr(semicolon);
+    return contains(parameters, 'B') || contains(parameters, 'b');
+}
+
+bool mayBeAgent(std::string_view text) {
+    std::string_view name = roughHead(text);
+    name = name.substr(0, name.find(';'));
+    return name.size() >= 5 && equalsIgnoringCase(name.substr(name.size() - 5), "AGENT");
+}
+
+bool isNameChar(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+}
+
+bool isOneOf(std::string_view value, std::initializer_list<std::string_view> candidates) {
+    return std::any_of(candidates.begin(), candidates.end(),
+                       [&](std::string_view candidate) { return equalsIgnoringCase(value, candidate); });
+}
+
+// One content line, read as VCardProperty::parse reads it, without copying.
+struct ScannedLine {
+    std::string_view name;
+    bool hasGroup = false;
+    std::string_view parameters; // from the first ';' up to the value's ':'
+    // A parameter that may be ENCODING or CHARSET, or a bare 2.1 word (which
+    // may be an encoding): only then can the value need decoding.
+    bool mayNeedDecoding = false;
+    std::string_view value;
+};
+
+bool scanLine(std::string_view text, ScannedLine& line) {
+    std::size_t i = 0;
+    while (i < text.size() && isNameChar(text[i])) {
+        ++i;
+    }
+    std::size_t nameStart = 0;
+    if (i < text.size() && text[i] == '.' && i > 0) {
+        nameStart = i + 1;
+        i = nameStart;
+        while (i < text.size() && isNameChar(text[i])) {
+            ++i;
+        }
+    }
+    if (i == nameStart || i == text.size() || (text[i] != ';' && text[i] != ':')) {
+        return false;
+    }
+    line.name = text.substr(nameStart, i - nameStart);
+    line.hasGroup = nameStart > 0;
+    const std::size_t parametersBegin = i;
+    while (i < text.size() && text[i] == ';') {
+        const std::size_t start = ++i;
+        bool inQuotes = false;
+        while (i < text.size()) {
+            const char c = text[i];
+            if (c == '"') {
+                inQuotes = !inQuotes;
+            } else if (!inQuotes && (c == ';' || c == ':')) {
+                break;
+            }
+            ++i;
+        }
+        if (i == text.size()) {
+            i = start;
+            while (i < text.size() && text[i] != ';' && text[i] != ':') {
+                ++i;
+            }
+            if (i == text.size()) {
+                return false;
+            }
+        }
+        if (!line.mayNeedDecoding) {
+            const std::string_view written = text.substr(start, i - start);
+            const char first = written.empty() ? '\0' : asciiUpper(written.front());
+            line.mayNeedDecoding =
+                first == 'E' || first == 'C' || written.find('=') == std::string_view::npos;
+        }
+    }
+    line.parameters = text.substr(parametersBegin, i - parametersBegin);
+    line.value = text.substr(i + 1);
+    return true;
+}
+
+// The parameters a value's decoding depends on, with the values joined as
+// VCardProperty::parameter joins them.
+struct Decoding {
+    bool hasEncoding = false;
+    std::string encoding;
+    bool hasCharset = false;
+    std::string charset;
+};
+
+void appendParameterValues(std::string_view list, VCardVersion version, std::string& joined) {
+    std::size_t start = 0;
+    bool inQuotes = false;
+    for (std::size_t i = 0; i <= list.size(); ++i) {
+        if (i < list.size() && list[i] == '"') {
+            inQuotes = !inQuotes;
+            continue;
+        }
+        if (i < list.size() && (inQuotes || list[i] != ',')) {
+            continue;
+        }
+        const std::string_view piece = list.substr(start, i - start);
+        start = i + 1;
+        const bool quoted = !piece.empty() && piece.front() == '"';
+        const bool carets = version == VCardVersion::v4_0 || (version == VCardVersion::v3_0 && quoted);
+        const std::string value = makeValidUtf8(decodeVCardParameterValue(piece, carets));
+        if (!value.empty()) {
+            if (!joined.empty()) {
+                joined.push_back(',');
+            }
+            joined += value;
+        }
+    }
+}
+
+// Splits the parameters as the codec does (quotes protect ';' and ':') and
+// reads ENCODING and CHARSET, named or as a bare 2.1 word.
+Decoding decodingOf(std::string_view parameters, VCardVersion version) {
+    Decoding decoding;
+    std::size_t i = 0;
+    while (i < parameters.size() && parameters[i] == ';') {
+        const std::size_t start = ++i;
+        bool inQuotes = false;
+        while (i < parameters.size()) {
+            const char c = parameters[i];
+            if (c == '"') {
+                inQuotes = !inQuotes;
+            } else if (!inQuotes && c == ';') {
+                break;
+            }
+            ++i;
+        }
+        if (i == parameters.size() && inQuotes) {
+            // Unbalanced: the codec reads this parameter up to the next ';'.
+            i = start;
+            while (i < parameters.size() && parameters[i] != ';') {
+                ++i;
+            }
+        }
+        const std::string_view written = parameters.substr(start, i - start);
+        const std::size_t equals = written.find('=');
+        if (equals == std::string_view::npos) {
+            if (isOneOf(written, {"QUOTED-PRINTABLE", "BASE64", "8BIT", "7BIT", "B"})) {
+                decoding.hasEncoding = true;
+                if (!written.empty()) {
+                    if (!decoding.encoding.empty()) {
+                        decoding.encoding.push_back(',');
+                    }
+                    decoding.encoding += makeValidUtf8(written);
+                }
+            }
+            continue;
+        }
+        const std::string_view name = written.substr(0, equals);
+        if (equalsIgnoringCase(name, "ENCODING")) {
+            decoding.hasEncoding = true;
+            appendParameterValues(written.substr(equals + 1), version, decoding.encoding);
+        } else if (equalsIgnoringCase(name, "CHARSET")) {
+            decoding.hasCharset = true;
+            appendParameterValues(written.substr(equals + 1), version, decoding.charset);
+        }
+    }
+    return decoding;
+}
+
+void normaliseLineBreaks(std::string& text) {
+    if (text.find('\r') == std::string::npos) {
+        return;
+    }
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\r') {
+            out.push_back('\n');
+            if (i + 1 < text.size() && text[i + 1] == '\n') {
+                ++i;
+            }
+        } else {
+            out.push_back(text[i]);
+        }
+    }
+    text = std::move(out);
+}
+
+class ValueReader {
+public:
+    ValueReader(const ScannedLine& line, VCardVersion version) : m_line(line), m_version(version) {
+        if (line.mayNeedDecoding) {
+            m_decoding = decodingOf(line.parameters, version);
+        }
+    }
+
+    // The value as VCardProperty::text gives it. Plain values (no escapes,
+    // no encodings, valid UTF-8) are the raw bytes themselves.
+    std::string_view text(std::string& storage) const {
+        const std::string_view raw = m_line.value;
+        if (!isQuotedPrintable() && isPlain(raw)) {
+            return raw;
+        }
+        storage = unescapeVCardText(transferDecoded());
+        normaliseLineBreaks(storage);
+        return storage;
+    }
+
+    // The value for reading as a structured value; `storage` holds it when
+    // it had to be decoded.
+    std::string_view structured(std::string& storage) const {
+        const std::string_view raw = m_line.value;
+        if (!isQuotedPrintable() && isValidUtf8(raw) && std::memchr(raw.data(), 0, raw.size()) == nullptr) {
+            return raw;
+        }
+        storage = transferDecoded();
+        return storage;
+    }
+
+    std::string list() const {
+        std::string joined;
+        for (auto& value : splitVCardList(transferDecoded())) {
+            normaliseLineBreaks(value);
+            if (!joined.empty()) {
+                joined += ", ";
+            }
+            joined += value;
+        }
+        return joined;
+    }
+
+    bool hasInlineData() const {
+        const std::string_view value = m_line.value;
+        if (m_decoding.hasEncoding && isOneOf(m_decoding.encoding, {"B", "BASE64"})) {
+            return !isBlankLine(value);
+        }
+        return value.size() >= 5 && equalsIgnoringCase(value.substr(0, 5), "data:");
+    }
+
+private:
+    // Text that unescaping, line-break normalising and UTF-8 repair would
+    // all leave as it is.
+    static bool isPlain(std::string_view raw) {
+        if (contains(raw, '\\') || contains(raw, '\r') || contains(raw, '\0')) {
+            return false;
+        }
+        return isAscii(raw) || isValidUtf8(raw);
+    }
+
+    static bool isAscii(std::string_view raw) {
+        std::size_t i = 0;
+        for (; i + 8 <= raw.size(); i += 8) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, raw.data() + i, 8);
+            if ((word & 0x8080808080808080ULL) != 0) {
+                return false;
+            }
+        }
+        for (; i < raw.size(); ++i) {
+            if (static_cast<unsigned char>(raw[i]) >= 0x80) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool isQuotedPrintable() const {
+        return m_decoding.hasEncoding && equalsIgnoringCase(m_decoding.encoding, "QUOTED-PRINTABLE");
+    }
+
+    std::string transferDecoded() const {
+        const std::string_view value = m_line.value;
+        std::string bytes = isQuotedPrintable() ? decodeQuotedPrintable(value) : std::string(value);
+        if (isValidUtf8(bytes) && bytes.find('\0') == std::string::npos) {
+            return bytes;
+        }
+        if (m_decoding.hasCharset) {
+            return convertToUtf8(bytes, m_decoding.charset);
+        }
+        if (m_version == VCardVersion::v2_1) {
+            return convertToUtf8(bytes, "windows-1252");
+        }
+        return makeValidUtf8(bytes);
+    }
+
+    const ScannedLine& m_line;
+    VCardVersion m_version;
+    Decoding m_decoding;
+};
+
+// Where the unescaped `separator` after `from` is, or the end.
+std::size_t nextUnescaped(std::string_view value, std::size_t from, char separator) {
+    for (std::size_t i = from; i < value.size(); ++i) {
+        if (value[i] == '\\') {
+            ++i;
+        } else if (value[i] == separator) {
+            return i;
+        }
+    }
+    return value.size();
+}
+
+// A structured value read in place, split and unescaped only where asked:
+// the same components as splitVCardStructured, without building them all.
+class StructuredView final : public StructuredValue {
+public:
+    StructuredView(std::string_view value, bool componentLists)
+        : m_value(value), m_componentLists(componentLists) {}
+
+    std::string joined(std::size_t index, std::string_view separator) const override {
+        std::string joined;
+        const auto field = fieldAt(index);
+        if (!field) {
+            return joined;
+        }
+        forEachComponent(*field, [&](std::string_view component, bool first) {
+            if (!first) {
+                joined += separator;
+            }
+            appendComponent(component, joined);
+        });
+        return joined;
+    }
+
+    bool isFilled() const override {
+        bool filled = false;
+        std::string component;
+        for (std::size_t start = 0;;) {
+            const std::size_t end = nextUnescaped(m_value, start, ';');
+            forEachComponent(m_value.substr(start, end - start), [&](std::string_view raw, bool) {
+                component.clear();
+                appendComponent(raw, component);
+                filled = filled || isFilledValue(component);
+            });
+            if (filled || end == m_value.size()) {
+                return filled;
+            }
+            start = end + 1;
+        }
+    }
+
+private:
+    std::optional<std::string_view> fieldAt(std::size_t index) const {
+        std::size_t start = 0;
+        for (std::size_t i = 0; i < index; ++i) {
+            const std::size_t end = nextUnescaped(m_value, start, ';');
+            if (end == m_value.size()) {
+                return std::nullopt;
+            }
+            start = end + 1;
+        }
+        return m_value.substr(start, nextUnescaped(m_value, start, ';') - start);
+    }
+
+    template <typename Visit>
+    void forEachComponent(std::string_view field, Visit&& visit) const {
+        if (!m_componentLists) {
+            visit(field, true);
+            return;
+        }
+        for (std::size_t start = 0, index = 0;; ++index) {
+            const std::size_t end = nextUnescaped(field, start, ',');
+            visit(field.substr(start, end - start), index == 0);
+            if (end == field.size()) {
+                return;
+            }
+            start = end + 1;
+        }
+    }
+
+    static void appendComponent(std::string_view raw, std::string& out) {
+        if (std::none_of(raw.begin(), raw.end(), [](char c) { return c == '\\' || c == '\r'; })) {
+            out += raw;
+            return;
+        }
+        std::string component = unescapeVCardText(raw);
+        normaliseLineBreaks(component);
+        out += component;
+    }
+
+    std::string_view m_value;
+    bool m_componentLists;
+};
+
+// The per-thread buffers the walk reuses from card to card.
+struct Buffers {
+    std::vector<PhysicalLine> lines;
+    std::string logical;
+    std::string value;
+};
+
+Buffers& buffers() {
+    thread_local Buffers instance;
+    return instance;
+}
+
+enum class Walk { done, needsParser };
+
+// Turns physical lines into logical ones the way the codec's first pass does
+// and hands each non-blank one to `visit`, which returns false to stop.
+template <typename Visit>
+Walk walkLogicalLines(std::string_view bytes, const std::vector<PhysicalLine>& lines, std::size_t beginIndex,
+                      std::string& scratch, Visit&& visit) {
+    const std::size_t n = lines.size();
+    auto content = [&](std::size_t k) {
+        return bytes.substr(lines[k].begin, lines[k].contentEnd - lines[k].begin);
+    };
+    std::size_t i = beginIndex + 1;
+    while (i < n) {
+        const std::string_view line = content(i);
+        if (isEnd(line)) {
+            return Walk::done;
+        }
+        if (isBegin(line)) {
+            return Walk::needsParser;
+        }
+        // The logical line stays a view into the bytes until something must
+        // be joined to it.
+        std::string_view text = line;
+        bool copied = false;
+        auto append = [&](std::string_view more) {
+            if (!copied) {
+                scratch.assign(text);
+                copied = true;
+            }
+            scratch.append(more);
+            text = scratch;
+        };
+        std::size_t j = i;
+        int quotedPrintable = -1;
+        while (j + 1 < n) {
+            const std::string_view next = content(j + 1);
+            if (!text.empty() && text.back() == '=' && !isBegin(next) && !isEnd(next)) {
+                if (quotedPrintable < 0) {
+                    quotedPrintable = declaresEncoding(text, "QUOTED-PRINTABLE") ? 1 : 0;
+                }
+                if (quotedPrintable == 1) {
+                    if (!copied) {
+                        scratch.assign(text);
+                        copied = true;
+                    }
+                    scratch.pop_back();
+                    scratch.append(next);
+                    text = scratch;
+                    ++j;
+                    continue;
+                }
+            }
+            if (!next.empty() && isSpaceOrTab(next[0])) {
+                append(next.substr(1));
+                ++j;
+                continue;
+            }
+            break;
+        }
+        if (isBlankLine(text)) {
+            i = j + 1;
+            continue;
+        }
+        if (mayDeclareBase64(text) && declaresEncoding(text, "BASE64")) {
+            while (j + 1 < n && isBase64Data(content(j + 1))) {
+                append(content(j + 1));
+                ++j;
+            }
+            if (j + 1 < n && content(j + 1).empty()) {
+                ++j;
+            }
+        } else if (mayBeAgent(text) && isAgentBegin(text)) {
+            return Walk::needsParser;
+        }
+        if (!visit(text)) {
+            return Walk::done;
+        }
+        i = j + 1;
+    }
+    return Walk::done;
+}
+
+std::optional<Person> readThroughParser(std::string_view bytes, std::string_view fileName,
+                                        std::string_view accountID, bool details, bool* isGroup) {
+    auto card = VCard::parse(bytes);
+    if (!card) {
+        return std::nullopt;
+    }
+    if (isGroup != nullptr) {
+        *isGroup = isGroupCard(card.value());
+    }
+    return readPerson(card.value(), cardIDOf(card.value(), fileName), accountID, details);
+}
+
+} // namespace
+
+std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileName,
+                                 std::string_view accountID, bool details, bool* isGroup) {
+    if (bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+        return std::nullopt;
+    }
+    Buffers& scratch = buffers();
+    std::vector<PhysicalLine>& lines = scratch.lines;
+    lines.clear();
+    const char breakChar = std::memchr(bytes.data(), '\n', bytes.size()) != nullptr ? '\n' : '\r';
+    std::size_t beginIndex = std::string_view::npos;
+    for (std::size_t pos = 0; pos < bytes.size();) {
+        const void* found = std::memchr(bytes.data() + pos, breakChar, bytes.size() - pos);
+        const std::size_t end =
+            found == nullptr ? bytes.size()
+                             : static_cast<std::size_t>(static_cast<const char*>(found) - bytes.data());
+        std::size_t contentEnd = end;
+        while (contentEnd > pos && bytes[contentEnd - 1] == '\r') {
+            --contentEnd;
+        }
+        if (beginIndex == std::string_view::npos && isBegin(bytes.substr(pos, contentEnd - pos))) {
+            beginIndex = lines.size();
+        }
+        lines.push_back({pos, contentEnd});
+        pos = found == nullptr ? bytes.size() : end + 1;
+    }
+    if (beginIndex == std::string_view::npos) {
+        return std::nullopt;
+    }
+
+    // The version decides how values decode; it counts wherever its line is,
+    // though nearly every card has it first.
+    VCardVersion version = VCardVersion::v3_0;
+    Walk walk = walkLogicalLines(bytes, lines, beginIndex, scratch.logical, [&](std::string_view text) {
+        if (!equalsIgnoringCase(roughName(text), "VERSION")) {
+            return true;
+        }
+        const std::string_view value = trimmedSpaceTab(roughValue(text));
+        if (value == "2.1" || value == "2.0") {
+            version = VCardVersion::v2_1;
+        } else if (value == "4.0") {
+            version = VCardVersion::v4_0;
+        }
+        return false;
+    });
+    if (walk == Walk::needsParser) {
+        return readThroughParser(bytes, fileName, accountID, details, isGroup);
+    }
+
+    RawPersonBuilder builder(details);
+    walk = walkLogicalLines(bytes, lines, beginIndex, scratch.logical, [&](std::string_view text) {
+        ScannedLine line;
+        if (!scanLine(text, line)) {
+            return true;
+        }
+        const PersonLine kind = builder.classify(line.name, line.hasGroup);
+        if (kind == PersonLine::ignored) {
+            return true;
+        }
+        const ValueReader reader(line, version);
+        switch (kind) {
+        case PersonLine::n:
+        case PersonLine::org:
+        case PersonLine::adr:
+            builder.addFields(
+                kind, StructuredView(reader.structured(scratch.value), version != VCardVersion::v2_1));
+            break;
+        case PersonLine::nickname:
+            builder.addText(kind, reader.list());
+            break;
+        case PersonLine::photo:
+            builder.addPhoto(reader.hasInlineData());
+            break;
+        default:
+            builder.addText(kind, reader.text(scratch.value));
+            break;
+        }
+        return true;
+    });
+    if (walk == Walk::needsParser) {
+        return readThroughParser(bytes, fileName, accountID, details, isGroup);
+    }
+    if (isGroup != nullptr) {
+        *isGroup = builder.isGroup();
+    }
+    const auto& uid = builder.uid();
+    const std::string_view trimmedUid = uid ? trimAsciiSpace(*uid) : std::string_view();
+    return std::move(builder).finish(
+        !trimmedUid.empty() ? std::string(trimmedUid) : cardIDFromFileName(fileName), accountID);
+}
+
+} // namespace kinbook
