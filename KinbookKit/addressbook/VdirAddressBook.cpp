@@ -1,0 +1,858 @@
+#include "KinbookKit/addressbook/VdirAddressBook.h"
+
+#include "KinbookKit/AtomicFile.h"
+#include "KinbookKit/SecureRandom.h"
+#include "KinbookKit/addressbook/CardEntries.h"
+#include "KinbookKit/addressbook/CardReader.h"
+#include "KinbookKit/addressbook/CardScanner.h"
+#include "KinbookKit/addressbook/CardWriter.h"
+#include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/text/Ascii.h"
+
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+namespace kinbook {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+// Larger files are not cards anyone keeps on purpose; reading them whole
+// would only stall the list.
+constexpr std::uint64_t kLargestCard = 256ull << 20;
+
+long long millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+bool isHidden(const std::string& name) {
+    return !name.empty() && name.front() == '.';
+}
+
+bool isCardFileName(const std::string& name) {
+    return !isHidden(name) && name.size() > 4 && name.ends_with(".vcf");
+}
+
+struct FileStamp {
+    ino_t inode = 0;
+    off_t size = 0;
+    std::int64_t mtimeNs = 0;
+    bool operator==(const FileStamp&) const = default;
+};
+
+std::optional<FileStamp> stampOf(const fs::path& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        return std::nullopt;
+    }
+    return FileStamp{info.st_ino, info.st_size,
+                     static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec};
+}
+
+// The whole file; none when it can't be read (gone, unreadable, too large).
+std::optional<std::string> readWholeFile(const fs::path& path, std::string* problem = nullptr) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (problem) {
+            *problem = std::strerror(errno);
+        }
+        return std::nullopt;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+        static_cast<std::uint64_t>(info.st_size) > kLargestCard) {
+        if (problem) {
+            *problem = S_ISREG(info.st_mode) ? "file too large" : "not a regular file";
+        }
+        ::close(fd);
+        return std::nullopt;
+    }
+    std::string bytes;
+    bytes.resize(static_cast<std::size_t>(info.st_size));
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+        const ssize_t n = ::read(fd, bytes.data() + got, bytes.size() - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    // The file may have shrunk since fstat; keep what was there.
+    bytes.resize(got);
+    ::close(fd);
+    return bytes;
+}
+
+std::string readMetadata(const fs::path& file) {
+    auto text = readWholeFile(file);
+    if (!text) {
+        return {};
+    }
+    const std::string_view trimmed = trimAsciiSpace(*text);
+    // iCloud reports empty properties as the text "None".
+    return trimmed == "None" ? std::string() : std::string(trimmed);
+}
+
+// A file name for a new card: its UID when the UID is made of characters
+// every sync tool keeps, else a fresh UUID.
+std::string fileNameFor(std::string_view uid) {
+    const bool safe = !uid.empty() && uid.size() <= 200 && std::all_of(uid.begin(), uid.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+               c == '.' || c == '-' || c == '+';
+    }) && uid.front() != '.';
+    return (safe ? std::string(uid) : makeUUID()) + ".vcf";
+}
+
+AddressBookError conflictError() {
+    return AddressBookError::store("The card changed on disk while it was being saved. Try again.");
+}
+
+} // namespace
+
+struct VdirAddressBook::Loaded {
+    CardFile file;
+    std::string bytes;
+    VCard card;
+};
+
+VdirAddressBook::VdirAddressBook(Options options)
+    : m_options(std::move(options)), m_log(m_options.log ? m_options.log : std::make_shared<KinLog>("store")),
+      m_entries(m_options.stateFolder.empty() ? fs::path() : m_options.stateFolder / "entry-ids.json") {
+    if (!m_options.sleep) {
+        m_options.sleep = [](std::chrono::milliseconds delay) { std::this_thread::sleep_for(delay); };
+    }
+    if (m_options.readThreads == 0) {
+        m_options.readThreads = 1;
+    }
+    const fs::path stateFolder =
+        m_options.stateFolder.empty() ? ChangeJournal::defaultStateFolder() : m_options.stateFolder;
+    m_journal = std::make_unique<ChangeJournal>(stateFolder, m_options.root, [](const fs::path& path) {
+        auto bytes = readWholeFile(path);
+        if (!bytes) {
+            return std::optional<std::string>();
+        }
+        auto person =
+            scanPerson(*bytes, path.filename().string(), path.parent_path().filename().string(), false);
+        return person ? std::optional<std::string>(person->id) : std::nullopt;
+    });
+}
+
+VdirAddressBook::~VdirAddressBook() {
+    stopObserving();
+}
+
+AddressBookAccess VdirAddressBook::access() {
+    std::error_code error;
+    const auto status = fs::status(m_options.root, error);
+    if (!fs::exists(status)) {
+        return AddressBookAccess::notDetermined;
+    }
+    if (!fs::is_directory(status) || ::access(m_options.root.c_str(), R_OK | X_OK) != 0) {
+        return AddressBookAccess::denied;
+    }
+    return ::access(m_options.root.c_str(), W_OK) == 0 ? AddressBookAccess::granted
+                                                       : AddressBookAccess::limited;
+}
+
+AddressBookAccess VdirAddressBook::requestAccess() {
+    if (access() != AddressBookAccess::notDetermined) {
+        return access();
+    }
+    // Asking for an address book that isn't there yet makes one, with one
+    // local account, so a first run has somewhere to put cards.
+    std::error_code error;
+    fs::create_directories(m_options.root / "default", error);
+    if (!error) {
+        writeFileAtomically(m_options.root / "default" / "displayname", m_options.newAccountName + "\n");
+        m_log->info(fmt::format("created address book with account \"{}\"", m_options.newAccountName));
+    } else {
+        m_log->error(fmt::format("couldn't create address book: {}", error.message()));
+    }
+    return access();
+}
+
+std::vector<std::string> VdirAddressBook::accountFolders() const {
+    std::vector<std::string> folders;
+    std::error_code error;
+    for (fs::directory_iterator it(m_options.root, error), end; !error && it != end; it.increment(error)) {
+        const std::string name = it->path().filename().string();
+        std::error_code typeError;
+        if (!isHidden(name) && it->is_directory(typeError)) {
+            folders.push_back(name);
+        }
+    }
+    std::sort(folders.begin(), folders.end());
+    return folders;
+}
+
+std::vector<VdirAddressBook::CardFile> VdirAddressBook::cardFiles() const {
+    std::vector<CardFile> files;
+    for (const auto& account : accountFolders()) {
+        std::error_code error;
+        for (fs::directory_iterator it(m_options.root / account, error), end; !error && it != end;
+             it.increment(error)) {
+            const std::string name = it->path().filename().string();
+            std::error_code typeError;
+            if (isCardFileName(name) && it->is_regular_file(typeError)) {
+                files.push_back({it->path(), account});
+            }
+        }
+    }
+    return files;
+}
+
+std::optional<std::string> VdirAddressBook::defaultAccountID() {
+    const auto folders = accountFolders();
+    if (m_options.defaultAccountID &&
+        std::find(folders.begin(), folders.end(), *m_options.defaultAccountID) != folders.end()) {
+        return m_options.defaultAccountID;
+    }
+    if (folders.empty()) {
+        return std::nullopt;
+    }
+    return folders.front();
+}
+
+Result<std::vector<Account>, AddressBookError> VdirAddressBook::accounts() {
+    if (access() == AddressBookAccess::denied || access() == AddressBookAccess::notDetermined) {
+        return failure(
+            AddressBookError::store("The address book folder can't be read: " + m_options.root.string()));
+    }
+    const auto defaultID = defaultAccountID();
+    std::vector<Account> accounts;
+    for (const auto& folder : accountFolders()) {
+        AccountContainer container;
+        container.id = folder;
+        container.name = readMetadata(m_options.root / folder / "displayname");
+        if (container.name.empty()) {
+            container.name = folder;
+        }
+        const auto kind = m_options.accountKinds.find(folder);
+        container.kind = kind == m_options.accountKinds.end() ? AccountContainer::Kind::local : kind->second;
+        container.isDefault = defaultID == folder;
+        accounts.push_back(Account::from(container));
+    }
+    return accounts;
+}
+
+bool VdirAddressBook::isReadOnly(const std::string& accountID) const {
+    return m_options.readOnlyAccounts.contains(accountID) ||
+           ::access((m_options.root / accountID).c_str(), W_OK) != 0;
+}
+
+std::vector<Person> VdirAddressBook::scanFiles(const std::vector<CardFile>& files, bool details) {
+    std::vector<std::optional<Person>> read(files.size());
+    std::vector<std::string> problems(files.size());
+    std::atomic<std::size_t> next{0};
+    auto work = [&] {
+        for (std::size_t i = next++; i < files.size(); i = next++) {
+            auto bytes = readWholeFile(files[i].path, &problems[i]);
+            if (!bytes) {
+                continue; // gone between listing and reading, or unreadable
+            }
+            bool isGroup = false;
+            read[i] =
+                scanPerson(*bytes, files[i].path.filename().string(), files[i].accountID, details, &isGroup);
+            if (isGroup) {
+                // Contact groups stored as cards are kept, never shown as people.
+                read[i].reset();
+            } else if (!read[i]) {
+                problems[i] = "not a vCard";
+            }
+        }
+    };
+    const unsigned threads =
+        std::min<unsigned>(m_options.readThreads, static_cast<unsigned>(files.size() / 64 + 1));
+    std::vector<std::thread> workers;
+    for (unsigned t = 1; t < threads; ++t) {
+        workers.emplace_back(work);
+    }
+    work();
+    for (auto& worker : workers) {
+        worker.join();
+    }
+
+    std::vector<Person> people;
+    people.reserve(files.size());
+    std::lock_guard lock(m_mutex);
+    std::unordered_map<std::string, CardFile> index;
+    index.reserve(files.size());
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        if (!problems[i].empty() && problems[i] != "No such file or directory") {
+            m_log->error(fmt::format("skipped card {}: {}", files[i].path.string(), problems[i]));
+        }
+        if (!read[i]) {
+            continue;
+        }
+        Person& person = *read[i];
+        // Two files with one UID (a copy made by hand, a broken sync) would be
+        // one card to everyone else; Kinbook keeps both visible, the second
+        // under an id made from its account and file name.
+        if (index.contains(person.id)) {
+            person.id = cardIDFromFileName(files[i].accountID + "-" + files[i].path.filename().string());
+            person.memberIDs = {person.id};
+        }
+        index.emplace(person.id, files[i]);
+        people.push_back(std::move(person));
+    }
+    m_index = std::move(index);
+    return people;
+}
+
+Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& options) {
+    if (access() == AddressBookAccess::denied || access() == AddressBookAccess::notDetermined) {
+        return failure(
+            AddressBookError::store("The address book folder can't be read: " + m_options.root.string()));
+    }
+    FullRead result;
+    if (options.takeToken) {
+        // Taken before anything is read: a change made during the read is
+        // then seen by the next refresh rather than lost.
+        std::lock_guard lock(m_mutex);
+        result.snapshot.historyToken = m_journal->currentToken();
+    }
+    auto accountList = accounts();
+    if (!accountList.ok()) {
+        return failure(accountList.error());
+    }
+    result.snapshot.accounts = std::move(accountList.value());
+
+    const auto start = Clock::now();
+    const auto files = cardFiles();
+    result.snapshot.people = scanFiles(files, options.details);
+    if (options.membership) {
+        const auto membershipStart = Clock::now();
+        for (const auto& person : result.snapshot.people) {
+            result.membership[person.id] = person.accountIDs;
+        }
+        m_log->info(fmt::format("step membership: {} accounts in {} ms", result.snapshot.accounts.size(),
+                                millisecondsSince(membershipStart)));
+    }
+    m_log->info(fmt::format("step enumerate details={} {} in {} ms", options.details ? "true" : "false",
+                            result.snapshot.people.size(), millisecondsSince(start)));
+    result.snapshot.fullReadAt =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+    return result;
+}
+
+Result<AddressBookChanges, AddressBookError>
+VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
+    const auto start = Clock::now();
+    ChangeSet changes;
+    {
+        std::lock_guard lock(m_mutex);
+        changes = m_journal->changesSince(std::vector<std::uint8_t>(token.begin(), token.end()));
+    }
+    AddressBookChanges result;
+    if (changes.dropEverything()) {
+        result.startOver = true;
+        return result;
+    }
+    result.token = changes.token();
+    result.deleted = changes.deleted();
+    const auto changedIDs = changes.changed();
+    if (changedIDs.empty()) {
+        m_log->info(fmt::format("changes: 0 changed, {} deleted, in {} ms", result.deleted.size(),
+                                millisecondsSince(start)));
+        return result;
+    }
+    const std::vector<std::string> ids(changedIDs.begin(), changedIDs.end());
+    auto people = readPeople(ids);
+    if (!people.ok()) {
+        return failure(people.error());
+    }
+    result.changed = std::move(people.value());
+    for (const auto& person : result.changed) {
+        result.membership[person.id] = person.accountIDs;
+    }
+    m_log->info(fmt::format("changes: {} changed, {} deleted, read in {} ms", result.changed.size(),
+                            result.deleted.size(), millisecondsSince(start)));
+    return result;
+}
+
+void VdirAddressBook::rebuildIndex() {
+    // Reading every card's id is the only way to find a card that moved or
+    // whose file was replaced under a new name; it happens only on a miss.
+    const auto files = cardFiles();
+    scanFiles(files, false);
+}
+
+std::optional<VdirAddressBook::CardFile> VdirAddressBook::locate(std::string_view cardID) {
+    {
+        std::lock_guard lock(m_mutex);
+        const auto found = m_index.find(std::string(cardID));
+        if (found != m_index.end() && fs::exists(found->second.path)) {
+            return found->second;
+        }
+    }
+    rebuildIndex();
+    std::lock_guard lock(m_mutex);
+    const auto found = m_index.find(std::string(cardID));
+    if (found == m_index.end()) {
+        return std::nullopt;
+    }
+    return found->second;
+}
+
+Result<VdirAddressBook::Loaded, AddressBookError> VdirAddressBook::load(std::string_view cardID) {
+    const auto file = locate(cardID);
+    if (!file) {
+        return failure(AddressBookError::notFound());
+    }
+    std::string problem;
+    auto bytes = readWholeFile(file->path, &problem);
+    if (!bytes) {
+        if (!fs::exists(file->path)) {
+            return failure(AddressBookError::notFound());
+        }
+        return failure(
+            AddressBookError::store(fmt::format("Couldn't read {}: {}", file->path.string(), problem)));
+    }
+    auto card = VCard::parse(*bytes);
+    if (!card.ok()) {
+        return failure(AddressBookError::store(fmt::format("{} is not a vCard.", file->path.string())));
+    }
+    return Loaded{*file, std::move(*bytes), std::move(card.value())};
+}
+
+Result<std::vector<Person>, AddressBookError>
+VdirAddressBook::readPeople(std::span<const std::string> cardIDs) {
+    std::vector<Person> people;
+    for (const auto& id : cardIDs) {
+        const auto file = locate(id);
+        if (!file) {
+            continue;
+        }
+        auto bytes = readWholeFile(file->path);
+        if (!bytes) {
+            continue;
+        }
+        bool isGroup = false;
+        auto person = scanPerson(*bytes, file->path.filename().string(), file->accountID, true, &isGroup);
+        if (person && !isGroup) {
+            person->id = id;
+            person->memberIDs = {id};
+            people.push_back(std::move(*person));
+        }
+    }
+    return people;
+}
+
+Result<std::vector<std::string>, AddressBookError> VdirAddressBook::allCardIDs() {
+    if (access() == AddressBookAccess::denied || access() == AddressBookAccess::notDetermined) {
+        return failure(
+            AddressBookError::store("The address book folder can't be read: " + m_options.root.string()));
+    }
+    const auto people = scanFiles(cardFiles(), false);
+    std::vector<std::string> ids;
+    ids.reserve(people.size());
+    for (const auto& person : people) {
+        ids.push_back(person.id);
+    }
+    return ids;
+}
+
+Result<ContactCard, AddressBookError> VdirAddressBook::card(std::string_view cardID) {
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    std::lock_guard lock(m_mutex);
+    ContactCard card = readContactCard(loaded->card, cardID, m_entries);
+    if (card.image && m_options.imageScaler) {
+        card.thumbnail = m_options.imageScaler->thumbnail(*card.image, 256);
+    }
+    return card;
+}
+
+Result<ContactDraft, AddressBookError> VdirAddressBook::draft(std::string_view cardID) {
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    std::lock_guard lock(m_mutex);
+    return readDraft(loaded->card, cardID, m_entries);
+}
+
+Result<std::vector<CardRef>, AddressBookError> VdirAddressBook::cardsOf(std::string_view personID) {
+    // A vdir has no store-side linking of cards: each card is its own
+    // unified contact. Kinbook's join by KinID does the real work.
+    const auto file = locate(personID);
+    if (!file) {
+        return failure(AddressBookError::notFound());
+    }
+    return std::vector<CardRef>{{std::string(personID), std::string(personID), file->accountID}};
+}
+
+Result<VdirAddressBook::EditStatus, AddressBookError> VdirAddressBook::editOnce(std::string_view cardID,
+                                                                                const Edit& edit) {
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    if (isReadOnly(loaded->file.accountID)) {
+        return failure(AddressBookError::readOnly());
+    }
+    if (loaded->card.additionalCardCount() > 0) {
+        // A file with several cards breaks the format; rewriting it could
+        // lose the others' place in someone's sync.
+        return failure(
+            AddressBookError::store("This card's file holds several cards; Kinbook won't change it."));
+    }
+    const auto before = stampOf(loaded->file.path);
+    VCard& card = loaded->card;
+    const std::string id(cardID);
+    ApplyResult kept;
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& entry : cardEntries(card, id, m_entries)) {
+            kept.entryIDs.emplace_back(entry.property, entry.id);
+        }
+    }
+    auto applied = edit(card, id);
+    if (!applied.ok()) {
+        return failure(applied.error());
+    }
+    if (!card.isModified()) {
+        return EditStatus::unchanged;
+    }
+    // A card without a UID takes the id it has been known by, so the id
+    // stays the same and sync tools can tell the card apart.
+    card.ensureUid(id);
+    const std::string bytes = card.serialize();
+    PendingFile pending;
+    if (!writeTemporaryBeside(loaded->file.path, bytes, pending)) {
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't write {}: {}", loaded->file.path.string(), std::strerror(errno))));
+    }
+    if (m_options.beforeCommit) {
+        m_options.beforeCommit(loaded->file.path);
+    }
+    // Never overwrite a change this save has not seen.
+    if (stampOf(loaded->file.path) != before) {
+        discardPendingFile(pending);
+        return EditStatus::conflict;
+    }
+    if (!commitPendingFile(pending)) {
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't replace {}: {}", loaded->file.path.string(), std::strerror(errno))));
+    }
+    auto written = VCard::parse(bytes);
+    std::lock_guard lock(m_mutex);
+    m_journal->recordWrite(id, loaded->file.accountID, loaded->file.path);
+    if (written.ok()) {
+        recordWrittenEntries(card, applied->entryIDs.empty() ? kept : applied.value(), written.value(), id,
+                             m_entries);
+        m_entries.flush();
+    }
+    return EditStatus::written;
+}
+
+Result<void, AddressBookError> VdirAddressBook::editCard(std::string_view cardID, const Edit& edit,
+                                                         const char* what) {
+    std::lock_guard writing(m_writeMutex);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto status = editOnce(cardID, edit);
+        if (!status.ok()) {
+            m_log->error(fmt::format("save failed ({}: {})", what, status.error().description()));
+            return failure(status.error());
+        }
+        if (status.value() != EditStatus::conflict) {
+            return {};
+        }
+        if (attempt == 0) {
+            m_log->info("save hit 134040; retrying once");
+            m_options.sleep(std::chrono::milliseconds(300));
+        }
+    }
+    m_log->error(fmt::format("save failed ({}: card changed on disk)", what));
+    return failure(conflictError());
+}
+
+Result<std::string, AddressBookError>
+VdirAddressBook::createCard(const std::string& accountID, std::string_view bytes, const std::string& uid) {
+    if (isReadOnly(accountID)) {
+        return failure(AddressBookError::readOnly());
+    }
+    fs::path path = m_options.root / accountID / fileNameFor(uid);
+    if (fs::exists(path)) {
+        path = m_options.root / accountID / (makeUUID() + ".vcf");
+    }
+    if (!writeFileAtomically(path, bytes)) {
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't write {}: {}", path.string(), std::strerror(errno))));
+    }
+    std::lock_guard lock(m_mutex);
+    m_index[uid] = CardFile{path, accountID};
+    m_journal->recordWrite(uid, accountID, path);
+    return uid;
+}
+
+Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& draft) {
+    if (!draft.id) {
+        const auto accountID = draft.accountID ? draft.accountID : defaultAccountID();
+        if (!accountID) {
+            return failure(AddressBookError::store("There is no account to add the card to."));
+        }
+        std::lock_guard writing(m_writeMutex);
+        const std::string uid = makeUUID();
+        VCard card = newCardFor(draft, uid);
+        std::string bytes;
+        {
+            // The new entries carry the identities the editor gave them.
+            std::lock_guard lock(m_mutex);
+            const auto applied = applyDraft(card, draft, uid, m_entries);
+            bytes = card.serialize();
+            if (auto written = VCard::parse(bytes); written.ok()) {
+                recordWrittenEntries(card, applied, written.value(), uid, m_entries);
+            }
+        }
+        auto created = createCard(*accountID, bytes, uid);
+        std::lock_guard lock(m_mutex);
+        if (!created.ok()) {
+            m_log->error(fmt::format("save failed (new card: {})", created.error().description()));
+            m_entries.forget(uid);
+            return failure(created.error());
+        }
+        m_entries.flush();
+        m_log->info(fmt::format("saved contact ({})", uid));
+        return SaveOutcome{SaveOutcome::Kind::saved, uid, {}};
+    }
+
+    const std::string cardID = *draft.id;
+    auto result = editCard(
+        cardID,
+        [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
+            if (m_options.notesLocked && hasNote(card)) {
+                return failure(AddressBookError::hasNote());
+            }
+            std::lock_guard lock(m_mutex);
+            return applyDraft(card, draft, id, m_entries);
+        },
+        "contact");
+    if (!result.ok()) {
+        return failure(result.error());
+    }
+    m_log->info(fmt::format("saved contact ({})", cardID));
+    return SaveOutcome{SaveOutcome::Kind::saved, cardID, {}};
+}
+
+Result<void, AddressBookError> VdirAddressBook::remove(std::span<const std::string> cardIDs) {
+    std::lock_guard writing(m_writeMutex);
+    std::size_t removed = 0;
+    for (const auto& id : cardIDs) {
+        auto loaded = load(id);
+        if (!loaded.ok()) {
+            return failure(loaded.error());
+        }
+        if (isReadOnly(loaded->file.accountID)) {
+            return failure(AddressBookError::readOnly());
+        }
+        if (m_options.notesLocked && hasNote(loaded->card)) {
+            return failure(AddressBookError::hasNote());
+        }
+        if (::unlink(loaded->file.path.c_str()) != 0) {
+            if (errno == ENOENT) {
+                return failure(AddressBookError::notFound());
+            }
+            return failure(AddressBookError::store(
+                fmt::format("Couldn't delete {}: {}", loaded->file.path.string(), std::strerror(errno))));
+        }
+        std::lock_guard lock(m_mutex);
+        m_journal->recordDelete(id, loaded->file.path);
+        m_entries.forget(id);
+        m_index.erase(id);
+        ++removed;
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        m_entries.flush();
+    }
+    if (removed == 1) {
+        m_log->info("deleted one card");
+    } else {
+        m_log->info(fmt::format("deleted contact ({} cards)", removed));
+    }
+    return {};
+}
+
+Result<std::string, AddressBookError> VdirAddressBook::exportVCards(std::span<const std::string> cardIDs) {
+    std::string text;
+    for (const auto& id : cardIDs) {
+        auto loaded = load(id);
+        if (!loaded.ok()) {
+            return failure(loaded.error());
+        }
+        // The file's own bytes: a restore writes back exactly what was there.
+        text += loaded->bytes;
+        if (!text.empty() && text.back() != '\n') {
+            text += "\r\n";
+        }
+    }
+    return text;
+}
+
+Result<std::vector<std::string>, AddressBookError>
+VdirAddressBook::importVCards(std::string_view vcards, std::optional<std::string> accountID) {
+    if (!accountID) {
+        accountID = defaultAccountID();
+    }
+    if (!accountID) {
+        return failure(AddressBookError::store("There is no account to add the cards to."));
+    }
+    auto cards = VCard::parseAll(vcards);
+    if (!cards.ok()) {
+        return failure(AddressBookError::store("The data holds no vCard."));
+    }
+    std::lock_guard writing(m_writeMutex);
+    std::vector<std::string> ids;
+    for (auto& card : cards.value()) {
+        // A card keeps its UID, so sync tools see the same card come back,
+        // unless that UID is already taken in the account.
+        std::string uid = card.uid().value_or("");
+        if (uid.empty() || locate(uid)) {
+            uid = makeUUID();
+            card.setUid(uid);
+        }
+        auto created = createCard(*accountID, card.serialize(), uid);
+        if (!created.ok()) {
+            return failure(created.error());
+        }
+        ids.push_back(created.value());
+    }
+    m_log->info(fmt::format("restored {} cards into {}", ids.size(), *accountID));
+    return ids;
+}
+
+Result<KinID::Anchor, AddressBookError>
+VdirAddressBook::changeAnchor(std::string_view cardID, const std::function<void(KinID::Anchor&)>& change) {
+    KinID::Anchor written;
+    auto result = editCard(
+        cardID,
+        [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
+            std::lock_guard lock(m_mutex);
+            auto changed = kinbook::changeAnchor(card, id, m_entries, change);
+            written = changed.anchor;
+            return changed.entries;
+        },
+        "anchor");
+    if (!result.ok()) {
+        return failure(result.error());
+    }
+    m_log->info("wrote KinID");
+    return written;
+}
+
+Result<void, AddressBookError> VdirAddressBook::setPhoto(std::span<const std::string> cardIDs,
+                                                         std::span<const std::uint8_t> jpeg) {
+    for (const auto& id : cardIDs) {
+        auto result = editCard(
+            id,
+            [&](VCard& card, const std::string&) -> Result<ApplyResult, AddressBookError> {
+                if (m_options.notesLocked && hasNote(card)) {
+                    return failure(AddressBookError::hasNote());
+                }
+                kinbook::setPhoto(card, jpeg);
+                return ApplyResult{};
+            },
+            "photo");
+        if (!result.ok()) {
+            return result;
+        }
+    }
+    m_log->info("contact photo set");
+    return {};
+}
+
+Result<bool, AddressBookError> VdirAddressBook::copyPhoto(std::string_view fromCardID,
+                                                          std::string_view toCardID) {
+    auto photo = image(fromCardID);
+    if (!photo.ok()) {
+        return failure(photo.error());
+    }
+    if (!photo.value()) {
+        return false;
+    }
+    bool copied = true;
+    auto result = editCard(
+        toCardID,
+        [&](VCard& card, const std::string&) -> Result<ApplyResult, AddressBookError> {
+            if (m_options.notesLocked && hasNote(card)) {
+                copied = false;
+                return ApplyResult{};
+            }
+            kinbook::setPhoto(card, *photo.value());
+            return ApplyResult{};
+        },
+        "photo");
+    if (!result.ok()) {
+        return failure(result.error());
+    }
+    if (!copied) {
+        m_log->info("photo not copied: card has a note");
+    }
+    return copied;
+}
+
+std::map<std::string, std::vector<std::uint8_t>>
+VdirAddressBook::thumbnails(std::span<const std::string> cardIDs) {
+    std::map<std::string, std::vector<std::uint8_t>> thumbnails;
+    if (!m_options.imageScaler) {
+        return thumbnails;
+    }
+    for (const auto& id : cardIDs) {
+        auto photo = image(id);
+        if (!photo.ok() || !photo.value()) {
+            continue;
+        }
+        if (auto small = m_options.imageScaler->thumbnail(*photo.value(), 256)) {
+            thumbnails.emplace(id, std::move(*small));
+        }
+    }
+    return thumbnails;
+}
+
+Result<std::optional<std::vector<std::uint8_t>>, AddressBookError>
+VdirAddressBook::image(std::string_view cardID) {
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    const VCardProperty* photo = loaded->card.first("PHOTO");
+    if (!photo) {
+        return std::optional<std::vector<std::uint8_t>>();
+    }
+    auto binary = photo->binary();
+    if (!binary) {
+        return std::optional<std::vector<std::uint8_t>>();
+    }
+    return std::optional<std::vector<std::uint8_t>>(std::move(binary->bytes));
+}
+
+Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,
+                                                          std::function<void()> onChange) {
+    if (!m_options.watcher) {
+        return failure(std::string("no folder watcher"));
+    }
+    return m_options.watcher->start(m_options.root, executor, std::move(onChange));
+}
+
+void VdirAddressBook::stopObserving() {
+    if (m_options.watcher) {
+        m_options.watcher->stop();
+    }
+}
+
+} // namespace kinbook

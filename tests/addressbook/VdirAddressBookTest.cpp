@@ -1,0 +1,371 @@
+#include "KinbookKit/addressbook/VdirAddressBook.h"
+
+#include "KinbookKit/addressbook/InotifyFolderWatcher.h"
+#include "KinbookKit/addressbook/VipsImageScaler.h"
+#include "KinbookKit/text/AppLog.h"
+#include "KinbookKit/text/KinLog.h"
+#include "tests/support/ManualExecutor.h"
+#include "tests/support/TempFolder.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vips/vips.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+namespace kinbook {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+using testing::writeFile;
+
+const std::string kJane = "BEGIN:VCARD\r\n"
+                          "VERSION:3.0\r\n"
+                          "N:Appleseed;Jane;;;\r\n"
+                          "FN:Jane Appleseed\r\n"
+                          "ORG:Acme;\r\n"
+                          "TITLE:Engineer\r\n"
+                          "TEL;type=CELL;type=VOICE:+1 212 555 0100\r\n"
+                          "item1.EMAIL;type=INTERNET:jane@acme.test\r\n"
+                          "item1.X-ABLabel:_$!<Other>!$_\r\n"
+                          "item2.ADR;type=HOME:;;1 Main St;Springfield;IL;62701;USA\r\n"
+                          "item2.X-ABADR:us\r\n"
+                          "X-CUSTOM;x-param=1:kept as it is\r\n"
+                          "UID:JANE-1\r\n"
+                          "END:VCARD\r\n";
+
+const std::string kGroup = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Friends;;;;\r\nFN:Friends\r\n"
+                           "X-ADDRESSBOOKSERVER-KIND:group\r\n"
+                           "X-ADDRESSBOOKSERVER-MEMBER:urn:uuid:JANE-1\r\nUID:GROUP-1\r\nEND:VCARD\r\n";
+
+const std::string kNoted = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Noted;Nora;;;\r\nFN:Nora Noted\r\n"
+                           "NOTE:Met at the fair.\r\nUID:NORA-1\r\nEND:VCARD\r\n";
+
+class VdirAddressBookTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(root() / "family");
+        fs::create_directories(root() / "work");
+        writeFile(root() / "family" / "displayname", "  Family\n");
+        writeFile(root() / "work" / "displayname", "None\n");
+        writeFile(root() / "family" / "JANE-1.vcf", kJane);
+        writeFile(root() / "family" / "GROUP-1.vcf", kGroup);
+        writeFile(root() / "work" / "NORA-1.vcf", kNoted);
+        writeFile(root() / "work" / "broken.vcf", "this is not a card at all");
+        writeFile(root() / "work" / ".hidden.vcf", kJane);
+        writeFile(root() / "work" / "editor-backup.vcf.tmp", kJane);
+    }
+
+    fs::path root() const { return m_folder / "contacts"; }
+
+    VdirAddressBook::Options options() {
+        VdirAddressBook::Options options;
+        options.root = root();
+        options.stateFolder = m_folder / "state";
+        options.log = m_log;
+        options.sleep = [this](std::chrono::milliseconds delay) { m_sleeps.push_back(delay); };
+        return options;
+    }
+
+    testing::TempFolder m_folder;
+    AppLog m_appLog{m_folder / "log" / "app.log"};
+    std::shared_ptr<KinLog> m_log = std::make_shared<KinLog>("store", m_appLog);
+    std::vector<std::chrono::milliseconds> m_sleeps;
+};
+
+std::vector<std::string> idsOf(const std::vector<Person>& people) {
+    std::vector<std::string> ids;
+    for (const auto& person : people) {
+        ids.push_back(person.id);
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+TEST_F(VdirAddressBookTest, AccessFollowsTheFolderAndAskingCreatesIt) {
+    VdirAddressBook::Options missing = options();
+    missing.root = m_folder / "new-contacts";
+    VdirAddressBook book(missing);
+    EXPECT_EQ(book.access(), AddressBookAccess::notDetermined);
+    EXPECT_EQ(book.requestAccess(), AddressBookAccess::granted);
+    const auto accounts = book.accounts();
+    ASSERT_TRUE(accounts.ok());
+    ASSERT_EQ(accounts->size(), 1u);
+    EXPECT_EQ(accounts->front().name, "On My Computer");
+
+    writeFile(m_folder / "plain-file", "x");
+    missing.root = m_folder / "plain-file";
+    EXPECT_EQ(VdirAddressBook(missing).access(), AddressBookAccess::denied);
+}
+
+TEST_F(VdirAddressBookTest, AccountsAreFoldersNamedByTheirDisplayName) {
+    VdirAddressBook book(options());
+    const auto accounts = book.accounts();
+    ASSERT_TRUE(accounts.ok());
+    EXPECT_EQ(*accounts, (std::vector<Account>{{"family", "Family"}, {"work", "work"}}));
+    EXPECT_EQ(book.defaultAccountID(), "family");
+
+    auto icloud = options();
+    icloud.accountKinds = {{"work", AccountContainer::Kind::cardDAV}};
+    icloud.defaultAccountID = "work";
+    writeFile(root() / "work" / "displayname", "Contacts");
+    EXPECT_EQ(VdirAddressBook(icloud).accounts()->back().name, "iCloud");
+}
+
+TEST_F(VdirAddressBookTest, FullReadSkipsGroupsHiddenTemporaryAndBrokenFiles) {
+    VdirAddressBook book(options());
+    const auto read = book.readAll({});
+    ASSERT_TRUE(read.ok());
+    EXPECT_EQ(idsOf(read->snapshot.people), (std::vector<std::string>{"JANE-1", "NORA-1"}));
+    EXPECT_TRUE(read->snapshot.historyToken.has_value());
+    EXPECT_TRUE(read->snapshot.fullReadAt.has_value());
+    EXPECT_EQ(read->membership.at("JANE-1"), std::vector<std::string>{"family"});
+    EXPECT_EQ(read->membership.at("NORA-1"), std::vector<std::string>{"work"});
+
+    const auto namesOnly = book.readAll({.details = false, .takeToken = false, .membership = false});
+    ASSERT_TRUE(namesOnly.ok());
+    EXPECT_FALSE(namesOnly->snapshot.historyToken.has_value());
+    EXPECT_TRUE(namesOnly->membership.empty());
+    for (const auto& person : namesOnly->snapshot.people) {
+        EXPECT_FALSE(person.detailed);
+    }
+    // The broken file is reported, never rewritten or removed.
+    m_appLog.flush();
+    EXPECT_NE(readFile(m_folder / "log" / "app.log").find("skipped card"), std::string::npos);
+    EXPECT_EQ(readFile(root() / "work" / "broken.vcf"), "this is not a card at all");
+}
+
+TEST_F(VdirAddressBookTest, SavingADraftChangesOnlyTheEditedLines) {
+    VdirAddressBook book(options());
+    auto draft = book.draft("JANE-1");
+    ASSERT_TRUE(draft.ok());
+    const auto cardBefore = book.card("JANE-1");
+    ASSERT_TRUE(cardBefore.ok());
+
+    draft->jobTitle = "Principal Engineer";
+    draft->phones.push_back({"NEW-PHONE-ID", "_$!<Work>!$_", "+1 212 555 0199", true});
+    const auto saved = book.save(*draft);
+    ASSERT_TRUE(saved.ok()) << saved.error().description();
+    EXPECT_EQ(saved->kind, SaveOutcome::Kind::saved);
+
+    const std::string after = readFile(root() / "family" / "JANE-1.vcf");
+    EXPECT_NE(after.find("TITLE:Principal Engineer\r\n"), std::string::npos);
+    for (const char* kept :
+         {"TEL;type=CELL;type=VOICE:+1 212 555 0100\r\n", "item1.X-ABLabel:_$!<Other>!$_\r\n",
+          "item2.ADR;type=HOME:;;1 Main St;Springfield;IL;62701;USA\r\n",
+          "X-CUSTOM;x-param=1:kept as it is\r\n", "UID:JANE-1\r\n"}) {
+        EXPECT_NE(after.find(kept), std::string::npos) << kept;
+    }
+    const auto cardAfter = book.card("JANE-1");
+    ASSERT_TRUE(cardAfter.ok());
+    ASSERT_EQ(cardAfter->phones.size(), 2u);
+    EXPECT_EQ(cardAfter->phones[0].id, cardBefore->phones[0].id); // untouched phone keeps its identity
+    EXPECT_EQ(cardAfter->phones[1].id, "NEW-PHONE-ID");           // the new one keeps the editor's
+    EXPECT_EQ(cardAfter->addresses, cardBefore->addresses);
+
+    // Saving the same draft again changes nothing on disk.
+    const auto stamp = fs::last_write_time(root() / "family" / "JANE-1.vcf");
+    auto again = book.draft("JANE-1");
+    ASSERT_TRUE(book.save(*again).ok());
+    EXPECT_EQ(fs::last_write_time(root() / "family" / "JANE-1.vcf"), stamp);
+    EXPECT_EQ(readFile(root() / "family" / "JANE-1.vcf"), after);
+}
+
+TEST_F(VdirAddressBookTest, ANewCardGoesToTheDefaultAccountUnderItsUID) {
+    VdirAddressBook book(options());
+    auto draft = ContactDraft::empty();
+    draft.givenName = "Olu";
+    draft.familyName = "Ade";
+    draft.emails.push_back({"MAIL-ID", "", "olu@example.test", true});
+    const auto saved = book.save(draft);
+    ASSERT_TRUE(saved.ok());
+    const fs::path file = root() / "family" / (saved->id + ".vcf");
+    ASSERT_TRUE(fs::exists(file));
+    const auto card = book.card(saved->id);
+    ASSERT_TRUE(card.ok());
+    EXPECT_EQ(card->givenName, "Olu");
+    ASSERT_EQ(card->emails.size(), 1u);
+    EXPECT_EQ(card->emails[0].id, "MAIL-ID");
+    EXPECT_NE(readFile(file).find("UID:" + saved->id + "\r\n"), std::string::npos);
+}
+
+TEST_F(VdirAddressBookTest, AConflictingWriteIsRetriedOnceThenRaised) {
+    int interference = 1;
+    auto opts = options();
+    opts.beforeCommit = [&](const fs::path& file) {
+        if (interference-- > 0) {
+            // A sync run replaces the card between Kinbook's read and its write.
+            writeFile(file, kJane + "");
+            fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(5));
+        }
+    };
+    VdirAddressBook book(opts);
+    auto draft = book.draft("JANE-1");
+    ASSERT_TRUE(draft.ok());
+    draft->nickname = "JJ";
+    ASSERT_TRUE(book.save(*draft).ok());
+    EXPECT_EQ(m_sleeps, std::vector<std::chrono::milliseconds>{std::chrono::milliseconds(300)});
+    EXPECT_NE(readFile(root() / "family" / "JANE-1.vcf").find("NICKNAME:JJ"), std::string::npos);
+
+    m_sleeps.clear();
+    interference = 2;
+    draft->nickname = "Janie";
+    const auto failed = book.save(*draft);
+    ASSERT_FALSE(failed.ok());
+    EXPECT_EQ(m_sleeps.size(), 1u);
+    // The change made on disk is never overwritten.
+    EXPECT_EQ(readFile(root() / "family" / "JANE-1.vcf"), kJane);
+}
+
+TEST_F(VdirAddressBookTest, RefusalsAreTheAddressBooksOwnErrors) {
+    auto opts = options();
+    opts.notesLocked = true;
+    opts.readOnlyAccounts = {"family"};
+    VdirAddressBook book(opts);
+    auto jane = book.draft("JANE-1");
+    ASSERT_TRUE(jane.ok());
+    EXPECT_EQ(book.save(*jane).error(), AddressBookError::readOnly());
+    auto nora = book.draft("NORA-1");
+    ASSERT_TRUE(nora.ok());
+    nora->nickname = "N";
+    EXPECT_EQ(book.save(*nora).error(), AddressBookError::hasNote());
+    EXPECT_EQ(book.card("NO-SUCH-CARD").error(), AddressBookError::notFound());
+    EXPECT_EQ(readFile(root() / "work" / "NORA-1.vcf"), kNoted);
+}
+
+TEST_F(VdirAddressBookTest, DeletingTwiceFindsNothingTheSecondTime) {
+    VdirAddressBook book(options());
+    const std::vector<std::string> ids{"NORA-1"};
+    ASSERT_TRUE(book.remove(ids).ok());
+    EXPECT_FALSE(fs::exists(root() / "work" / "NORA-1.vcf"));
+    EXPECT_EQ(book.remove(ids).error(), AddressBookError::notFound());
+}
+
+TEST_F(VdirAddressBookTest, ExportAndImportKeepTheCardsBytes) {
+    VdirAddressBook book(options());
+    const std::vector<std::string> ids{"JANE-1"};
+    const auto exported = book.exportVCards(ids);
+    ASSERT_TRUE(exported.ok());
+    EXPECT_EQ(*exported, kJane);
+    ASSERT_TRUE(book.remove(ids).ok());
+    const auto imported = book.importVCards(*exported, "work");
+    ASSERT_TRUE(imported.ok());
+    EXPECT_EQ(*imported, ids); // the UID comes back, so sync tools see the same card
+    EXPECT_EQ(readFile(root() / "work" / "JANE-1.vcf"), kJane);
+    // Importing again while the UID is taken gives the copy a new one.
+    const auto copy = book.importVCards(*exported, "work");
+    ASSERT_TRUE(copy.ok());
+    EXPECT_NE(copy->front(), "JANE-1");
+}
+
+TEST_F(VdirAddressBookTest, AnchorChangesWriteOneAnchorFirstAndKeepTheKinID) {
+    VdirAddressBook book(options());
+    const auto first =
+        book.changeAnchor("JANE-1", [](KinID::Anchor& anchor) { anchor.circle = ContactCircle::friends; });
+    ASSERT_TRUE(first.ok());
+    EXPECT_EQ(first->id.size(), 8u);
+    const auto second = book.changeAnchor("JANE-1", [](KinID::Anchor& anchor) { anchor.hidden = true; });
+    ASSERT_TRUE(second.ok());
+    EXPECT_EQ(second->id, first->id);
+    EXPECT_EQ(second->circle, ContactCircle::friends);
+    const auto card = book.card("JANE-1");
+    ASSERT_TRUE(card.ok());
+    EXPECT_EQ(card->kinID, first->id);
+    EXPECT_TRUE(card->urls.empty()); // the anchor is never a visible web address
+    const auto people = book.readPeople(std::vector<std::string>{"JANE-1"});
+    ASSERT_TRUE(people.ok());
+    ASSERT_EQ(people->size(), 1u);
+    EXPECT_TRUE(people->front().hidden);
+    EXPECT_EQ(people->front().circle, ContactCircle::friends);
+}
+
+TEST_F(VdirAddressBookTest, ChangesSinceATokenReportOutsideEditsAndDeletes) {
+    VdirAddressBook book(options());
+    const auto read = book.readAll({});
+    ASSERT_TRUE(read.ok());
+    const auto token = *read->snapshot.historyToken;
+
+    std::string edited = kJane;
+    edited.replace(edited.find("TITLE:Engineer"), 14, "TITLE:Director");
+    writeFile(root() / "family" / "JANE-1.vcf", edited);
+    fs::remove(root() / "work" / "NORA-1.vcf");
+
+    const auto changes = book.changesSince(token);
+    ASSERT_TRUE(changes.ok());
+    EXPECT_FALSE(changes->startOver);
+    ASSERT_EQ(changes->changed.size(), 1u);
+    EXPECT_EQ(changes->changed[0].jobTitle, "Director");
+    EXPECT_EQ(changes->deleted, std::set<std::string>{"NORA-1"});
+    EXPECT_EQ(changes->membership.at("JANE-1"), std::vector<std::string>{"family"});
+
+    const auto nothing = book.changesSince(*changes->token);
+    ASSERT_TRUE(nothing.ok());
+    EXPECT_TRUE(nothing->changed.empty());
+    EXPECT_TRUE(nothing->deleted.empty());
+    EXPECT_TRUE(book.changesSince(std::vector<std::uint8_t>{1, 2, 3})->startOver);
+}
+
+std::vector<std::uint8_t> makeJpeg(int width, int height) {
+    VipsImageScaler started; // starts libvips
+    VipsImage* image = nullptr;
+    vips_black(&image, width, height, "bands", 3, nullptr);
+    void* buffer = nullptr;
+    std::size_t length = 0;
+    vips_jpegsave_buffer(image, &buffer, &length, nullptr);
+    g_object_unref(image);
+    std::vector<std::uint8_t> bytes(static_cast<std::uint8_t*>(buffer),
+                                    static_cast<std::uint8_t*>(buffer) + length);
+    g_free(buffer);
+    return bytes;
+}
+
+TEST_F(VdirAddressBookTest, PhotosAndThumbnails) {
+    auto opts = options();
+    opts.imageScaler = std::make_shared<VipsImageScaler>();
+    VdirAddressBook book(opts);
+    const auto photo = makeJpeg(1200, 800);
+    ASSERT_TRUE(book.setPhoto(std::vector<std::string>{"JANE-1"}, photo).ok());
+    EXPECT_EQ(book.image("JANE-1").value(), photo);
+
+    const auto thumbnails = book.thumbnails(std::vector<std::string>{"JANE-1", "NORA-1"});
+    ASSERT_EQ(thumbnails.size(), 1u);
+    VipsImage* small = vips_image_new_from_buffer(thumbnails.at("JANE-1").data(),
+                                                  thumbnails.at("JANE-1").size(), "", nullptr);
+    ASSERT_NE(small, nullptr);
+    EXPECT_EQ(vips_image_get_width(small), 256);
+    EXPECT_LE(vips_image_get_height(small), 256);
+    g_object_unref(small);
+
+    EXPECT_EQ(book.copyPhoto("JANE-1", "NORA-1").value(), true);
+    EXPECT_EQ(book.image("NORA-1").value(), photo);
+}
+
+TEST_F(VdirAddressBookTest, OutsideWritesAreNoticed) {
+    auto opts = options();
+    opts.watcher = std::make_shared<InotifyFolderWatcher>();
+    VdirAddressBook book(opts);
+    ThreadPool pool(1);
+    std::mutex mutex;
+    std::condition_variable noticed;
+    int notices = 0;
+    ASSERT_TRUE(book.observeChanges(pool,
+                                    [&] {
+                                        std::lock_guard lock(mutex);
+                                        ++notices;
+                                        noticed.notify_all();
+                                    })
+                    .ok());
+    writeFile(root() / "work" / "NEW-1.vcf", kJane);
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(noticed.wait_for(lock, std::chrono::seconds(5), [&] { return notices > 0; }));
+    lock.unlock();
+    book.stopObserving();
+}
+
+} // namespace
+} // namespace kinbook
