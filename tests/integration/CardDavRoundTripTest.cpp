@@ -36,6 +36,9 @@
 
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/addressbook/VdirAddressBook.h"
+#include "KinbookKit/text/AppLog.h"
+#include "KinbookKit/text/KinLog.h"
 #include "tests/support/CardDavServer.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/Vdirsyncer.h"
@@ -396,6 +399,85 @@ TEST_F(CardDavRoundTripTest, AChangeOnTheServerRewritesExactlyThatFileLocally) {
             EXPECT_EQ(after.at(name), bytes);
         }
     }
+}
+
+TEST_F(CardDavRoundTripTest, KinbooksEditTravelsAndTheServersChangeComesBackAsExactlyThatCard) {
+    const std::vector<std::string> names = {"emclient--IM-eMClient.vcf",
+                                            "google-carddav--IM-GoogleContacts.vcf",
+                                            "nextcloud-sabre--IM-Nextcloud.vcf"};
+    for (const std::string& name : names) {
+        copySample(name);
+    }
+    ProcessOutcome uploaded = firstSync(*m_laptop);
+    ASSERT_EQ(uploaded.exitCode, 0) << describe(uploaded);
+    ProcessOutcome downloaded = firstSync(*m_phone);
+    ASSERT_EQ(downloaded.exitCode, 0) << describe(downloaded);
+
+    AppLog appLog(m_temp / "app.log");
+    VdirAddressBook::Options options;
+    options.root = m_temp / "laptop";
+    options.stateFolder = m_temp / "kinbook-state";
+    options.log = std::make_shared<KinLog>("store", appLog);
+    VdirAddressBook book(options);
+    const auto read = book.readAll({});
+    ASSERT_TRUE(read.ok());
+    ASSERT_EQ(read->snapshot.people.size(), names.size());
+
+    // Kinbook changes one person's job title; vdirsyncer carries it over.
+    const std::string editedUID = uidOf(readFile(m_laptop->collectionFolder() / names[0])).value_or("");
+    const std::string before = readFile(m_laptop->collectionFolder() / names[0]);
+    auto draft = book.draft(editedUID);
+    ASSERT_TRUE(draft.ok()) << draft.error().description();
+    draft->jobTitle = "Head of Synchronisation";
+    const auto saved = book.save(*draft);
+    ASSERT_TRUE(saved.ok()) << saved.error().description();
+    const std::string written = readFile(m_laptop->collectionFolder() / names[0]);
+    const auto beforeLines = physicalLines(before);
+    const auto writtenLines = physicalLines(written);
+    std::size_t kept = 0;
+    for (const auto& line : beforeLines) {
+        kept += std::count(writtenLines.begin(), writtenLines.end(), line) > 0 ? 1 : 0;
+    }
+    EXPECT_GE(kept + 2, beforeLines.size()) << "only the title (and a REV) may change:\n" << written;
+
+    uploaded = m_laptop->sync();
+    EXPECT_EQ(uploaded.exitCode, 0) << describe(uploaded);
+    downloaded = m_phone->sync();
+    EXPECT_EQ(downloaded.exitCode, 0) << describe(downloaded);
+    const auto phoneFile = fileWithUid(filesIn(m_phone->collectionFolder()), editedUID);
+    ASSERT_TRUE(phoneFile.has_value());
+    auto arrived = VCard::parse(readFile(m_phone->collectionFolder() / *phoneFile));
+    ASSERT_TRUE(arrived.ok());
+    ASSERT_NE(arrived->first("TITLE"), nullptr);
+    EXPECT_EQ(arrived->first("TITLE")->text(), "Head of Synchronisation");
+
+    // Kinbook's own write is in its journal; from here on only the server's
+    // change may show.
+    const auto settled = book.changesSince(*read->snapshot.historyToken);
+    ASSERT_TRUE(settled.ok());
+    ASSERT_TRUE(settled->token.has_value());
+
+    // Another device renames someone else, straight on the server.
+    const std::string otherUID = uidOf(readFile(m_laptop->collectionFolder() / names[1])).value_or("");
+    const std::string href = CardDavServer::collectionPath("contacts") + otherUID + ".vcf";
+    HttpReply current = m_server->request("GET", href);
+    ASSERT_EQ(current.status, 200) << href;
+    auto remote = VCard::parse(current.body);
+    ASSERT_TRUE(remote.ok());
+    remote->first("FN")->setText("Renamed Elsewhere");
+    HttpReply put = m_server->request("PUT", href, remote->serialize(), "text/vcard; charset=utf-8");
+    ASSERT_TRUE(put.status == 201 || put.status == 204) << put.headers;
+    downloaded = m_laptop->sync();
+    EXPECT_EQ(downloaded.exitCode, 0) << describe(downloaded);
+
+    const auto changes = book.changesSince(*settled->token);
+    ASSERT_TRUE(changes.ok());
+    EXPECT_FALSE(changes->startOver);
+    ASSERT_EQ(changes->changed.size(), 1u);
+    EXPECT_EQ(changes->changed[0].id, otherUID);
+    EXPECT_TRUE(changes->deleted.empty());
+    // Kinbook's edited card came back from nowhere but its own write.
+    EXPECT_EQ(readFile(m_laptop->collectionFolder() / names[0]), written);
 }
 
 } // namespace
