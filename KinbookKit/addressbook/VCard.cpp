@@ -1,5 +1,7 @@
 #include "KinbookKit/addressbook/VCard.h"
 
+#include "KinbookKit/addressbook/VCardLines.h"
+
 #include <algorithm>
 #include <map>
 #include <utility>
@@ -7,7 +9,7 @@
 namespace kinbook {
 namespace {
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+using namespace vcardlines;
 
 struct PhysicalLine {
     std::size_t begin = 0;
@@ -36,96 +38,6 @@ std::vector<PhysicalLine> splitLines(std::string_view bytes) {
         pos = line.end;
     }
     return lines;
-}
-
-bool isBlank(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t'; });
-}
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
-        text.remove_suffix(1);
-    }
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-        text.remove_prefix(1);
-    }
-    return text;
-}
-
-// "BEGIN:VCARD" or "END:VCARD" in any case, optionally behind a group.
-bool isMarker(std::string_view line, std::string_view marker) {
-    if (line.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
-        line.remove_prefix(kByteOrderMark.size());
-    }
-    line = trimmed(line);
-    if (line.size() > marker.size() && line[line.size() - marker.size() - 1] == '.') {
-        line = line.substr(line.size() - marker.size());
-    }
-    return equalsIgnoringCase(line, marker);
-}
-
-bool isBegin(std::string_view line) {
-    return line.size() >= 11 && isMarker(line, "BEGIN:VCARD");
-}
-
-bool isEnd(std::string_view line) {
-    return line.size() >= 9 && isMarker(line, "END:VCARD");
-}
-
-// The name and parameters of a logical line, roughly: up to the first colon.
-std::string_view roughHead(std::string_view text) {
-    return text.substr(0, text.find(':'));
-}
-
-// Whether the line's parameters name `encoding`, as "ENCODING=X" or a bare
-// 2.1 "X".
-bool declaresEncoding(std::string_view text, std::string_view encoding) {
-    std::string_view head = roughHead(text);
-    std::size_t pos = head.find(';');
-    while (pos != std::string_view::npos) {
-        const std::size_t next = head.find(';', pos + 1);
-        std::string_view token =
-            head.substr(pos + 1, next == std::string_view::npos ? std::string_view::npos : next - pos - 1);
-        if (token.size() > 9 && equalsIgnoringCase(token.substr(0, 9), "ENCODING=")) {
-            token.remove_prefix(9);
-        }
-        if (equalsIgnoringCase(trimmed(token), encoding)) {
-            return true;
-        }
-        pos = next;
-    }
-    return false;
-}
-
-// A line of a 2.1 base64 block that continues without the fold marker.
-bool isBase64Data(std::string_view line) {
-    if (isBlank(line)) {
-        return false;
-    }
-    return std::all_of(line.begin(), line.end(), [](char c) {
-        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
-               c == '/' || c == '=' || c == ' ' || c == '\t';
-    });
-}
-
-// The property name of a logical line without its group, for the few
-// names the reader itself must recognise.
-std::string_view roughName(std::string_view text) {
-    std::string_view head = roughHead(text);
-    head = head.substr(0, head.find(';'));
-    const std::size_t dot = head.find('.');
-    return dot == std::string_view::npos ? head : head.substr(dot + 1);
-}
-
-std::string_view roughValue(std::string_view text) {
-    const std::size_t colon = text.find(':');
-    return colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
-}
-
-// "AGENT:BEGIN:VCARD": a 2.1 agent card that starts on the AGENT line itself.
-bool isAgentBegin(std::string_view text) {
-    return equalsIgnoringCase(roughName(text), "AGENT") &&
-           equalsIgnoringCase(trimmed(roughValue(text)), "BEGIN:VCARD");
 }
 
 struct LogicalLine {
@@ -192,7 +104,7 @@ VCard VCard::create(VCardVersion version) {
 
 Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> source) {
     const std::string_view bytes = *source;
-    if (isBlank(bytes) || bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+    if (isBlankLine(bytes) || bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) {
         return failure(VCardError::empty);
     }
     const std::vector<PhysicalLine> lines = splitLines(bytes);
@@ -216,7 +128,7 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
         if (i == 0 && line.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
             line.remove_prefix(kByteOrderMark.size());
         }
-        if (!isBlank(line)) {
+        if (!isBlankLine(line)) {
             card.m_warnings.push_back({i + 1, "text before BEGIN:VCARD kept as it is"});
             break;
         }
@@ -272,7 +184,7 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
             LogicalLine* agent = logical.empty() ? nullptr : &logical.back();
             if (agent != nullptr && !agent->blank && !agent->strayCard && agent->last + 1 == i &&
                 equalsIgnoringCase(roughName(agent->text), "AGENT") && agent->embedded.empty() &&
-                isBlank(roughValue(agent->text))) {
+                isBlankLine(roughValue(agent->text))) {
                 agent->last = last;
                 agent->embedded = joinedLines(i, last);
             } else {
@@ -310,7 +222,7 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
             }
             break;
         }
-        if (isBlank(entry.text)) {
+        if (isBlankLine(entry.text)) {
             entry.blank = true;
         } else if (declaresEncoding(entry.text, "BASE64")) {
             // 2.1 base64 may continue without fold markers and ends with a
@@ -360,7 +272,7 @@ Result<VCard, VCardError> VCard::parseFirst(std::shared_ptr<const std::string> s
         if (entry.blank || entry.strayCard || !equalsIgnoringCase(roughName(entry.text), "VERSION")) {
             continue;
         }
-        const std::string_view value = trimmed(roughValue(entry.text));
+        const std::string_view value = trimmedSpaceTab(roughValue(entry.text));
         card.m_missingVersion = false;
         if (value == "2.1" || value == "2.0") {
             card.m_version = VCardVersion::v2_1;
