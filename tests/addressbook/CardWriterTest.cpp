@@ -516,6 +516,42 @@ TEST(CardWriter, LabelsAreWrittenAsAppleWritesThem) {
     EXPECT_FALSE(plain.isModified());
 }
 
+// The editor shows the PO box and extended address within the street: only
+// an edited street takes their place, other parts keep them.
+TEST(CardWriter, AnAddressRewritesOnlyThePartsTheUserChanged) {
+    const std::string card = crlf({"BEGIN:VCARD", "VERSION:3.0", "FN:A",
+                                   "ADR;TYPE=HOME:Box 9;Flat 2;1 Main St;Albany;NY;12345;USA", "END:VCARD"});
+    {
+        Fixture f(card);
+        ASSERT_EQ(f.draft.addresses.size(), 1u);
+        EXPECT_EQ(f.draft.addresses[0].street, "1 Main St\nFlat 2\nBox 9");
+        f.draft.addresses[0].city = "Troy";
+        const std::string written = f.apply();
+        EXPECT_NE(written.find("ADR;TYPE=HOME:Box 9;Flat 2;1 Main St;Troy;NY;12345;USA\r\n"),
+                  std::string::npos)
+            << written;
+    }
+    {
+        Fixture f(card);
+        f.draft.addresses[0].street = "2 Main St\nFlat 2";
+        const std::string written = f.apply();
+        EXPECT_NE(written.find("ADR;TYPE=HOME:;;2 Main St\\nFlat 2;Albany;NY;12345;USA\r\n"),
+                  std::string::npos)
+            << written;
+    }
+}
+
+// An unknown TYPE value reads as a custom label; giving the entry another
+// label takes it away, so the entry then reads as the new one.
+TEST(CardWriter, AnotherLabelReplacesAnUnknownType) {
+    Fixture f(crlf({"BEGIN:VCARD", "VERSION:3.0", "FN:A", "TEL;TYPE=CAR:1", "END:VCARD"}));
+    ASSERT_EQ(f.draft.phones.size(), 1u);
+    EXPECT_EQ(f.draft.phones[0].label, "car");
+    f.draft.phones[0].label = std::string(labelConstant(StockLabel::mobile));
+    const std::string written = f.apply();
+    EXPECT_NE(written.find("TEL;TYPE=CELL;TYPE=VOICE:1\r\n"), std::string::npos) << written;
+}
+
 // ---------------------------------------------------------------------------
 // Anchors
 
