@@ -61,7 +61,51 @@ std::vector<BasicCardEntry<Property>> entriesOf(Card& card, std::string_view car
     return entries;
 }
 
+// The components of one structured field, each trimmed, non-empty ones
+// joined by `separator`.
+std::string joinedComponents(const std::vector<std::vector<std::string>>& fields, std::size_t index,
+                             std::string_view separator) {
+    std::string joined;
+    if (index >= fields.size()) {
+        return joined;
+    }
+    for (const auto& component : fields[index]) {
+        const std::string_view trimmed = trimAsciiSpace(component);
+        if (trimmed.empty()) {
+            continue;
+        }
+        if (!joined.empty()) {
+            joined += separator;
+        }
+        joined += trimmed;
+    }
+    return joined;
+}
+
 } // namespace
+
+ContactDraft::Address addressPartsOf(const VCardProperty& property) {
+    constexpr std::size_t kPostOfficeBox = 0;
+    constexpr std::size_t kExtended = 1;
+    constexpr std::size_t kStreet = 2;
+    const auto fields = property.components();
+    ContactDraft::Address address;
+    for (const std::size_t index : {kStreet, kExtended, kPostOfficeBox}) {
+        const std::string lines = joinedComponents(fields, index, "\n");
+        if (lines.empty()) {
+            continue;
+        }
+        if (!address.street.empty()) {
+            address.street.push_back('\n');
+        }
+        address.street += lines;
+    }
+    address.city = joinedComponents(fields, 3, " ");
+    address.state = joinedComponents(fields, 4, " ");
+    address.postalCode = joinedComponents(fields, 5, " ");
+    address.country = joinedComponents(fields, 6, " ");
+    return address;
+}
 
 std::optional<EntryKind> entryKind(const VCardProperty& property) {
     if (property.isMalformed()) {

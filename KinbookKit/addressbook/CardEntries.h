@@ -2,6 +2,7 @@
 
 #include "KinbookKit/addressbook/EntryRegistry.h"
 #include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/records/ContactDraft.h"
 
 #include <optional>
 #include <string>
@@ -25,6 +26,16 @@ enum class EntryKind {
 
 // Which kind of entry a property is, if any.
 std::optional<EntryKind> entryKind(const VCardProperty& property);
+
+// An ADR line's five parts as the editor shows them, each trimmed: the
+// street is the street component's lines, then the extended address's, then
+// the PO box's (writers differ in which of them holds the street: Google's
+// export sometimes puts it all in the extended address), one per line; city,
+// state, postal code and country are their components, several joined by a
+// space. id and label stay empty. The reader fills the draft with this and
+// the writer compares the draft with it, so an address the user left alone
+// is never rewritten.
+ContactDraft::Address addressPartsOf(const VCardProperty& property);
 
 // What identifies a property's line to the registry: its upper-case name,
 // the fingerprint of its unfolded line without the group (other programs

@@ -39,19 +39,20 @@ struct Types {
     }
 };
 
-Types typesOf(const VCardProperty& property, std::initializer_list<std::string_view> ignored) {
+bool isOneOf(std::string_view value, std::initializer_list<std::string_view> names) {
+    for (const auto name : names) {
+        if (equalsIgnoringAsciiCase(value, name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Types typesOf(const VCardProperty& property, EntryKind kind) {
     Types types;
     for (auto& value : property.parameterValues("TYPE")) {
         const std::string_view trimmed = trimAsciiSpace(value);
-        if (trimmed.empty() || equalsIgnoringAsciiCase(trimmed, "VOICE") ||
-            equalsIgnoringAsciiCase(trimmed, "INTERNET") || equalsIgnoringAsciiCase(trimmed, "PREF")) {
-            continue;
-        }
-        bool skip = false;
-        for (const auto ignore : ignored) {
-            skip = skip || equalsIgnoringAsciiCase(trimmed, ignore);
-        }
-        if (!skip) {
+        if (isLabelType(kind, trimmed)) {
             types.values.emplace_back(trimmed);
         }
     }
@@ -140,7 +141,7 @@ std::string emailLabel(const Types& types) {
     if (auto common = commonLabel(types)) {
         return *common;
     }
-    std::string custom = firstCustom(types, {"X400"});
+    std::string custom = firstCustom(types, {});
     return custom.empty() ? constantOf(StockLabel::other) : custom;
 }
 
@@ -214,24 +215,48 @@ std::string readLabel(const VCard& card, const VCardProperty& property) {
     if (!kind) {
         return {};
     }
+    const Types types = typesOf(property, *kind);
     switch (*kind) {
     case EntryKind::phone:
-        return phoneLabel(typesOf(property, {}));
+        return phoneLabel(types);
     case EntryKind::email:
-        return emailLabel(typesOf(property, {}));
+        return emailLabel(types);
     case EntryKind::url:
-        return urlLabel(typesOf(property, {}));
+        return urlLabel(types);
     case EntryKind::address:
-        return addressLabel(typesOf(property, {"POSTAL", "PARCEL", "DOM", "INTL"}));
+        return addressLabel(types);
     case EntryKind::date:
         return isAnniversaryProperty(property) ? std::string(kAnniversaryToken) : std::string();
     case EntryKind::relation:
-        return property.is("RELATED") ? relationLabel(typesOf(property, {})) : std::string();
+        return property.is("RELATED") ? relationLabel(types) : std::string();
     case EntryKind::social:
     case EntryKind::messaging:
-        return commonLabel(typesOf(property, {})).value_or(std::string());
+        return commonLabel(types).value_or(std::string());
     }
     return {};
+}
+
+bool isLabelType(EntryKind kind, std::string_view type) {
+    type = trimAsciiSpace(type);
+    if (type.empty() || isOneOf(type, {"VOICE", "INTERNET", "PREF"})) {
+        return false;
+    }
+    switch (kind) {
+    case EntryKind::address:
+        return !isOneOf(type, {"POSTAL", "PARCEL", "DOM", "INTL"});
+    case EntryKind::email:
+        return !equalsIgnoringAsciiCase(type, "X400");
+    case EntryKind::social:
+    case EntryKind::messaging:
+        // Their other TYPE values name the service.
+        return isOneOf(type, {"HOME", "WORK", "OTHER"});
+    case EntryKind::phone:
+    case EntryKind::url:
+    case EntryKind::date:
+    case EntryKind::relation:
+        return true;
+    }
+    return true;
 }
 
 std::string labelDisplayText(std::string_view label) {

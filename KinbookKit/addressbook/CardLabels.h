@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KinbookKit/addressbook/CardEntries.h"
 #include "KinbookKit/addressbook/VCard.h"
 
 #include <string>
@@ -39,6 +40,15 @@ namespace kinbook {
 // Social profiles and messaging addresses carry their service in TYPE, so
 // only HOME, WORK and OTHER count as labels there.
 std::string readLabel(const VCard& card, const VCardProperty& property);
+
+// Whether a TYPE value of an entry of this kind counts towards its label as
+// readLabel reads it: false for the values that never name one (VOICE,
+// INTERNET, PREF, an address's POSTAL, PARCEL, DOM and INTL, an e-mail's
+// X400, and on social profiles and messaging anything but HOME, WORK and
+// OTHER), true for every other value, unknown ones included. The writer
+// removes exactly these values when it gives an entry another label, so
+// that the entry then reads as the label it was given.
+bool isLabelType(EntryKind kind, std::string_view type);
 
 // What the user sees for a label constant: a stock constant's display name
 // ("mobile", "home fax"), an Apple token's name in words

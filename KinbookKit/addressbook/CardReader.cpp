@@ -72,46 +72,6 @@ struct AddressParts {
     std::string layout; // X-ABADR
 };
 
-std::string joinedLines(const VCardFields& fields, std::size_t index) {
-    std::string lines;
-    if (index >= fields.size()) {
-        return lines;
-    }
-    for (const auto& component : fields[index]) {
-        const std::string_view trimmed = trimAsciiSpace(component);
-        if (trimmed.empty()) {
-            continue;
-        }
-        if (!lines.empty()) {
-            lines.push_back('\n');
-        }
-        lines += trimmed;
-    }
-    return lines;
-}
-
-ContactDraft::Address addressOf(const VCardProperty& property) {
-    const VCardFields fields = property.components();
-    ContactDraft::Address address;
-    // Writers differ in where the street goes: Apple in the street field,
-    // Google's export sometimes everything in the extended field.
-    for (const std::size_t index : {std::size_t{2}, std::size_t{1}, std::size_t{0}}) {
-        const std::string lines = joinedLines(fields, index);
-        if (lines.empty()) {
-            continue;
-        }
-        if (!address.street.empty()) {
-            address.street.push_back('\n');
-        }
-        address.street += lines;
-    }
-    address.city = std::string(trimAsciiSpace(FieldsValue(fields).joined(3, " ")));
-    address.state = std::string(trimAsciiSpace(FieldsValue(fields).joined(4, " ")));
-    address.postalCode = std::string(trimAsciiSpace(FieldsValue(fields).joined(5, " ")));
-    address.country = std::string(trimAsciiSpace(FieldsValue(fields).joined(6, " ")));
-    return address;
-}
-
 enum class Layout { cityFirst, codeFirst, british };
 
 Layout layoutFor(std::string_view hint, std::string_view country) {
@@ -376,7 +336,7 @@ EntryContents readEntries(const VCard& card, std::string_view cardID, EntryRegis
             contents.emails.push_back({entry.id, readLabel(card, property), trimmedText(property), false});
             break;
         case EntryKind::address: {
-            ContactDraft::Address address = addressOf(property);
+            ContactDraft::Address address = addressPartsOf(property);
             address.id = entry.id;
             address.label = readLabel(card, property);
             const VCardProperty* hint = card.companion(property, "X-ABADR");
@@ -444,18 +404,6 @@ std::vector<ContactCard::Item> itemsOf(const std::vector<ContactDraft::Field>& f
     return items;
 }
 
-CardNames namesOf(const VCard& card) {
-    CardNames names;
-    if (const VCardProperty* n = card.first("N")) {
-        readNameFields(FieldsValue(n->components()), names);
-    }
-    if (const VCardProperty* org = card.first("ORG")) {
-        readOrganizationFields(FieldsValue(org->components()), names);
-    }
-    const VCardProperty* fn = card.first("FN");
-    return completeCardNames(std::move(names), fn ? fn->text() : std::string(), isCompanyCard(card));
-}
-
 std::string firstText(const VCard& card, std::string_view name) {
     const VCardProperty* property = card.first(name);
     return property ? property->text() : std::string();
@@ -487,6 +435,18 @@ bool hasInlineData(const VCardProperty& property) {
 }
 
 } // namespace
+
+CardNames readCardNames(const VCard& card) {
+    CardNames names;
+    if (const VCardProperty* n = card.first("N")) {
+        readNameFields(FieldsValue(n->components()), names);
+    }
+    if (const VCardProperty* org = card.first("ORG")) {
+        readOrganizationFields(FieldsValue(org->components()), names);
+    }
+    const VCardProperty* fn = card.first("FN");
+    return completeCardNames(std::move(names), fn ? fn->text() : std::string(), isCompanyCard(card));
+}
 
 std::string cardIDFromFileName(std::string_view fileName) {
     std::string_view stem = fileName;
@@ -614,7 +574,7 @@ ContactCard readContactCard(const VCard& card, std::string_view cardID, EntryReg
                             std::string_view locale) {
     ContactCard contact;
     contact.id = std::string(cardID);
-    CardNames names = namesOf(card);
+    CardNames names = readCardNames(card);
     contact.namePrefix = std::move(names.namePrefix);
     contact.givenName = std::move(names.givenName);
     contact.middleName = std::move(names.middleName);
@@ -656,7 +616,7 @@ ContactCard readContactCard(const VCard& card, std::string_view cardID, EntryReg
 ContactDraft readDraft(const VCard& card, std::string_view cardID, EntryRegistry& registry) {
     ContactDraft draft;
     draft.id = std::string(cardID);
-    CardNames names = namesOf(card);
+    CardNames names = readCardNames(card);
     draft.namePrefix = std::move(names.namePrefix);
     draft.givenName = std::move(names.givenName);
     draft.middleName = std::move(names.middleName);

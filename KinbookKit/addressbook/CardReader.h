@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KinbookKit/addressbook/EntryRegistry.h"
+#include "KinbookKit/addressbook/RawPersonBuilder.h"
 #include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/records/ContactCard.h"
 #include "KinbookKit/records/ContactDraft.h"
@@ -60,6 +61,12 @@ std::optional<DateComponents> readBirthday(const VCard& card);
 // `layout` is Apple's X-ABADR country code when the card has one; otherwise
 // the country text decides.
 std::string formatPostalAddress(const ContactDraft::Address& address, std::string_view layout = {});
+
+// The card's names as the editor shows them: N's and ORG's fields, with FN
+// standing in for a missing name (as the given name) or, on a company card,
+// for a missing organisation. The writer compares a draft with this, so an
+// untouched name is never rewritten.
+CardNames readCardNames(const VCard& card);
 
 // The card's contents as the person page shows them. Labels are display
 // texts, entries carry their identities from `registry`, dates are written

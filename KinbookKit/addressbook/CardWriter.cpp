@@ -1,5 +1,7 @@
 #include "KinbookKit/addressbook/CardWriter.h"
 
+#include "KinbookKit/addressbook/CardLabels.h"
+#include "KinbookKit/addressbook/CardReader.h"
 #include "KinbookKit/records/Iso8601.h"
 #include "KinbookKit/records/LinkService.h"
 #include "KinbookKit/records/StockLabel.h"
@@ -62,16 +64,6 @@ std::string joinWords(std::initializer_list<std::string_view> words) {
 // ---------------------------------------------------------------------------
 // Labels
 
-// TYPE values that say which label an entry has, as opposed to INTERNET,
-// VOICE and pref, which say something else and stay whatever the label is.
-constexpr std::array<std::string_view, 8> kLabelTypes{"HOME", "WORK", "CELL",  "IPHONE",
-                                                      "MAIN", "FAX",  "PAGER", "OTHER"};
-
-bool isLabelType(std::string_view value) {
-    return std::any_of(kLabelTypes.begin(), kLabelTypes.end(),
-                       [&](std::string_view type) { return equalsIgnoringAsciiCase(type, value); });
-}
-
 // The TYPE values Apple writes for a stock label on this kind of entry, or
 // none when that label is written as a token in X-ABLabel instead.
 std::optional<std::vector<std::string_view>> typeForm(EntryKind kind, StockLabel label) {
@@ -124,44 +116,6 @@ std::optional<std::vector<std::string_view>> typeForm(EntryKind kind, StockLabel
     default:
         return std::nullopt;
     }
-}
-
-// The stock label a set of TYPE values names for this kind of entry.
-std::optional<StockLabel> labelFromTypes(EntryKind kind, const std::vector<std::string>& types) {
-    auto has = [&](std::string_view wanted) {
-        return std::any_of(types.begin(), types.end(),
-                           [&](const std::string& type) { return equalsIgnoringAsciiCase(type, wanted); });
-    };
-    if (kind == EntryKind::phone) {
-        if (has("IPHONE")) {
-            return StockLabel::iPhone;
-        }
-        if (has("FAX")) {
-            return has("WORK") ? StockLabel::workFax : StockLabel::homeFax;
-        }
-        if (has("PAGER")) {
-            return StockLabel::pager;
-        }
-        if (has("CELL")) {
-            return StockLabel::mobile;
-        }
-        if (has("MAIN")) {
-            return StockLabel::main;
-        }
-    }
-    if (kind == EntryKind::phone || kind == EntryKind::email || kind == EntryKind::address ||
-        kind == EntryKind::url) {
-        if (has("HOME")) {
-            return StockLabel::home;
-        }
-        if (has("WORK")) {
-            return StockLabel::work;
-        }
-        if (has("OTHER")) {
-            return StockLabel::other;
-        }
-    }
-    return std::nullopt;
 }
 
 // Whether another member of the property's group is an entry of its own (a
@@ -262,10 +216,6 @@ bool fieldMatches(const std::vector<std::string>& components, std::string_view w
 
 std::vector<std::string> fieldAt(const std::vector<std::vector<std::string>>& fields, std::size_t index) {
     return index < fields.size() ? fields[index] : std::vector<std::string>{};
-}
-
-std::string fieldText(const std::vector<std::vector<std::string>>& fields, std::size_t index) {
-    return trimmed(join(fieldAt(fields, index), " "));
 }
 
 // Sets the structured field at `index` to one component, growing the value
@@ -604,22 +554,6 @@ struct NameTexts {
     }
 };
 
-NameTexts namesOf(const VCard& card) {
-    NameTexts names;
-    if (const VCardProperty* n = card.first("N")) {
-        const auto fields = n->components();
-        names.family = fieldText(fields, 0);
-        names.given = fieldText(fields, 1);
-        names.middle = fieldText(fields, 2);
-        names.prefix = fieldText(fields, 3);
-        names.suffix = fieldText(fields, 4);
-    }
-    if (const VCardProperty* org = card.first("ORG")) {
-        names.organization = fieldText(org->components(), 0);
-    }
-    return names;
-}
-
 NameTexts namesOf(const ContactDraft& draft) {
     return {trimmed(draft.namePrefix), trimmed(draft.givenName),  trimmed(draft.middleName),
             trimmed(draft.familyName), trimmed(draft.nameSuffix), trimmed(draft.organization)};
@@ -710,14 +644,26 @@ void writeTextLine(VCard& card, std::string_view name, std::string_view value, b
 }
 
 void writeNames(VCard& card, const ContactDraft& draft) {
-    const NameTexts before = namesOf(card);
+    // The names as the editor showed them (FN standing in for a missing N):
+    // a draft that still says that leaves N and ORG as they are.
+    const CardNames shown = readCardNames(card);
+    const NameTexts before{trimmed(shown.namePrefix), trimmed(shown.givenName),  trimmed(shown.middleName),
+                           trimmed(shown.familyName), trimmed(shown.nameSuffix), trimmed(shown.organization)};
     const NameTexts after = namesOf(draft);
-    const bool nameChanged = writeStructured(
-        card, "N",
-        {{0, after.family}, {1, after.given}, {2, after.middle}, {3, after.prefix}, {4, after.suffix}}, 5,
-        false, {"FN", "VERSION"});
-    const bool orgChanged = writeStructured(
-        card, "ORG", {{0, after.organization}, {1, trimmed(draft.department)}}, 2, true, {"N", "FN"});
+    const bool nameAsShown = before.prefix == after.prefix && before.given == after.given &&
+                             before.middle == after.middle && before.family == after.family &&
+                             before.suffix == after.suffix;
+    const bool orgAsShown =
+        before.organization == after.organization && trimmed(shown.department) == trimmed(draft.department);
+    const bool nameChanged =
+        !nameAsShown &&
+        writeStructured(
+            card, "N",
+            {{0, after.family}, {1, after.given}, {2, after.middle}, {3, after.prefix}, {4, after.suffix}}, 5,
+            false, {"FN", "VERSION"});
+    const bool orgChanged =
+        !orgAsShown && writeStructured(card, "ORG", {{0, after.organization}, {1, trimmed(draft.department)}},
+                                       2, true, {"N", "FN"});
     writeTextLine(card, "NICKNAME", draft.nickname, true, {"N", "FN"});
     writeTextLine(card, "TITLE", draft.jobTitle, false, {"ORG", "N", "FN"});
     if (!nameChanged && !orgChanged) {
@@ -881,6 +827,8 @@ void mergeFields(CardEdit& edit, EntryKind kind, const ValueStyle& style, std::v
                  });
 }
 
+constexpr std::size_t kPostOfficeBox = 0;
+constexpr std::size_t kExtended = 1;
 constexpr std::size_t kStreet = 2;
 constexpr std::size_t kAddressFields = 7;
 
@@ -889,25 +837,39 @@ void mergeAddresses(CardEdit& edit, const std::vector<ContactDraft::Address>& ad
     mergeEntries(edit, edit.entries(EntryKind::address), addresses, {},
                  [&](const ContactDraft::Address& address, VCardProperty* property,
                      const VCardProperty* place) -> VCardProperty* {
-                     auto fields = property != nullptr ? property->components()
-                                                       : std::vector<std::vector<std::string>>{};
-                     const std::array<std::string, 5> parts{
+                     const std::array<std::string, 5> wanted{
                          trimmed(address.street), trimmed(address.city), trimmed(address.state),
                          trimmed(address.postalCode), trimmed(address.country)};
-                     bool changed = property == nullptr;
-                     bool wasBlank = true;
-                     for (std::size_t i = 0; i < parts.size(); ++i) {
-                         const auto current = fieldAt(fields, kStreet + i);
-                         wasBlank = wasBlank && fieldMatches(current, "");
-                         if (!fieldMatches(current, parts[i])) {
-                             setField(fields, kStreet + i, parts[i]);
-                             changed = true;
-                         }
-                     }
+                     // What the editor showed for this address: a part that
+                     // still says that is left as the card writes it.
+                     const ContactDraft::Address shown =
+                         property != nullptr ? addressPartsOf(*property) : ContactDraft::Address{};
+                     const std::array<std::string, 5> current{trimmed(shown.street), trimmed(shown.city),
+                                                              trimmed(shown.state), trimmed(shown.postalCode),
+                                                              trimmed(shown.country)};
                      const bool blank =
-                         std::all_of(parts.begin(), parts.end(), [](const auto& p) { return p.empty(); });
+                         std::all_of(wanted.begin(), wanted.end(), [](const auto& p) { return p.empty(); });
                      if (blank) {
+                         const bool wasBlank = std::all_of(current.begin(), current.end(),
+                                                           [](const auto& p) { return p.empty(); });
                          return property != nullptr && wasBlank ? property : nullptr;
+                     }
+                     auto fields = property != nullptr ? property->components()
+                                                       : std::vector<std::vector<std::string>>{};
+                     bool changed = property == nullptr;
+                     for (std::size_t i = 0; i < wanted.size(); ++i) {
+                         if (property != nullptr && wanted[i] == current[i]) {
+                             continue;
+                         }
+                         setField(fields, kStreet + i, wanted[i]);
+                         if (i == 0) {
+                             // The editor showed the PO box and extended
+                             // address as lines of the street; the new street
+                             // says what is left of them.
+                             setField(fields, kPostOfficeBox, {});
+                             setField(fields, kExtended, {});
+                         }
+                         changed = true;
                      }
                      if (property == nullptr) {
                          property = &card.add("ADR", {}, place);
@@ -917,6 +879,11 @@ void mergeAddresses(CardEdit& edit, const std::vector<ContactDraft::Address>& ad
                              fields.resize(kAddressFields);
                          }
                          property->setComponents(fields);
+                         // A 4.0 LABEL is the old address formatted for
+                         // mail: it would contradict the new one.
+                         if (property->parameter("LABEL")) {
+                             property->removeParameter("LABEL");
+                         }
                      }
                      writeLabel(card, *property, EntryKind::address, address.label);
                      return property;
@@ -1140,32 +1107,13 @@ std::string revisionValue(std::chrono::system_clock::time_point time, bool exten
 
 // ---------------------------------------------------------------------------
 
-std::string entryLabel(const VCard& card, const VCardProperty& property, EntryKind kind) {
-    if (const VCardProperty* label = card.companion(property, "X-ABLabel")) {
-        std::string text = label->text();
-        if (equalsIgnoringAsciiCase(trimmed(text), "Other")) {
-            return std::string(labelConstant(StockLabel::other)); // Google's word for it
-        }
-        if (!isBlankText(text)) {
-            return text;
-        }
-    }
-    if (const auto stock = labelFromTypes(kind, property.parameterValues("TYPE"))) {
-        return std::string(labelConstant(*stock));
-    }
-    return {};
-}
-
 void writeLabel(VCard& card, VCardProperty& property, EntryKind kind, std::string_view label) {
     if (property.isMalformed()) {
         return;
     }
-    const std::string current = entryLabel(card, property, kind);
-    // A phone or e-mail address without any label reads as "other" in the
-    // address books that write them that way: both are already true of it.
-    const bool unlabelledOther = current.empty() && label == labelConstant(StockLabel::other) &&
-                                 (kind == EntryKind::phone || kind == EntryKind::email);
-    if (current == label || unlabelledOther) {
+    // The label the editor was shown: when the draft still says it, the
+    // entry's lines stay as they are, whatever form the card gives it.
+    if (readLabel(card, property) == label) {
         return;
     }
     const auto stock = stockLabelForConstant(label);
@@ -1178,7 +1126,7 @@ void writeLabel(VCard& card, VCardProperty& property, EntryKind kind, std::strin
     std::vector<std::string> kept;
     std::optional<std::size_t> insertAt;
     for (const auto& type : types) {
-        if (isLabelType(type)) {
+        if (isLabelType(kind, type)) {
             insertAt = insertAt.value_or(kept.size());
         } else {
             kept.push_back(type);

@@ -36,20 +36,16 @@ namespace kinbook {
 // work e-mail "type=INTERNET;type=WORK") and no label line. School, homepage,
 // an "other" web address, iPhone/iCloud where no TYPE value carries them, and
 // any custom text — former labels such as "ex-work" included — go into a
-// group ("item3.EMAIL") with an "X-ABLabel" line, and the label-bearing TYPE
-// values (HOME, WORK, CELL, IPHONE, MAIN, FAX, PAGER, OTHER) are removed so
-// that programs which ignore X-ABLabel don't show the entry as current. TYPE
-// values that carry no label (INTERNET, VOICE, pref, anything unknown) stay.
+// group ("item3.EMAIL") with an "X-ABLabel" line, and the TYPE values that
+// name a label (isLabelType: HOME, WORK, CELL, an unknown CAR…) are removed
+// so that programs which ignore X-ABLabel don't show the entry as current.
+// TYPE values that carry no label (INTERNET, VOICE, pref, POSTAL…) stay.
 // An empty label removes the label-bearing TYPE values and the label line.
 //
 // `label` is a label constant (StockLabel.h) or a custom text. When the entry
-// already carries that label (as entryLabel reads it), nothing changes.
+// already reads as that label (readLabel), nothing changes: the editor's
+// draft holds what readLabel said, so an untouched label writes nothing.
 void writeLabel(VCard& card, VCardProperty& property, EntryKind kind, std::string_view label);
-
-// The label an entry carries, as writeLabel compares it: the group's
-// X-ABLabel when it has one, else the stock label its TYPE values name, else
-// empty. Tokens come back as the constants they are ("_$!<School>!$_").
-std::string entryLabel(const VCard& card, const VCardProperty& property, EntryKind kind);
 
 // The card's birthday as applyDraft compares it: the first BDAY read as a
 // date, with Apple's stand-in year 1604 (or the year X-APPLE-OMIT-YEAR names)
@@ -94,11 +90,12 @@ void recordWrittenEntries(const VCard& edited, const ApplyResult& result, const 
 //   anchor entry — its first one, else a new one — labelled "Vellumary
 //   Contacts", holding that URL, first among the web addresses; without it,
 //   anchor entries stay as they are.
-// - Addresses: the existing ADR's components are the starting point (PO box,
-//   extended address, further components and X-ABADR survive); street, city,
-//   state, postal code and country come from the trimmed draft. A draft
-//   address with all five parts blank deletes the entry, unless those parts
-//   were blank already.
+// - Addresses: each of the five parts is compared with what the editor was
+//   shown (addressPartsOf); only a part that differs is written, into its
+//   own component. A changed street goes into the street component and
+//   clears the PO box and extended address, which the editor showed within
+//   it. Other components and X-ABADR survive. A draft address with all five
+//   parts blank deletes the entry, unless those parts were blank already.
 // - Birthday: written in the card's written version's form (3.0
 //   "1987-03-14", year-less "BDAY;X-APPLE-OMIT-YEAR=1604:1604-03-14"; 4.0
 //   "19870314" or "--0314"); none removes BDAY, except a BDAY that is not a
