@@ -91,24 +91,9 @@ bool scanLine(std::string_view text, ScannedLine& line) {
     const std::size_t parametersBegin = i;
     while (i < text.size() && text[i] == ';') {
         const std::size_t start = ++i;
-        bool inQuotes = false;
-        while (i < text.size()) {
-            const char c = text[i];
-            if (c == '"') {
-                inQuotes = !inQuotes;
-            } else if (!inQuotes && (c == ';' || c == ':')) {
-                break;
-            }
-            ++i;
-        }
-        if (i == text.size()) {
-            i = start;
-            while (i < text.size() && text[i] != ';' && text[i] != ':') {
-                ++i;
-            }
-            if (i == text.size()) {
-                return false;
-            }
+        i = parameterEnd(text, start).end;
+        if (i == std::string_view::npos) {
+            return false;
         }
         if (!line.mayNeedDecoding) {
             const std::string_view written = text.substr(start, i - start);

@@ -116,4 +116,33 @@ inline bool isAgentBegin(std::string_view text) {
            equalsIgnoringCase(trimmedSpaceTab(roughValue(text)), "BEGIN:VCARD");
 }
 
+// Where the parameter that starts at `start` ends: at the ';' before the next
+// parameter or the ':' before the value. A quoted value may hold both. A
+// quote left open would swallow the rest of the line, so the parameter is
+// then read again as if quotes meant nothing, and `unbalancedQuote` says so.
+// `end` is npos when no ':' follows: the line is not a property.
+struct ParameterEnd {
+    std::size_t end = std::string_view::npos;
+    bool unbalancedQuote = false;
+};
+
+inline ParameterEnd parameterEnd(std::string_view text, std::size_t start) {
+    std::size_t i = start;
+    bool inQuotes = false;
+    while (i < text.size()) {
+        const char c = text[i];
+        if (c == '"') {
+            inQuotes = !inQuotes;
+        } else if (!inQuotes && (c == ';' || c == ':')) {
+            return {i, false};
+        }
+        ++i;
+    }
+    i = start;
+    while (i < text.size() && text[i] != ';' && text[i] != ':') {
+        ++i;
+    }
+    return {i == text.size() ? std::string_view::npos : i, true};
+}
+
 } // namespace kinbook::vcardlines

@@ -1,5 +1,6 @@
 #include "KinbookKit/addressbook/VCardProperty.h"
 
+#include "KinbookKit/addressbook/VCardLines.h"
 #include "KinbookKit/text/Base64.h"
 
 #include <algorithm>
@@ -207,29 +208,15 @@ VCardProperty VCardProperty::parse(std::string line, VCardVersion version, std::
     property.m_name = std::string(text.substr(nameStart, i - nameStart));
     while (i < text.size() && text[i] == ';') {
         const std::size_t start = ++i;
-        bool inQuotes = false;
-        while (i < text.size()) {
-            const char c = text[i];
-            if (c == '"') {
-                inQuotes = !inQuotes;
-            } else if (!inQuotes && (c == ';' || c == ':')) {
-                break;
-            }
-            ++i;
+        const auto [end, unbalancedQuote] = vcardlines::parameterEnd(text, start);
+        if (end == std::string_view::npos) {
+            *problem = "no colon";
+            return malformed(std::move(line));
         }
-        if (i == text.size()) {
-            // An unbalanced quote swallowed the rest of the line: read this
-            // parameter again as if quotes meant nothing.
-            i = start;
-            while (i < text.size() && text[i] != ';' && text[i] != ':') {
-                ++i;
-            }
-            if (i == text.size()) {
-                *problem = "no colon";
-                return malformed(std::move(line));
-            }
+        if (unbalancedQuote) {
             *problem = "unbalanced quote in parameters";
         }
+        i = end;
         property.m_parameters.push_back(parseParameter(text.substr(start, i - start), version));
     }
     property.m_valueOffset = i + 1;
