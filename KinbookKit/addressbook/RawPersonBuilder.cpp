@@ -327,6 +327,7 @@ Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accoun
         }
         person.filledCount = filled;
     }
+    person.derive();
     return person;
 }
 

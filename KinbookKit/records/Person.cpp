@@ -1,10 +1,111 @@
 #include "KinbookKit/records/Person.h"
 
 #include "KinbookKit/Hash.h"
+#include "KinbookKit/text/AreaCodes.h"
+#include "KinbookKit/text/CodePoints.h"
+#include "KinbookKit/text/Fold.h"
 
 #include <nlohmann/json.hpp>
 
 namespace kinbook {
+namespace {
+
+std::string sectionLetterOf(const std::string& key) {
+    // The key is folded already, so "É" arrived as "e"; a letter folding
+    // left outside ASCII files under "#" with digits and punctuation.
+    const char first = key.empty() ? '\0' : key.front();
+    if ((first >= 'a' && first <= 'z') || (first >= 'A' && first <= 'Z')) {
+        return std::string(1, static_cast<char>(first & ~0x20));
+    }
+    return "#";
+}
+
+std::string sortKeyOf(const std::string& lead, const std::string& fallback, const std::string& tail) {
+    std::string key;
+    foldInto(key, lead.empty() ? fallback : lead);
+    key += ' ';
+    foldInto(key, tail);
+    return key;
+}
+
+} // namespace
+
+void Person::derive() {
+    PersonKeys keys;
+    if (!givenName.empty() && !familyName.empty()) {
+        keys.displayName = givenName + " " + familyName;
+    } else if (!givenName.empty() || !familyName.empty()) {
+        keys.displayName = givenName.empty() ? familyName : givenName;
+    } else if (!organization.empty()) {
+        keys.displayName = organization;
+    } else if (!emailAddresses.empty()) {
+        keys.displayName = emailAddresses.front();
+    } else if (!phoneNumbers.empty()) {
+        keys.displayName = phoneNumbers.front();
+    }
+    // "No Name" is what the list shows, not a name: such a person sorts
+    // first and files under "#", not among the Ns.
+    keys.sortKey = sortKeyOf(familyName, keys.displayName, givenName);
+    keys.firstNameSortKey = sortKeyOf(givenName, keys.displayName, familyName);
+    if (keys.displayName.empty()) {
+        keys.displayName = "No Name";
+    }
+    keys.sectionLetter = sectionLetterOf(keys.sortKey);
+    keys.firstNameSectionLetter = sectionLetterOf(keys.firstNameSortKey);
+
+    keys.phoneDigits.reserve(phoneNumbers.size());
+    for (const auto& phone : phoneNumbers) {
+        if (auto code = AreaCodes::areaCode(phone)) {
+            keys.areaCodes.push_back(std::move(*code));
+        }
+        keys.phoneDigits.push_back(numberCharacters(phone));
+    }
+
+    bool first = true;
+    const auto add = [&](const std::string& text) {
+        if (!first) {
+            keys.searchText += '\n';
+        }
+        first = false;
+        foldInto(keys.searchText, text);
+    };
+    for (const auto* text : {&givenName, &middleName, &familyName, &nickname, &organization, &jobTitle,
+                             &department, &keys.displayName}) {
+        add(*text);
+    }
+    for (const auto* list : {&emailAddresses, &places, &postalCodes}) {
+        for (const auto& text : *list) {
+            add(text);
+        }
+    }
+    m_keys = std::move(keys);
+}
+
+Person Person::with(Changes changes) const {
+    // The derived keys come from names, phones, e-mails, places and postal
+    // codes, none of which a change replaces, so the copy's keys are the
+    // ones derive() would make again.
+    Person copy = *this;
+    if (changes.accountIDs) {
+        copy.accountIDs = std::move(*changes.accountIDs);
+    }
+    if (changes.hidden) {
+        copy.hidden = *changes.hidden;
+    }
+    if (changes.circle) {
+        copy.circle = *changes.circle;
+    }
+    if (changes.kinID) {
+        copy.kinID = std::move(*changes.kinID);
+    }
+    if (changes.isPrimaryCard) {
+        copy.isPrimaryCard = *changes.isPrimaryCard;
+    }
+    if (changes.memberIDs) {
+        copy.memberIDs = std::move(*changes.memberIDs);
+    }
+    return copy;
+}
 
 nlohmann::json Person::toJSON() const {
     nlohmann::json json = {
@@ -27,6 +128,14 @@ nlohmann::json Person::toJSON() const {
         {"hidden", hidden},
         {"isPrimaryCard", isPrimaryCard},
         {"memberIDs", memberIDs},
+        {"displayName", m_keys.displayName},
+        {"sortKey", m_keys.sortKey},
+        {"sectionLetter", m_keys.sectionLetter},
+        {"firstNameSortKey", m_keys.firstNameSortKey},
+        {"firstNameSectionLetter", m_keys.firstNameSectionLetter},
+        {"areaCodes", m_keys.areaCodes},
+        {"searchText", m_keys.searchText},
+        {"phoneDigits", m_keys.phoneDigits},
     };
     if (kinID) {
         json["kinID"] = *kinID;
@@ -69,6 +178,20 @@ std::optional<Person> Person::fromJSON(const nlohmann::json& json) {
             // A circle this version doesn't know reads as none, like an
             // unreadable anchor value.
             person.circle = circleFromRawValue(circle->get<long long>());
+        }
+        if (json.contains("searchText")) {
+            PersonKeys keys;
+            json.at("displayName").get_to(keys.displayName);
+            json.at("sortKey").get_to(keys.sortKey);
+            json.at("sectionLetter").get_to(keys.sectionLetter);
+            json.at("firstNameSortKey").get_to(keys.firstNameSortKey);
+            json.at("firstNameSectionLetter").get_to(keys.firstNameSectionLetter);
+            json.at("areaCodes").get_to(keys.areaCodes);
+            json.at("searchText").get_to(keys.searchText);
+            json.at("phoneDigits").get_to(keys.phoneDigits);
+            person.adoptKeys(std::move(keys));
+        } else {
+            person.derive();
         }
         return person;
     } catch (const nlohmann::json::exception&) {

@@ -1,5 +1,6 @@
 #include "KinbookKit/text/AddressParser.h"
 
+#include "KinbookKit/text/CodePoints.h"
 #include "KinbookKit/text/Fold.h"
 
 #include <algorithm>
@@ -20,25 +21,6 @@ namespace {
 // ---------------------------------------------------------------------------
 // Characters
 
-struct CodePoint {
-    std::int32_t value; // -1 for a byte that does not start valid UTF-8
-    std::size_t length;
-};
-
-CodePoint decodeAt(std::string_view text, std::size_t position) {
-    const auto byte = static_cast<unsigned char>(text[position]);
-    if (byte < 0x80) {
-        return {byte, 1};
-    }
-    utf8proc_int32_t value = -1;
-    const auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()) + position,
-                                         static_cast<utf8proc_ssize_t>(text.size() - position), &value);
-    if (length <= 0) {
-        return {-1, 1};
-    }
-    return {value, static_cast<std::size_t>(length)};
-}
-
 void appendCodePoint(std::string& out, std::int32_t value) {
     utf8proc_uint8_t buffer[4];
     const auto length = utf8proc_encode_char(value, buffer);
@@ -55,18 +37,6 @@ bool isAsciiLetter(char c) {
 
 char asciiUpper(char c) {
     return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-bool isSpaceCodePoint(std::int32_t value) {
-    if (value == ' ' || (value >= '\t' && value <= '\r')) {
-        return true;
-    }
-    if (value < 0x80) {
-        return false;
-    }
-    const auto category = utf8proc_category(value);
-    return category == UTF8PROC_CATEGORY_ZS || category == UTF8PROC_CATEGORY_ZL ||
-           category == UTF8PROC_CATEGORY_ZP || value == 0x85 || value == 0xFEFF;
 }
 
 bool isLineBreak(std::int32_t value) {

@@ -117,12 +117,16 @@ Person samplePerson() {
     person.circle = ContactCircle::goodFriends;
     person.isPrimaryCard = true;
     person.memberIDs = {"C1", "C2"};
+    person.derive();
     return person;
 }
 
 TEST(AddressBookSnapshot, RoundTripsThroughJSON) {
     AddressBookSnapshot snapshot;
-    snapshot.people = {samplePerson(), Person{.id = "C3"}};
+    Person other;
+    other.id = "C3";
+    other.derive();
+    snapshot.people = {samplePerson(), other};
     snapshot.accounts = {{"local", "On My Computer"}, {"icloud", "iCloud"}};
     snapshot.historyToken = std::vector<std::uint8_t>{0, 255, 7, 42};
     snapshot.fullReadAt =
@@ -139,11 +143,35 @@ TEST(AddressBookSnapshot, RoundTripsThroughJSON) {
 
 TEST(AddressBookSnapshot, PersonKeysAreTheFieldNames) {
     const auto json = samplePerson().toJSON();
-    for (const char* key :
-         {"id",          "givenName",     "middleName",   "familyName",     "nickname",   "organization",
-          "jobTitle",    "department",    "phoneNumbers", "emailAddresses", "accountIDs", "hasImage",
-          "postalCodes", "places",        "filledCount",  "detailed",       "kinID",      "hidden",
-          "circle",      "isPrimaryCard", "memberIDs"}) {
+    for (const char* key : {"id",
+                            "givenName",
+                            "middleName",
+                            "familyName",
+                            "nickname",
+                            "organization",
+                            "jobTitle",
+                            "department",
+                            "phoneNumbers",
+                            "emailAddresses",
+                            "accountIDs",
+                            "hasImage",
+                            "postalCodes",
+                            "places",
+                            "filledCount",
+                            "detailed",
+                            "kinID",
+                            "hidden",
+                            "circle",
+                            "isPrimaryCard",
+                            "memberIDs",
+                            "displayName",
+                            "sortKey",
+                            "sectionLetter",
+                            "firstNameSortKey",
+                            "firstNameSectionLetter",
+                            "areaCodes",
+                            "searchText",
+                            "phoneDigits"}) {
         EXPECT_TRUE(json.contains(key)) << key;
     }
     EXPECT_EQ(json["circle"], 2);
