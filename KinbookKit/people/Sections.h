@@ -1,0 +1,51 @@
+#pragma once
+
+#include "KinbookKit/people/SortOrder.h"
+#include "KinbookKit/records/Person.h"
+
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace kinbook {
+
+// People are shared, never copied, between the list, the index of every sort
+// order, the shown sections and the views: at 100,000 people a copy per order
+// would cost gigabytes.
+using PersonPtr = std::shared_ptr<const Person>;
+
+// One titled run of the list: a letter, a circle's name, "No Phone", "3 fields", …
+struct Section {
+    std::string letter;
+    std::vector<PersonPtr> people;
+
+    // Equal when the titles are and the people are, person by person (by value).
+    bool operator==(const Section& other) const;
+};
+
+// One entry of the headings column: a section's title and how many people it holds.
+struct Heading {
+    std::string title;
+    int count = 0;
+
+    bool operator==(const Heading&) const = default;
+};
+
+// Sorts `people` in `order` (ascending) and cuts them into sections, each
+// created when its title is first met. Stable: people with equal keys keep
+// the order they came in.
+std::vector<Section> buildSections(SortOrder order, std::span<const PersonPtr> people);
+
+// The sections as shown in the given direction. Descending reverses the
+// sections and the people inside them, except that the photo order keeps
+// "Picture" before "No Picture" and reverses only the names.
+std::vector<Section> inDirection(std::vector<Section> sections, bool descending);
+
+// One heading per section, in order.
+std::vector<Heading> headingsOf(std::span<const Section> sections);
+
+// How many people the sections hold.
+int peopleCount(std::span<const Section> sections);
+
+} // namespace kinbook

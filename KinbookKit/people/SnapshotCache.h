@@ -1,0 +1,44 @@
+#pragma once
+
+#include "KinbookKit/records/AddressBookSnapshot.h"
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace kinbook {
+
+// The last full read of the address book, kept on disk so that the next
+// start shows the list before the store has been read. A cache only: every
+// failure is silent and means "no cache", costing one slower start.
+//
+// One operation at a time (the methods lock); the people list calls it from
+// its own serial queue, off the main thread.
+class SnapshotCache {
+public:
+    static constexpr int kFormat = 10;
+
+    // The cache at "kinbook-snapshot.json" in $XDG_CACHE_HOME/kinbook (else
+    // ~/.cache/kinbook); none when neither variable gives a folder, and the
+    // list then runs without a cache.
+    static std::unique_ptr<SnapshotCache> make();
+
+    explicit SnapshotCache(std::filesystem::path url) : m_url(std::move(url)) {}
+
+    const std::filesystem::path& url() const { return m_url; }
+
+    // The cached snapshot; none when the file is missing, unreadable,
+    // damaged or of another format.
+    std::optional<AddressBookSnapshot> read() const;
+    // Stores the snapshot atomically, creating the folder; errors are swallowed.
+    void write(const AddressBookSnapshot& snapshot) const;
+    // Deletes the file; errors are swallowed.
+    void remove() const;
+
+private:
+    std::filesystem::path m_url;
+    mutable std::mutex m_mutex;
+};
+
+} // namespace kinbook
