@@ -242,20 +242,22 @@ ContactsAppScript::~ContactsAppScript() {
 
 Result<std::vector<std::string>, ContactsAppScript::Failure> ContactsAppScript::run(std::string script) {
     using Outcome = Result<std::vector<std::string>, Failure>;
-    std::promise<Outcome> promise;
-    auto done = promise.get_future();
-    m_queue.post([this, &promise, script = std::move(script)] {
+    // Shared with the task, so that the answer stays valid until the task
+    // is done with it, whenever the caller wakes.
+    auto promise = std::make_shared<std::promise<Outcome>>();
+    auto done = promise->get_future();
+    m_queue.post([this, promise, script = std::move(script)] {
         if (m_host->automationPermission() != AutomationPermission::granted) {
-            promise.set_value(failure(Failure{std::string(notPermittedMessage)}));
+            promise->set_value(failure(Failure{std::string(notPermittedMessage)}));
             return;
         }
         auto result = m_host->run(script);
         if (result.ok()) {
-            promise.set_value(std::move(result.value()));
+            promise->set_value(std::move(result.value()));
             return;
         }
         const ScriptError& error = result.error();
-        promise.set_value(failure(Failure{
+        promise->set_value(failure(Failure{
             error.kind == ScriptError::Kind::compile ? std::string(didNotCompileMessage) : error.message}));
     });
     return done.get();

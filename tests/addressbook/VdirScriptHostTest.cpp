@@ -265,6 +265,10 @@ TEST_F(VdirScriptHostTest, BirthdaysFollowAppleScriptDates) {
                             "set day of bd to 14\nset time of bd to 43200\nset birth date of p to bd"),
               (DateComponents{3, 14, 1990}));
 
+    card.birthday = DateComponents{1, 31, 1987};
+    const std::string january = ContactsAppScript::lines(card, {Fields::birthday});
+    EXPECT_EQ(birthdayAfter(january.substr(january.find('\n') + 1)), (DateComponents{1, 31, 1987}));
+
     card.birthday = DateComponents{2, 29, std::nullopt};
     const std::string yearless = ContactsAppScript::lines(card, {Fields::birthday});
     EXPECT_EQ(birthdayAfter(yearless.substr(yearless.find('\n') + 1)), (DateComponents{2, 29, std::nullopt}));
