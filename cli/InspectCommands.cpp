@@ -1,6 +1,7 @@
 #include "cli/InspectCommands.h"
 
 #include "KinbookKit/addressbook/CardReader.h"
+#include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/EntryRegistry.h"
 #include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/records/ExLabel.h"
@@ -110,9 +111,8 @@ json addressJson(const std::string& text) {
     throw CLI::RuntimeError(1);
 }
 
-// What Kinbook reads from one card file: the card as the person page shows
-// it, the raw list row, and what the reader had to tolerate.
-json cardJson(const std::string& file) {
+// The first card of a card file; fails the command when there is none.
+Result<VCard, VCardError> readCardFile(const std::string& file) {
     const std::filesystem::path path(file);
     std::error_code error;
     if (std::filesystem::is_directory(path, error)) {
@@ -128,6 +128,14 @@ json cardJson(const std::string& file) {
     if (!card) {
         fail(fmt::format("{} is not a vCard: {}", file, describe(card.error())));
     }
+    return card;
+}
+
+// What Kinbook reads from one card file: the card as the person page shows
+// it, the raw list row, and what the reader had to tolerate.
+json cardJson(const std::string& file) {
+    const std::filesystem::path path(file);
+    const auto card = readCardFile(file);
     const std::string fileName = path.filename().string();
     const std::string cardID = cardIDOf(card.value(), fileName);
     // Entry identities as a first read gives them; nothing is remembered.
@@ -144,6 +152,16 @@ json cardJson(const std::string& file) {
         {"warnings", std::move(warnings)},
         {"isGroup", isGroupCard(card.value())},
     };
+}
+
+// The update script Kinbook would send the Contacts application for the
+// card in a file, writing the chosen groups.
+std::string updateScriptFor(const std::string& file, int fields) {
+    const auto card = readCardFile(file);
+    const std::string cardID = cardIDOf(card.value(), std::filesystem::path(file).filename().string());
+    const ContactsAppScript::Fields chosen{static_cast<std::uint8_t>(fields)};
+    return ContactsAppScript::updateScript(
+        ContactsAppScript::lines(ContactsAppScript::Card::read(card.value(), cardID), chosen));
 }
 
 } // namespace
@@ -199,6 +217,37 @@ void addInspectCommands(CLI::App& app) {
     auto* card = inspect->add_subcommand("card", "What Kinbook reads from a card file (.vcf)");
     card->add_option("FILE", *text, "A vCard file, such as one card of a vdir account folder")->required();
     card->callback([text] { printJson(cardJson(*text)); });
+
+    // Plain text rather than JSON: the script exactly as it would be sent.
+    auto* script = inspect->add_subcommand(
+        "script", "The script Kinbook would send the Contacts application for a card with a note (text)");
+    auto fields = std::make_shared<int>(ContactsAppScript::Fields::all);
+    auto deleteID = std::make_shared<std::string>();
+    auto readIDs = std::make_shared<std::vector<std::string>>();
+    auto* cardFile = script->add_option("CARD", *text, "A vCard file: prints the script that writes it");
+    script
+        ->add_option("--fields", *fields,
+                     "The groups to write, added up: 1 name and work, 2 phones, 4 e-mails, 8 URLs, "
+                     "16 addresses, 32 social profiles, 64 birthday (default 127, all)")
+        ->check(CLI::Range(1, 127))
+        ->needs(cardFile);
+    auto* deleteOption =
+        script->add_option("--delete", *deleteID, "Print the script that deletes the card with this id");
+    auto* readOption = script->add_option(
+        "--read-notes", *readIDs, "Print the script that reads the notes of the cards with these ids");
+    cardFile->excludes(deleteOption)->excludes(readOption);
+    deleteOption->excludes(readOption);
+    script->callback([text, fields, deleteID, readIDs, cardFile, deleteOption] {
+        if (deleteOption->count() > 0) {
+            fmt::print("{}\n", ContactsAppScript::deleteScript(*deleteID));
+        } else if (!readIDs->empty()) {
+            fmt::print("{}\n", ContactsAppScript::readNotesScript(*readIDs));
+        } else if (cardFile->count() > 0) {
+            fmt::print("{}\n", updateScriptFor(*text, *fields));
+        } else {
+            throw CLI::ValidationError("script", "give a card file, --delete ID or --read-notes ID…");
+        }
+    });
 }
 
 } // namespace kinbook::cli

@@ -96,7 +96,20 @@ public:
 
     // Saves a draft: applied entry by entry onto the card as it is now, or a
     // new card in the draft's account (the default one when none).
+    //
+    // A store that refuses to change a card with a note makes the change
+    // through the Contacts application instead: saving such a card returns
+    // `viaContactsApp` with the script lines for it, unwritten; a new card
+    // whose name would link it to a card with a note is made under the name
+    // "Pending " plus 8 characters and returns `nameViaContactsApp` with the
+    // lines that give it its name. The caller then hands the outcome to
+    // writeThroughContactsApp.
     virtual Result<SaveOutcome, AddressBookError> save(const ContactDraft& draft) = 0;
+    // Runs a scripting outcome of save(): its lines, wrapped in the update
+    // script, through the Contacts application. A `saved` outcome does nothing.
+    virtual Result<void, AddressBookError> writeThroughContactsApp(const SaveOutcome& outcome) = 0;
+    // Deletes the cards; one with a note, where the store refuses, through
+    // the Contacts application.
     virtual Result<void, AddressBookError> remove(std::span<const std::string> cardIDs) = 0;
 
     // The cards' own vCard text, unchanged, for the Trash; and the cards of
@@ -111,7 +124,9 @@ public:
     virtual Result<KinID::Anchor, AddressBookError>
     changeAnchor(std::string_view cardID, const std::function<void(KinID::Anchor&)>& change) = 0;
 
-    // Sets the contact photo of the cards.
+    // Sets the contact photo of the cards. Where the store refuses a card
+    // with a note, the note is lifted and held in the held-notes file while
+    // the photo is saved, then set back (see NoteGuard).
     virtual Result<void, AddressBookError> setPhoto(std::span<const std::string> cardIDs,
                                                     std::span<const std::uint8_t> jpeg) = 0;
     // Copies one card's photo to another; false when the target carries a note and was left alone.
@@ -123,6 +138,12 @@ public:
     // The full photo as stored; none when the card has no photo.
     virtual Result<std::optional<std::vector<std::uint8_t>>, AddressBookError>
     image(std::string_view cardID) = 0;
+
+    // Sets back every note a crash left lifted and held, before anything
+    // else lifts one; the people list calls it when it first reads the
+    // address book. Returns how many were put back; when some were, the
+    // application tells the user "Restored after a crash".
+    virtual std::size_t restoreHeldNotes() = 0;
 
     // Calls `onChange` on `executor` whenever the address book may have
     // changed, by Kinbook or any other program, until stopObserving().

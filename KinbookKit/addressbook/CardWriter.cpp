@@ -600,8 +600,10 @@ bool writeStructured(VCard& card, std::string_view name,
         return false;
     }
     if (removeWhenBlank && allFieldsBlank(fields)) {
-        if (line != nullptr) {
-            card.remove(*line);
+        // Every line of that name: a second ORG would otherwise show once
+        // the first is gone.
+        for (VCardProperty* other : card.find(name)) {
+            card.remove(*other);
         }
         return true;
     }
@@ -627,7 +629,10 @@ void writeTextLine(VCard& card, std::string_view name, std::string_view value, b
             return;
         }
         if (wanted.empty()) {
-            card.remove(*line);
+            // A second TITLE would otherwise show once the first is gone.
+            for (VCardProperty* other : card.find(name)) {
+                card.remove(*other);
+            }
             return;
         }
     } else {
@@ -1070,6 +1075,67 @@ void writeLinks(CardEdit& edit, const ContactDraft& draft) {
     }
 }
 
+// Social profiles by position, as a script overwrites them: a part is
+// written only where it differs, so an untouched profile keeps its bytes.
+void writeSocialProfiles(CardEdit& edit, const std::vector<SocialProfileValue>& profiles) {
+    VCard& card = edit.card();
+    const auto existing = edit.entries(EntryKind::social);
+    const VCardProperty* previous = existing.empty() ? nullptr : existing.back().property;
+    for (std::size_t i = 0; i < profiles.size(); ++i) {
+        const SocialProfileValue& wanted = profiles[i];
+        VCardProperty* property = nullptr;
+        if (i < existing.size()) {
+            property = existing[i].property;
+        } else {
+            property = &card.add("X-SOCIALPROFILE", {},
+                                 previous != nullptr ? lastLineOfGroup(card, *previous) : nullptr);
+            previous = property;
+        }
+        if (property->isMalformed()) {
+            continue;
+        }
+        const Profile current = socialProfile(*property);
+        if (current.service != wanted.service) {
+            // The service goes into TYPE; the other spellings would contradict it.
+            property->removeParameter("SERVICE-TYPE");
+            property->removeParameter("X-SERVICE-TYPE");
+            if (wanted.service.empty()) {
+                property->removeParameter("TYPE");
+            } else {
+                property->setParameter("TYPE", {wanted.service});
+            }
+        }
+        if (current.user != wanted.userName) {
+            property->removeParameter("USERNAME");
+            if (wanted.userName.empty()) {
+                property->removeParameter("X-USER");
+            } else {
+                property->setParameter("x-user", {wanted.userName});
+            }
+        }
+        if (current.url != wanted.url) {
+            property->setRawValue(wanted.url);
+        }
+    }
+}
+
+void writeNote(VCard& card, const std::optional<std::string>& note) {
+    const auto lines = card.find("NOTE");
+    if (!note) {
+        for (VCardProperty* line : lines) {
+            card.remove(*line);
+        }
+        return;
+    }
+    VCardProperty* first = lines.empty() ? &card.add("NOTE") : lines.front();
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        card.remove(*lines[i]);
+    }
+    if (lines.empty() || first->text() != *note) {
+        first->setText(*note);
+    }
+}
+
 std::vector<std::string> urlValues(const VCard& card) {
     std::vector<std::string> values;
     for (const VCardProperty* property : card.find("URL")) {
@@ -1239,6 +1305,44 @@ ApplyResult applyDraft(VCard& card, const ContactDraft& draft, std::string_view 
     mergeAddresses(edit, draft.addresses);
     writeBirthday(card, draft.birthday);
     writeLinks(edit, draft);
+    if (card.isModified()) {
+        touchRevision(card, now);
+    }
+    return edit.result();
+}
+
+SocialProfileValue readSocialProfile(const VCardProperty& property) {
+    const Profile profile = socialProfile(property);
+    return {profile.service, profile.user, profile.url};
+}
+
+ApplyResult applyWholeGroups(VCard& card, std::string_view cardID, EntryRegistry& registry,
+                             const WholeGroups& groups, std::chrono::system_clock::time_point now) {
+    CardEdit edit(card, cardID, registry);
+    if (groups.names) {
+        writeNames(card, *groups.names);
+    }
+    if (groups.phones) {
+        mergeFields(edit, EntryKind::phone, kPhoneStyle, edit.entries(EntryKind::phone), *groups.phones, {});
+    }
+    if (groups.emails) {
+        mergeFields(edit, EntryKind::email, kEmailStyle, edit.entries(EntryKind::email), *groups.emails, {});
+    }
+    if (groups.urls) {
+        mergeFields(edit, EntryKind::url, kURLStyle, edit.entries(EntryKind::url), *groups.urls, {});
+    }
+    if (groups.addresses) {
+        mergeAddresses(edit, *groups.addresses);
+    }
+    if (groups.socialProfiles) {
+        writeSocialProfiles(edit, *groups.socialProfiles);
+    }
+    if (groups.birthday) {
+        writeBirthday(card, *groups.birthday);
+    }
+    if (groups.note) {
+        writeNote(card, *groups.note);
+    }
     if (card.isModified()) {
         touchRevision(card, now);
     }

@@ -157,6 +157,47 @@ bool hasNote(const VCard& card);
 // applyDraft then writes the rest.
 VCard newCardFor(const ContactDraft& draft, std::string_view uid);
 
+// A social profile's service name, user name and address, as read from
+// TYPE (else SERVICE-TYPE, X-SERVICE-TYPE), X-USER (else USERNAME) and the
+// value.
+struct SocialProfileValue {
+    std::string service;
+    std::string userName;
+    std::string url;
+
+    bool operator==(const SocialProfileValue&) const = default;
+};
+SocialProfileValue readSocialProfile(const VCardProperty& property);
+
+// Whole groups of a card set at once, as a script to the Contacts
+// application sets them ("delete every phone", then "make new phone" for
+// each). A group that is present replaces what the card holds; an absent one
+// is left alone.
+struct WholeGroups {
+    std::optional<ContactDraft> names; // only its nine name and work texts count
+    std::optional<std::vector<ContactDraft::Field>> phones;
+    std::optional<std::vector<ContactDraft::Field>> emails;
+    std::optional<std::vector<ContactDraft::Field>> urls; // every web address, anchors included
+    std::optional<std::vector<ContactDraft::Address>> addresses;
+    std::optional<std::vector<SocialProfileValue>> socialProfiles; // by position
+    std::optional<std::optional<DateComponents>> birthday;
+    std::optional<std::optional<std::string>> note;
+};
+
+// Writes whole groups onto a card the way applyDraft writes a draft, so that
+// only what differs changes: names, phones, e-mails, web addresses (every
+// one, the anchor being just another entry here) and addresses as applyDraft
+// writes them, fields naming the entries they stand for by id; the birthday
+// likewise. Social profiles, which a script cannot delete, are set by
+// position: the i-th profile of the card takes the i-th value (each of its
+// parts only when it differs), further values are added as X-SOCIALPROFILE
+// lines, and profiles beyond the list are left as they are. A note replaces
+// the first NOTE line's text (further NOTE lines go); none removes every NOTE
+// line. REV, when the card has one, is set to `now` if anything changed.
+ApplyResult applyWholeGroups(VCard& card, std::string_view cardID, EntryRegistry& registry,
+                             const WholeGroups& groups,
+                             std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+
 // Sets REV, when the card has one, to `time` in the form its value uses
 // (extended "2024-01-02T03:04:05Z" or basic "20240102T030405Z").
 void touchRevision(VCard& card, std::chrono::system_clock::time_point time);

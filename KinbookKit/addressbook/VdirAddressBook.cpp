@@ -7,6 +7,7 @@
 #include "KinbookKit/addressbook/CardScanner.h"
 #include "KinbookKit/addressbook/CardWriter.h"
 #include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/text/Ascii.h"
 
 #include <fcntl.h>
@@ -119,6 +120,36 @@ AddressBookError conflictError() {
     return AddressBookError::store("The card changed on disk while it was being saved. Try again.");
 }
 
+AddressBookError scriptError(const ContactsAppScript::Failure& failure) {
+    return AddressBookError::store(failure.description());
+}
+
+// The name by which a store would link two cards: given and family name,
+// else the organisation.
+std::string linkingName(std::string_view given, std::string_view family, std::string_view organization) {
+    const std::string_view first = trimAsciiSpace(given);
+    const std::string_view last = trimAsciiSpace(family);
+    std::string name(first);
+    if (!first.empty() && !last.empty()) {
+        name += ' ';
+    }
+    name += last;
+    if (name.empty()) {
+        name = std::string(trimAsciiSpace(organization));
+    }
+    return asciiLowered(name);
+}
+
+bool mentionsNote(std::string_view bytes) {
+    for (std::size_t at = bytes.find_first_of("Nn"); at != std::string_view::npos;
+         at = bytes.find_first_of("Nn", at + 1)) {
+        if (startsWithIgnoringAsciiCase(bytes.substr(at), "NOTE")) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 struct VdirAddressBook::Loaded {
@@ -129,7 +160,9 @@ struct VdirAddressBook::Loaded {
 
 VdirAddressBook::VdirAddressBook(Options options)
     : m_options(std::move(options)), m_log(m_options.log ? m_options.log : std::make_shared<KinLog>("store")),
-      m_entries(m_options.stateFolder.empty() ? fs::path() : m_options.stateFolder / "entry-ids.json") {
+      m_entries(m_options.stateFolder.empty() ? fs::path() : m_options.stateFolder / "entry-ids.json"),
+      m_noteGuard(m_options.heldNotesFile.empty() ? NoteGuard::defaultFile() : m_options.heldNotesFile, m_log,
+                  m_options.noteStep) {
     if (!m_options.sleep) {
         m_options.sleep = [](std::chrono::milliseconds delay) { std::this_thread::sleep_for(delay); };
     }
@@ -151,6 +184,7 @@ VdirAddressBook::VdirAddressBook(Options options)
 
 VdirAddressBook::~VdirAddressBook() {
     stopObserving();
+    m_contactsApp.reset();
 }
 
 AddressBookAccess VdirAddressBook::access() {
@@ -316,6 +350,7 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
         return failure(
             AddressBookError::store("The address book folder can't be read: " + m_options.root.string()));
     }
+    restoreHeldNotesOnce();
     FullRead result;
     if (options.takeToken) {
         // Taken before anything is read: a change made during the read is
@@ -600,88 +635,210 @@ VdirAddressBook::createCard(const std::string& accountID, std::string_view bytes
     return uid;
 }
 
+Result<std::string, AddressBookError> VdirAddressBook::createFromDraft(const ContactDraft& draft) {
+    const auto accountID = draft.accountID ? draft.accountID : defaultAccountID();
+    if (!accountID) {
+        return failure(AddressBookError::store("There is no account to add the card to."));
+    }
+    const std::string uid = makeUUID();
+    VCard card = newCardFor(draft, uid);
+    std::string bytes;
+    {
+        // The new entries carry the identities the editor gave them.
+        std::lock_guard lock(m_mutex);
+        const auto applied = applyDraft(card, draft, uid, m_entries);
+        bytes = card.serialize();
+        if (auto written = VCard::parse(bytes); written.ok()) {
+            recordWrittenEntries(card, applied, written.value(), uid, m_entries);
+        }
+    }
+    auto created = createCard(*accountID, bytes, uid);
+    std::lock_guard lock(m_mutex);
+    if (!created.ok()) {
+        m_log->error(fmt::format("save failed (new card: {})", created.error().description()));
+        m_entries.forget(uid);
+        return failure(created.error());
+    }
+    m_entries.flush();
+    return uid;
+}
+
+bool VdirAddressBook::nameLinksToNotedCard(const ContactDraft& draft) {
+    const std::string name = linkingName(draft.givenName, draft.familyName, draft.organization);
+    if (name.empty()) {
+        return false;
+    }
+    for (const auto& file : cardFiles()) {
+        const auto bytes = readWholeFile(file.path);
+        // Most cards carry no note: only those that mention one are parsed.
+        if (!bytes || !mentionsNote(*bytes)) {
+            continue;
+        }
+        const auto card = VCard::parse(*bytes);
+        if (!card.ok() || !hasNote(card.value())) {
+            continue;
+        }
+        const CardNames names = readCardNames(card.value());
+        if (linkingName(names.givenName, names.familyName, names.organization) == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
 Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& draft) {
     if (!draft.id) {
-        const auto accountID = draft.accountID ? draft.accountID : defaultAccountID();
-        if (!accountID) {
-            return failure(AddressBookError::store("There is no account to add the card to."));
-        }
         std::lock_guard writing(m_writeMutex);
-        const std::string uid = makeUUID();
-        VCard card = newCardFor(draft, uid);
-        std::string bytes;
-        {
-            // The new entries carry the identities the editor gave them.
-            std::lock_guard lock(m_mutex);
-            const auto applied = applyDraft(card, draft, uid, m_entries);
-            bytes = card.serialize();
-            if (auto written = VCard::parse(bytes); written.ok()) {
-                recordWrittenEntries(card, applied, written.value(), uid, m_entries);
+        if (!m_options.notesLocked || !nameLinksToNotedCard(draft)) {
+            auto created = createFromDraft(draft);
+            if (!created.ok()) {
+                return failure(created.error());
             }
+            m_log->info(fmt::format("saved contact ({})", created.value()));
+            return SaveOutcome{SaveOutcome::Kind::saved, created.value(), {}};
         }
-        auto created = createCard(*accountID, bytes, uid);
-        std::lock_guard lock(m_mutex);
+        // A store that protects notes would link the new card to the card
+        // with a note that has its name, and then refuse it. So the card is
+        // made under a name no one has, and named through the Contacts
+        // application.
+        m_log->error(fmt::format("save failed (new card: {})", AddressBookError::hasNote().description()));
+        ContactDraft pending = draft;
+        pending.namePrefix.clear();
+        pending.middleName.clear();
+        pending.familyName.clear();
+        pending.nameSuffix.clear();
+        pending.nickname.clear();
+        pending.organization.clear();
+        pending.department.clear();
+        pending.jobTitle.clear();
+        pending.givenName = "Pending " + makeUUID().substr(0, 8);
+        auto created = createFromDraft(pending);
         if (!created.ok()) {
-            m_log->error(fmt::format("save failed (new card: {})", created.error().description()));
-            m_entries.forget(uid);
             return failure(created.error());
         }
-        m_entries.flush();
-        m_log->info(fmt::format("saved contact ({})", uid));
-        return SaveOutcome{SaveOutcome::Kind::saved, uid, {}};
+        m_log->info(fmt::format("saved contact ({})", created.value()));
+        ContactsAppScript::Card named;
+        named.id = created.value();
+        named.title = trimAsciiSpace(draft.namePrefix);
+        named.firstName = trimAsciiSpace(draft.givenName);
+        named.middleName = trimAsciiSpace(draft.middleName);
+        named.lastName = trimAsciiSpace(draft.familyName);
+        named.suffix = trimAsciiSpace(draft.nameSuffix);
+        named.nickname = trimAsciiSpace(draft.nickname);
+        named.organization = trimAsciiSpace(draft.organization);
+        named.department = trimAsciiSpace(draft.department);
+        named.jobTitle = trimAsciiSpace(draft.jobTitle);
+        return SaveOutcome{SaveOutcome::Kind::nameViaContactsApp, created.value(),
+                           ContactsAppScript::lines(named, {ContactsAppScript::Fields::name})};
     }
 
     const std::string cardID = *draft.id;
+    // What the card would be with the draft applied, for the script, when
+    // the card has a note and the store refuses it.
+    std::optional<ContactsAppScript::Card> scripted;
     auto result = editCard(
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
+            std::lock_guard lock(m_mutex);
             if (m_options.notesLocked && hasNote(card)) {
+                VCard applied = card;
+                applyDraft(applied, draft, id, m_entries);
+                scripted = ContactsAppScript::Card::read(applied, id);
                 return failure(AddressBookError::hasNote());
             }
-            std::lock_guard lock(m_mutex);
             return applyDraft(card, draft, id, m_entries);
         },
         "contact");
     if (!result.ok()) {
+        if (result.error().code == AddressBookError::Code::hasNote && scripted) {
+            return SaveOutcome{SaveOutcome::Kind::viaContactsApp, cardID,
+                               ContactsAppScript::lines(*scripted, {ContactsAppScript::Fields::all})};
+        }
         return failure(result.error());
     }
     m_log->info(fmt::format("saved contact ({})", cardID));
     return SaveOutcome{SaveOutcome::Kind::saved, cardID, {}};
 }
 
-Result<void, AddressBookError> VdirAddressBook::remove(std::span<const std::string> cardIDs) {
-    std::lock_guard writing(m_writeMutex);
-    std::size_t removed = 0;
-    for (const auto& id : cardIDs) {
-        auto loaded = load(id);
-        if (!loaded.ok()) {
-            return failure(loaded.error());
-        }
-        if (isReadOnly(loaded->file.accountID)) {
-            return failure(AddressBookError::readOnly());
-        }
-        if (m_options.notesLocked && hasNote(loaded->card)) {
-            return failure(AddressBookError::hasNote());
-        }
-        if (::unlink(loaded->file.path.c_str()) != 0) {
-            if (errno == ENOENT) {
-                return failure(AddressBookError::notFound());
-            }
-            return failure(AddressBookError::store(
-                fmt::format("Couldn't delete {}: {}", loaded->file.path.string(), std::strerror(errno))));
-        }
-        std::lock_guard lock(m_mutex);
-        m_journal->recordDelete(id, loaded->file.path);
-        m_entries.forget(id);
-        m_index.erase(id);
-        ++removed;
+Result<void, AddressBookError> VdirAddressBook::writeThroughContactsApp(const SaveOutcome& outcome) {
+    if (outcome.kind == SaveOutcome::Kind::saved) {
+        return {};
     }
+    auto written = contactsApp().update(outcome.body);
+    if (!written.ok()) {
+        m_log->error(fmt::format("script failed ({})", written.error().message));
+        return failure(scriptError(written.error()));
+    }
+    if (outcome.kind == SaveOutcome::Kind::nameViaContactsApp) {
+        m_log->info("new card named through Contacts.app (its name links to a contact with a note)");
+        return {};
+    }
+    std::size_t cards = 0;
+    for (std::size_t at = outcome.body.find("  set p to person id "); at != std::string::npos;
+         at = outcome.body.find("\n  set p to person id ", at + 1)) {
+        ++cards;
+    }
+    m_log->info(fmt::format("wrote {} cards through Contacts.app (contact has a note)", cards));
+    return {};
+}
+
+Result<void, AddressBookError> VdirAddressBook::deleteLoaded(const std::string& cardID,
+                                                             const Loaded& loaded) {
+    if (::unlink(loaded.file.path.c_str()) != 0) {
+        if (errno == ENOENT) {
+            return failure(AddressBookError::notFound());
+        }
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't delete {}: {}", loaded.file.path.string(), std::strerror(errno))));
+    }
+    std::lock_guard lock(m_mutex);
+    m_journal->recordDelete(cardID, loaded.file.path);
+    m_entries.forget(cardID);
+    m_index.erase(cardID);
+    return {};
+}
+
+Result<void, AddressBookError> VdirAddressBook::remove(std::span<const std::string> cardIDs) {
+    std::vector<std::string> noted;
+    std::size_t removed = 0;
     {
+        std::lock_guard writing(m_writeMutex);
+        for (const auto& id : cardIDs) {
+            auto loaded = load(id);
+            if (!loaded.ok()) {
+                return failure(loaded.error());
+            }
+            if (isReadOnly(loaded->file.accountID)) {
+                return failure(AddressBookError::readOnly());
+            }
+            if (m_options.notesLocked && hasNote(loaded->card)) {
+                noted.push_back(id);
+                continue;
+            }
+            auto deleted = deleteLoaded(id, loaded.value());
+            if (!deleted.ok()) {
+                return deleted;
+            }
+            ++removed;
+        }
         std::lock_guard lock(m_mutex);
         m_entries.flush();
     }
-    if (removed == 1) {
-        m_log->info("deleted one card");
+    // The store refuses these; the Contacts application deletes them. Its
+    // host comes back through the write lock, so this runs without it.
+    for (const auto& id : noted) {
+        auto deleted = contactsApp().deleteCard(id);
+        if (!deleted.ok()) {
+            m_log->error(fmt::format("delete failed ({})", deleted.error().message));
+            return failure(scriptError(deleted.error()));
+        }
+        m_log->info("deleted one card through Contacts.app (it has a note)");
+        ++removed;
+    }
+    if (cardIDs.size() == 1) {
+        if (noted.empty()) {
+            m_log->info("deleted one card");
+        }
     } else {
         m_log->info(fmt::format("deleted contact ({} cards)", removed));
     }
@@ -757,22 +914,54 @@ VdirAddressBook::changeAnchor(std::string_view cardID, const std::function<void(
 
 Result<void, AddressBookError> VdirAddressBook::setPhoto(std::span<const std::string> cardIDs,
                                                          std::span<const std::uint8_t> jpeg) {
-    for (const auto& id : cardIDs) {
-        auto result = editCard(
-            id,
-            [&](VCard& card, const std::string&) -> Result<ApplyResult, AddressBookError> {
-                if (m_options.notesLocked && hasNote(card)) {
-                    return failure(AddressBookError::hasNote());
+    auto photoEdit = [&](bool* refused) {
+        return [&, refused](VCard& card, const std::string&) -> Result<ApplyResult, AddressBookError> {
+            if (m_options.notesLocked && hasNote(card)) {
+                if (refused != nullptr) {
+                    // Left for the note guard, without a failure to log.
+                    *refused = true;
+                    return ApplyResult{};
                 }
-                kinbook::setPhoto(card, jpeg);
-                return ApplyResult{};
-            },
-            "photo");
+                return failure(AddressBookError::hasNote());
+            }
+            kinbook::setPhoto(card, jpeg);
+            return ApplyResult{};
+        };
+    };
+    std::vector<std::string> noted;
+    for (const auto& id : cardIDs) {
+        bool refused = false;
+        auto result = editCard(id, photoEdit(&refused), "photo");
         if (!result.ok()) {
             return result;
         }
+        if (refused) {
+            noted.push_back(id);
+        }
     }
-    m_log->info("contact photo set");
+    if (noted.empty()) {
+        m_log->info("contact photo set");
+        return {};
+    }
+    // The store refuses cards with a note: their notes are lifted and held
+    // while the photo is saved, then set back. Notes a crash left held go
+    // back first, so that lifting a card's note again can't replace them.
+    restoreHeldNotesOnce();
+    std::optional<AddressBookError> changeError;
+    auto lifted = m_noteGuard.liftWhile(noted, contactsApp(), [&]() -> Result<void, std::string> {
+        for (const auto& id : noted) {
+            auto result = editCard(id, photoEdit(nullptr), "photo");
+            if (!result.ok()) {
+                changeError = result.error();
+                return failure(result.error().description());
+            }
+        }
+        return {};
+    });
+    if (!lifted.ok()) {
+        return failure(changeError ? *changeError : AddressBookError::store(lifted.error()));
+    }
+    m_log->info(fmt::format("contact photo set ({} notes lifted and restored)", lifted.value()));
     return {};
 }
 
@@ -839,6 +1028,64 @@ VdirAddressBook::image(std::string_view cardID) {
         return std::optional<std::vector<std::uint8_t>>();
     }
     return std::optional<std::vector<std::uint8_t>>(std::move(binary->bytes));
+}
+
+ContactsAppScript& VdirAddressBook::contactsApp() {
+    std::call_once(m_contactsAppOnce, [this] {
+        std::shared_ptr<ScriptHost> host =
+            m_options.scriptHost ? m_options.scriptHost(*this) : std::make_shared<VdirScriptHost>(*this);
+        m_contactsApp = std::make_unique<ContactsAppScript>(std::move(host));
+    });
+    return *m_contactsApp;
+}
+
+std::size_t VdirAddressBook::restoreHeldNotes() {
+    if (m_noteGuard.held().empty()) {
+        return 0;
+    }
+    const std::size_t restored = m_noteGuard.restoreHeld(contactsApp());
+    if (restored > 0 && m_options.restoredAfterCrash) {
+        m_options.restoredAfterCrash(restored);
+    }
+    return restored;
+}
+
+void VdirAddressBook::restoreHeldNotesOnce() {
+    std::call_once(m_recoveryOnce, [this] { restoreHeldNotes(); });
+}
+
+Result<VCard, AddressBookError> VdirAddressBook::scriptedRead(std::string_view cardID) {
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    return std::move(loaded->card);
+}
+
+Result<void, AddressBookError> VdirAddressBook::scriptedEdit(std::string_view cardID,
+                                                             const ScriptedEdit& edit) {
+    return editCard(
+        cardID,
+        [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
+            std::lock_guard lock(m_mutex);
+            return edit(card, id, m_entries);
+        },
+        "script");
+}
+
+Result<void, AddressBookError> VdirAddressBook::scriptedRemove(std::string_view cardID) {
+    std::lock_guard writing(m_writeMutex);
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    if (isReadOnly(loaded->file.accountID)) {
+        return failure(AddressBookError::readOnly());
+    }
+    auto deleted = deleteLoaded(std::string(cardID), loaded.value());
+    std::lock_guard lock(m_mutex);
+    m_entries.flush();
+    return deleted;
 }
 
 Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,

@@ -3,9 +3,12 @@
 #include "KinbookKit/addressbook/AddressBook.h"
 #include "KinbookKit/addressbook/CardWriter.h"
 #include "KinbookKit/addressbook/ChangeJournal.h"
+#include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/EntryRegistry.h"
 #include "KinbookKit/addressbook/FolderWatcher.h"
 #include "KinbookKit/addressbook/ImageScaler.h"
+#include "KinbookKit/addressbook/NoteGuard.h"
+#include "KinbookKit/addressbook/ScriptHost.h"
 #include "KinbookKit/text/KinLog.h"
 
 #include <chrono>
@@ -42,6 +45,17 @@ public:
         // Refuse to change cards that carry a note, as some stores do; the
         // scripting path then makes the change.
         bool notesLocked = false;
+        // Runs the scripts for cards with a note; none: a VdirScriptHost on
+        // this address book. Made on first use.
+        std::function<std::shared_ptr<ScriptHost>(VdirAddressBook&)> scriptHost;
+        // The held-notes file; empty: NoteGuard::defaultFile().
+        std::filesystem::path heldNotesFile;
+        // Told how many held notes were put back after a crash, so that the
+        // application can say "Restored after a crash".
+        std::function<void(std::size_t)> restoredAfterCrash;
+        // Fault injection for tests: runs after each step of lifting notes
+        // and stops right there, as a crash would, when it returns false.
+        std::function<bool(NoteGuard::Step)> noteStep;
         // The account (folder name) new cards go to; none: the first by name.
         std::optional<std::string> defaultAccountID;
         // The kind of each account (folder name); accounts not listed are local.
@@ -79,6 +93,7 @@ public:
     Result<ContactDraft, AddressBookError> draft(std::string_view cardID) override;
     Result<std::vector<CardRef>, AddressBookError> cardsOf(std::string_view personID) override;
     Result<SaveOutcome, AddressBookError> save(const ContactDraft& draft) override;
+    Result<void, AddressBookError> writeThroughContactsApp(const SaveOutcome& outcome) override;
     Result<void, AddressBookError> remove(std::span<const std::string> cardIDs) override;
     Result<std::string, AddressBookError> exportVCards(std::span<const std::string> cardIDs) override;
     Result<std::vector<std::string>, AddressBookError>
@@ -92,10 +107,21 @@ public:
     thumbnails(std::span<const std::string> cardIDs) override;
     Result<std::optional<std::vector<std::uint8_t>>, AddressBookError>
     image(std::string_view cardID) override;
+    std::size_t restoreHeldNotes() override;
     Result<void, std::string> observeChanges(Executor& executor, std::function<void()> onChange) override;
     void stopObserving() override;
 
     const std::filesystem::path& root() const { return m_options.root; }
+
+    // For the scripting host, which plays the Contacts application: the
+    // store's own reading, writing and deleting of one card, past the lock
+    // on notes. Writes keep every rule of a save (only changed lines are
+    // rewritten, a card changed on disk meanwhile is retried once, entry
+    // identities move with their lines, the change journal hears of it).
+    using ScriptedEdit = std::function<ApplyResult(VCard&, const std::string& cardID, EntryRegistry&)>;
+    Result<VCard, AddressBookError> scriptedRead(std::string_view cardID);
+    Result<void, AddressBookError> scriptedEdit(std::string_view cardID, const ScriptedEdit& edit);
+    Result<void, AddressBookError> scriptedRemove(std::string_view cardID);
 
 private:
     struct CardFile {
@@ -119,6 +145,11 @@ private:
     std::vector<Person> scanFiles(const std::vector<CardFile>& files, bool details);
     Result<std::string, AddressBookError> createCard(const std::string& accountID, std::string_view bytes,
                                                      const std::string& uid);
+    Result<std::string, AddressBookError> createFromDraft(const ContactDraft& draft);
+    Result<void, AddressBookError> deleteLoaded(const std::string& cardID, const Loaded& loaded);
+    bool nameLinksToNotedCard(const ContactDraft& draft);
+    ContactsAppScript& contactsApp();
+    void restoreHeldNotesOnce();
 
     Options m_options;
     std::shared_ptr<KinLog> m_log;
@@ -128,6 +159,12 @@ private:
     std::unique_ptr<ChangeJournal> m_journal;
     EntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex
+
+    NoteGuard m_noteGuard;
+    std::once_flag m_recoveryOnce;
+    std::once_flag m_contactsAppOnce;
+    // Last, so that its script queue stops before anything it uses goes.
+    std::unique_ptr<ContactsAppScript> m_contactsApp;
 };
 
 } // namespace kinbook

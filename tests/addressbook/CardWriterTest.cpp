@@ -785,6 +785,17 @@ TEST(CardWriter, PhotoReplacementDropsWhatDescribedTheOldImage) {
     EXPECT_EQ(card.first("PHOTO"), nullptr);
 }
 
+// Regression: clearing the title of a card with two TITLE lines left the
+// second one showing.
+TEST(CardWriter, ClearingATextRemovesEveryLineThatWouldShowIt) {
+    Fixture f(crlf({"BEGIN:VCARD", "VERSION:4.0", "N:Doe;Jo;;;", "FN:Jo Doe", "ORG:One;Dept One",
+                    "ORG:Two;Dept Two", "TITLE:First", "TITLE:Second", "END:VCARD"}));
+    f.draft.organization.clear();
+    f.draft.department.clear();
+    f.draft.jobTitle.clear();
+    EXPECT_EQ(f.apply(), crlf({"BEGIN:VCARD", "VERSION:4.0", "N:Doe;Jo;;;", "FN:Jo Doe", "END:VCARD"}));
+}
+
 TEST(CardWriter, OnlyANoteWithTextCounts) {
     EXPECT_TRUE(hasNote(parse(kMaja)));
     EXPECT_FALSE(hasNote(parse(crlf({"BEGIN:VCARD", "VERSION:3.0", "NOTE:", "NOTE: \\n ", "END:VCARD"}))));

@@ -1,5 +1,7 @@
 // Runs the real `kinbook` binary, as a user would, and reads its JSON.
 
+#include "tests/support/TempFolder.h"
+
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
@@ -152,6 +154,50 @@ TEST(KinbookInspect, CardShowsThePageCardThePersonAndTheWarnings) {
         const ProcessRun run = kinbook({"inspect", "card", bad});
         EXPECT_EQ(run.exitCode, 1) << run.output;
         EXPECT_NE(run.output.find(bad), std::string::npos) << run.output;
+    }
+}
+
+TEST(KinbookInspect, ScriptShowsWhatTheContactsAppWouldBeAsked) {
+    kinbook::testing::TempFolder folder;
+    const auto card = folder / "nora.vcf";
+    kinbook::testing::writeFile(card, "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Noted;Nora \"N\";;;\r\n"
+                                      "FN:Nora Noted\r\nTEL;type=CELL:+1 212 555 0100\r\n"
+                                      "NOTE:private\r\nUID:NORA-1\r\nEND:VCARD\r\n");
+    const ProcessRun all = kinbook({"inspect", "script", card.string()});
+    ASSERT_EQ(all.exitCode, 0) << all.output;
+    EXPECT_EQ(all.output.rfind("with timeout of 30 seconds\ntell application \"Contacts\"\n"
+                               "  set p to person id \"NORA-1\"\n  set title of p to missing value\n"
+                               "  set first name of p to \"Nora \\\"N\\\"\"\n",
+                               0),
+              0u)
+        << all.output;
+    EXPECT_NE(all.output.find("  make new phone at end of phones of p with properties {label:\"mobile\", "
+                              "value:\"+1 212 555 0100\"}\n"),
+              std::string::npos);
+    EXPECT_NE(all.output.find("set birth date of p to missing value\n  save\nend tell\nend timeout\n"),
+              std::string::npos);
+    EXPECT_EQ(all.output.find("private"), std::string::npos); // the note is never part of an update
+
+    const ProcessRun phones = kinbook({"inspect", "script", card.string(), "--fields", "2"});
+    ASSERT_EQ(phones.exitCode, 0) << phones.output;
+    EXPECT_EQ(phones.output.find("first name"), std::string::npos);
+    EXPECT_NE(phones.output.find("  delete every phone of p\n"), std::string::npos);
+
+    EXPECT_EQ(kinbook({"inspect", "script", "--delete", "NORA-1"}).output,
+              "with timeout of 30 seconds\ntell application \"Contacts\"\n  delete person id \"NORA-1\"\n"
+              "  save\nend tell\nend timeout\n");
+    const ProcessRun notes = kinbook({"inspect", "script", "--read-notes", "A-1", "B-2"});
+    ASSERT_EQ(notes.exitCode, 0) << notes.output;
+    EXPECT_NE(notes.output.find("    set n to note of person id \"A-1\"\n"), std::string::npos);
+    EXPECT_NE(notes.output.find("    set n to note of person id \"B-2\"\n"), std::string::npos);
+
+    for (const auto& arguments : std::vector<std::vector<std::string>>{
+             {"inspect", "script"},
+             {"inspect", "script", card.string(), "--fields", "128"},
+             {"inspect", "script", card.string(), "--delete", "NORA-1"},
+             {"inspect", "script", "--delete", "NORA-1", "--fields", "1"},
+         }) {
+        EXPECT_EQ(kinbook(arguments).exitCode, 2) << arguments.back();
     }
 }
 

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "KinbookKit/Result.h"
+#include "KinbookKit/addressbook/ContactsAppScript.h"
+#include "KinbookKit/text/KinLog.h"
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace kinbook {
+
+// Keeps notes safe while they are lifted off cards for a change the store
+// refuses on a card with a note (a new contact photo).
+//
+// A lifted note lives in the held-notes file, "notes-in-flight.json" (one
+// JSON object: card id to note text), from just before it is cleared until
+// just after it is set back. A crash in between leaves it there, and
+// restoreHeld() puts it back at the next start. Every read-modify-write of
+// the file happens under one process-wide lock and replaces the file
+// atomically; a missing, empty or damaged file holds nothing.
+//
+// Thread-safe. The scripts run on the ContactsAppScript's queue, so the
+// caller must not hold a lock that the scripting host's changes take.
+class NoteGuard {
+public:
+    // The steps of lifting notes, in order, for the fault-injection hook.
+    enum class Step {
+        read,     // the notes were read
+        held,     // they are in the held-notes file
+        lifted,   // they were cleared from the cards
+        changed,  // the store took the change
+        restored, // they were set back
+        released, // they left the held-notes file
+    };
+
+    static constexpr std::string_view fileName = "notes-in-flight.json";
+    // What the application tells the user when held notes were put back.
+    static constexpr std::string_view restoredMessage = "Restored after a crash";
+
+    // "$XDG_DATA_HOME/kinbook/notes-in-flight.json", else
+    // "~/.local/share/kinbook/notes-in-flight.json".
+    static std::filesystem::path defaultFile();
+
+    // `log` gets the lines of lifting and recovery; `stepHook`, for tests,
+    // runs after each step and stops the sequence right there (as a crash
+    // would, with no clean-up) when it returns false.
+    NoteGuard(std::filesystem::path file, std::shared_ptr<KinLog> log,
+              std::function<bool(Step)> stepHook = {});
+
+    const std::filesystem::path& file() const { return m_file; }
+
+    // The held notes; nothing when the file is missing or unreadable.
+    std::map<std::string, std::string> held() const;
+    // Adds the notes (a card held again takes its new note); false when the
+    // file could not be written, which leaves it as it was.
+    bool hold(const std::map<std::string, std::string>& notes);
+    // Removes the cards' entries; false when the file could not be written.
+    bool release(std::span<const std::string> cardIDs);
+
+    // Runs `change` on cards that carry notes: reads their notes, holds them,
+    // clears them through `script`, runs the change, sets the notes back and
+    // releases them. A note is never cleared unless it is held. When the
+    // change or the clearing fails the notes are put back all the same and
+    // the failure is returned; when setting them back fails they stay held
+    // for restoreHeld() and the failure is returned. Returns the number of
+    // notes lifted and restored.
+    Result<std::size_t, std::string> liftWhile(std::span<const std::string> cardIDs,
+                                               ContactsAppScript& script,
+                                               const std::function<Result<void, std::string>()>& change);
+
+    // Sets every held note back on its card, one card at a time, releasing
+    // each one restored; a note that can't be restored stays held for a later
+    // attempt. Returns the number restored.
+    std::size_t restoreHeld(ContactsAppScript& script);
+
+private:
+    bool reached(Step step) const { return !m_stepHook || m_stepHook(step); }
+    bool change(const std::function<void(std::map<std::string, std::string>&)>& edit);
+
+    std::filesystem::path m_file;
+    std::shared_ptr<KinLog> m_log;
+    std::function<bool(Step)> m_stepHook;
+};
+
+} // namespace kinbook
