@@ -481,28 +481,70 @@ std::map<SortOrder, std::vector<Section>> buildIndex(std::span<const PersonPtr> 
     return index;
 }
 
+namespace {
+
+// A position some people ahead of the filter, across section borders: in a
+// zip order most sections hold one or two people.
+class Lookahead {
+public:
+    Lookahead(std::span<const Section> sections, std::size_t distance) : m_sections(sections) {
+        skipEmptySections();
+        for (std::size_t i = 0; i < distance; ++i) {
+            advance();
+        }
+    }
+
+    const PersonPtr* current() const {
+        return m_section < m_sections.size() ? &m_sections[m_section].people[m_index] : nullptr;
+    }
+
+    void advance() {
+        if (m_section >= m_sections.size()) {
+            return;
+        }
+        ++m_index;
+        skipEmptySections();
+    }
+
+private:
+    void skipEmptySections() {
+        while (m_section < m_sections.size() && m_index >= m_sections[m_section].people.size()) {
+            ++m_section;
+            m_index = 0;
+        }
+    }
+
+    std::span<const Section> m_sections;
+    std::size_t m_section = 0;
+    std::size_t m_index = 0;
+};
+
+} // namespace
+
 std::vector<Section> filterSections(std::span<const Section> sections,
                                     const std::function<bool(const Person&)>& keep) {
     std::vector<Section> kept;
+    // What a filter reads of the people ahead: the flags and the search
+    // text, whose own text is asked for once its header has come.
+    Lookahead far(sections, 2 * kPrefetchDistance);
+    Lookahead near(sections, kPrefetchDistance);
     for (const auto& section : sections) {
         Section narrowed{section.letter, {}};
-        const auto& people = section.people;
-        for (std::size_t i = 0; i < people.size(); ++i) {
-            // What a filter reads of the people ahead: the flags and the
-            // search text, whose own text comes once its header is here.
-            if (i + 2 * kPrefetchDistance < people.size()) {
-                const Person& ahead = *people[i + 2 * kPrefetchDistance];
-                __builtin_prefetch(&ahead.searchText());
-                __builtin_prefetch(&ahead.hidden);
+        for (const auto& person : section.people) {
+            if (const auto* ahead = far.current()) {
+                __builtin_prefetch(&(*ahead)->searchText());
+                __builtin_prefetch(&(*ahead)->hidden);
             }
-            if (i + kPrefetchDistance < people.size()) {
-                const std::string& text = people[i + kPrefetchDistance]->searchText();
+            if (const auto* ahead = near.current()) {
+                const std::string& text = (*ahead)->searchText();
                 __builtin_prefetch(text.data());
                 __builtin_prefetch(text.data() + 64);
-                prefetchShareCount(people[i + kPrefetchDistance]);
+                prefetchShareCount(*ahead);
             }
-            if (keep(*people[i])) {
-                narrowed.people.push_back(people[i]);
+            far.advance();
+            near.advance();
+            if (keep(*person)) {
+                narrowed.people.push_back(person);
             }
         }
         if (!narrowed.people.empty()) {
