@@ -3,6 +3,8 @@
 #include "KinbookKit/people/SortOrder.h"
 #include "KinbookKit/records/Person.h"
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -37,6 +39,13 @@ struct Heading {
 // the order they came in.
 std::vector<Section> buildSections(SortOrder order, std::span<const PersonPtr> people);
 
+// The sections of every sort order, as the list's index keeps them: the same
+// as buildSections for each, with each person's keys read once for all
+// seven. `shouldStop` is asked between orders (a newer list supersedes the
+// index being built); the orders built until then are returned.
+std::map<SortOrder, std::vector<Section>> buildIndex(std::span<const PersonPtr> people,
+                                                     const std::function<bool()>& shouldStop = {});
+
 // The sections as shown in the given direction. Descending reverses the
 // sections and the people inside them, except that the photo order keeps
 // "Picture" before "No Picture" and reverses only the names.
@@ -47,5 +56,11 @@ std::vector<Heading> headingsOf(std::span<const Section> sections);
 
 // How many people the sections hold.
 int peopleCount(std::span<const Section> sections);
+
+// The sections with only the people `keep` accepts, in the same order,
+// sections left empty dropped: what the list's filters and its search show.
+// The kept people are shared, not copied.
+std::vector<Section> filterSections(std::span<const Section> sections,
+                                    const std::function<bool(const Person&)>& keep);
 
 } // namespace kinbook

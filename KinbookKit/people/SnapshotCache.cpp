@@ -1,0 +1,917 @@
+#include "KinbookKit/people/SnapshotCache.h"
+
+#include "KinbookKit/AtomicFile.h"
+#include "KinbookKit/records/Iso8601.h"
+#include "KinbookKit/text/Base64.h"
+
+#include <fcntl.h>
+#include <simdjson.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace kinbook {
+namespace {
+
+namespace ondemand = simdjson::ondemand;
+
+constexpr std::string_view kFileName = "kinbook-snapshot.json";
+
+// MARK: - Writing
+
+// The cache is written by hand rather than through a JSON tree: at 100,000
+// people a tree costs several times the file in memory and most of the time.
+// The layout is the snapshot's own JSON (AddressBookSnapshot::toJSON), keys
+// in field order.
+class SnapshotWriter {
+public:
+    explicit SnapshotWriter(std::string& out) : m_out(out) {}
+
+    void file(const AddressBookSnapshot& snapshot) {
+        m_out += "{\"format\":";
+        number(SnapshotCache::kFormat);
+        m_out += ",\"snapshot\":{\"people\":[";
+        for (std::size_t i = 0; i < snapshot.people.size(); ++i) {
+            if (i > 0) {
+                m_out += ',';
+            }
+            person(snapshot.people[i]);
+        }
+        m_out += "],\"accounts\":[";
+        for (std::size_t i = 0; i < snapshot.accounts.size(); ++i) {
+            if (i > 0) {
+                m_out += ',';
+            }
+            m_out += "{\"id\":";
+            string(snapshot.accounts[i].id);
+            m_out += ",\"name\":";
+            string(snapshot.accounts[i].name);
+            m_out += '}';
+        }
+        m_out += ']';
+        if (snapshot.historyToken) {
+            m_out += ",\"historyToken\":";
+            string(base64Encode(*snapshot.historyToken));
+        }
+        if (snapshot.fullReadAt) {
+            m_out += ",\"fullReadAt\":";
+            number(secondsSinceReferenceDate(*snapshot.fullReadAt));
+        }
+        m_out += "}}";
+    }
+
+private:
+    void person(const Person& person) {
+        m_out += "{\"id\":";
+        string(person.id);
+        field("givenName", person.givenName);
+        field("middleName", person.middleName);
+        field("familyName", person.familyName);
+        field("nickname", person.nickname);
+        field("organization", person.organization);
+        field("jobTitle", person.jobTitle);
+        field("department", person.department);
+        field("phoneNumbers", person.phoneNumbers);
+        field("emailAddresses", person.emailAddresses);
+        field("accountIDs", person.accountIDs);
+        field("hasImage", person.hasImage);
+        field("postalCodes", person.postalCodes);
+        field("places", person.places);
+        key("filledCount");
+        number(person.filledCount);
+        field("detailed", person.detailed);
+        if (person.kinID) {
+            field("kinID", *person.kinID);
+        }
+        field("hidden", person.hidden);
+        if (person.circle) {
+            key("circle");
+            number(rawValue(*person.circle));
+        }
+        field("isPrimaryCard", person.isPrimaryCard);
+        field("memberIDs", person.memberIDs);
+        const PersonKeys& keys = person.keys();
+        field("displayName", keys.displayName);
+        field("sortKey", keys.sortKey);
+        field("sectionLetter", keys.sectionLetter);
+        field("firstNameSortKey", keys.firstNameSortKey);
+        field("firstNameSectionLetter", keys.firstNameSectionLetter);
+        field("areaCodes", keys.areaCodes);
+        field("searchText", keys.searchText);
+        field("phoneDigits", keys.phoneDigits);
+        m_out += '}';
+    }
+
+    void key(std::string_view name) {
+        m_out += ",\"";
+        m_out += name;
+        m_out += "\":";
+    }
+    void field(std::string_view name, const std::string& value) {
+        key(name);
+        string(value);
+    }
+    void field(std::string_view name, bool value) {
+        key(name);
+        m_out += value ? "true" : "false";
+    }
+    void field(std::string_view name, const std::vector<std::string>& values) {
+        key(name);
+        m_out += '[';
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            if (i > 0) {
+                m_out += ',';
+            }
+            string(values[i]);
+        }
+        m_out += ']';
+    }
+
+    template <typename Number>
+    void number(Number value) {
+        // The shortest text that reads back as the same number.
+        std::array<char, 32> buffer{};
+        const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+        m_out.append(buffer.data(), result.ptr);
+    }
+
+    // A JSON string. Bytes from 0x80 up are copied as they are; the whole
+    // file is checked for valid UTF-8 once it is written.
+    void string(std::string_view text) {
+        static constexpr char kHex[] = "0123456789abcdef";
+        m_out += '"';
+        std::size_t runStart = 0;
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const auto byte = static_cast<unsigned char>(text[i]);
+            if (byte >= 0x20 && byte != '"' && byte != '\\') {
+                continue;
+            }
+            m_out.append(text.data() + runStart, i - runStart);
+            runStart = i + 1;
+            m_out += '\\';
+            switch (byte) {
+            case '"':
+                m_out += '"';
+                break;
+            case '\\':
+                m_out += '\\';
+                break;
+            case '\n':
+                m_out += 'n';
+                break;
+            case '\r':
+                m_out += 'r';
+                break;
+            case '\t':
+                m_out += 't';
+                break;
+            case '\b':
+                m_out += 'b';
+                break;
+            case '\f':
+                m_out += 'f';
+                break;
+            default:
+                m_out += "u00";
+                m_out += kHex[byte >> 4];
+                m_out += kHex[byte & 0xf];
+                break;
+            }
+        }
+        m_out.append(text.data() + runStart, text.size() - runStart);
+        m_out += '"';
+    }
+
+    std::string& m_out;
+};
+
+// MARK: - Reading
+
+// Any decoding failure ends the read with no snapshot; these return false
+// for it.
+using simdjson::SUCCESS;
+
+// Sets `out` to the JSON string whose text starts at `raw`, just past its opening
+// quote, undoing its escapes. Strings are read this way rather than through
+// the parser's own buffer: at 100,000 people that buffer would be tens of
+// megabytes of fresh memory, touched once. The parser has checked that the
+// string is closed, holds valid UTF-8 and no raw control characters; the
+// escapes are checked here.
+bool appendString(const char* raw, std::string& out) {
+    const auto hexValue = [](char c) -> int {
+        if (c >= '0' && c <= '9') {
+            return c - '0';
+        }
+        if (c >= 'a' && c <= 'f') {
+            return c - 'a' + 10;
+        }
+        if (c >= 'A' && c <= 'F') {
+            return c - 'A' + 10;
+        }
+        return -1;
+    };
+    const auto readHex4 = [&](const char*& at, std::uint32_t& value) {
+        value = 0;
+        for (int i = 0; i < 4; ++i) {
+            const int digit = hexValue(*at);
+            if (digit < 0) {
+                return false;
+            }
+            value = value * 16 + static_cast<std::uint32_t>(digit);
+            ++at;
+        }
+        return true;
+    };
+    const char* at = raw;
+    while (*at != '"' && *at != '\\') {
+        ++at;
+    }
+    // Most strings have no escapes: one copy of the right size.
+    out.assign(raw, at);
+    for (;;) {
+        if (*at == '"') {
+            return true;
+        }
+        ++at; // the backslash
+        switch (*at++) {
+        case '"':
+            out += '"';
+            break;
+        case '\\':
+            out += '\\';
+            break;
+        case '/':
+            out += '/';
+            break;
+        case 'b':
+            out += '\b';
+            break;
+        case 'f':
+            out += '\f';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        case 't':
+            out += '\t';
+            break;
+        case 'u': {
+            std::uint32_t code = 0;
+            if (!readHex4(at, code)) {
+                return false;
+            }
+            if (code >= 0xdc00 && code <= 0xdfff) {
+                return false; // a second half without its first
+            }
+            if (code >= 0xd800 && code <= 0xdbff) {
+                std::uint32_t low = 0;
+                if (at[0] != '\\' || at[1] != 'u') {
+                    return false;
+                }
+                at += 2;
+                if (!readHex4(at, low) || low < 0xdc00 || low > 0xdfff) {
+                    return false;
+                }
+                code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
+            }
+            if (code < 0x80) {
+                out += static_cast<char>(code);
+            } else if (code < 0x800) {
+                out += static_cast<char>(0xc0 | (code >> 6));
+                out += static_cast<char>(0x80 | (code & 0x3f));
+            } else if (code < 0x10000) {
+                out += static_cast<char>(0xe0 | (code >> 12));
+                out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
+                out += static_cast<char>(0x80 | (code & 0x3f));
+            } else {
+                out += static_cast<char>(0xf0 | (code >> 18));
+                out += static_cast<char>(0x80 | ((code >> 12) & 0x3f));
+                out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
+                out += static_cast<char>(0x80 | (code & 0x3f));
+            }
+            break;
+        }
+        default:
+            return false;
+        }
+        const char* run = at;
+        while (*at != '"' && *at != '\\') {
+            ++at;
+        }
+        out.append(run, at);
+    }
+}
+
+bool readString(ondemand::value& value, std::string& out) {
+    ondemand::raw_json_string raw;
+    if (value.get_raw_json_string().get(raw) != SUCCESS) {
+        return false;
+    }
+    return appendString(raw.raw(), out);
+}
+
+bool readStrings(ondemand::value& value, std::vector<std::string>& out) {
+    ondemand::array array;
+    if (value.get_array().get(array) != SUCCESS) {
+        return false;
+    }
+    // The texts are found first so that the list is made at its size: most
+    // lists hold one to three entries, and growing them would allocate twice.
+    // The texts stay in the file's bytes for the whole read.
+    std::array<const char*, 8> found{};
+    std::size_t count = 0;
+    out.clear();
+    const auto takeFound = [&] {
+        out.reserve(out.size() + count);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (!appendString(found[i], out.emplace_back())) {
+                return false;
+            }
+        }
+        count = 0;
+        return true;
+    };
+    for (auto element : array) {
+        ondemand::raw_json_string raw;
+        if (element.get_raw_json_string().get(raw) != SUCCESS) {
+            return false;
+        }
+        if (count == found.size() && !takeFound()) {
+            return false;
+        }
+        found[count++] = raw.raw();
+    }
+    return takeFound();
+}
+
+bool readBool(ondemand::value& value, bool& out) {
+    return value.get_bool().get(out) == SUCCESS;
+}
+
+bool readInt(ondemand::value& value, int& out) {
+    std::int64_t number = 0;
+    if (value.get_int64().get(number) != SUCCESS || number < INT32_MIN || number > INT32_MAX) {
+        return false;
+    }
+    out = static_cast<int>(number);
+    return true;
+}
+
+// Null reads as absent for the optional fields, as in the snapshot's JSON.
+bool isNull(ondemand::value& value, bool& null) {
+    return value.is_null().get(null) == SUCCESS;
+}
+
+// A key as it stands in the file. Kinbook's keys never need escapes; a key
+// written with escapes is not one of them and is passed over.
+std::string_view rawKey(const ondemand::raw_json_string& key) {
+    const char* begin = key.raw();
+    std::size_t length = 0;
+    while (begin[length] != '"') {
+        if (begin[length] == '\\') {
+            return {};
+        }
+        ++length;
+    }
+    return {begin, length};
+}
+
+enum PersonField : int {
+    id,
+    givenName,
+    middleName,
+    familyName,
+    nickname,
+    organization,
+    jobTitle,
+    department,
+    phoneNumbers,
+    emailAddresses,
+    accountIDs,
+    hasImage,
+    postalCodes,
+    places,
+    filledCount,
+    detailed,
+    hidden,
+    isPrimaryCard,
+    memberIDs,
+    // Optional stored fields.
+    kinID,
+    circle,
+    // Derived keys: all of them, or none and the keys are worked out again.
+    displayName,
+    sortKey,
+    sectionLetter,
+    firstNameSortKey,
+    firstNameSectionLetter,
+    areaCodes,
+    searchText,
+    phoneDigits,
+    personFieldCount,
+};
+
+// In the order the writer puts them, so that the usual file is read with one
+// comparison per key.
+constexpr std::array<std::pair<std::string_view, PersonField>, personFieldCount> kPersonKeys{{
+    {"id", id},
+    {"givenName", givenName},
+    {"middleName", middleName},
+    {"familyName", familyName},
+    {"nickname", nickname},
+    {"organization", organization},
+    {"jobTitle", jobTitle},
+    {"department", department},
+    {"phoneNumbers", phoneNumbers},
+    {"emailAddresses", emailAddresses},
+    {"accountIDs", accountIDs},
+    {"hasImage", hasImage},
+    {"postalCodes", postalCodes},
+    {"places", places},
+    {"filledCount", filledCount},
+    {"detailed", detailed},
+    {"kinID", kinID},
+    {"hidden", hidden},
+    {"circle", circle},
+    {"isPrimaryCard", isPrimaryCard},
+    {"memberIDs", memberIDs},
+    {"displayName", displayName},
+    {"sortKey", sortKey},
+    {"sectionLetter", sectionLetter},
+    {"firstNameSortKey", firstNameSortKey},
+    {"firstNameSectionLetter", firstNameSectionLetter},
+    {"areaCodes", areaCodes},
+    {"searchText", searchText},
+    {"phoneDigits", phoneDigits},
+}};
+
+constexpr std::uint32_t bit(PersonField field) {
+    return std::uint32_t{1} << field;
+}
+constexpr std::uint32_t kStoredFields = bit(kinID) - 1;
+constexpr std::uint32_t kDerivedFields = (bit(personFieldCount) - 1) & ~(bit(displayName) - 1);
+
+// Whether the key whose text starts at `raw` is `name`; the file is padded,
+// so comparing a few bytes past a short key is safe.
+bool keyIs(const char* raw, std::string_view name) {
+    return std::memcmp(raw, name.data(), name.size()) == 0 && raw[name.size()] == '"';
+}
+
+int personFieldOf(const ondemand::raw_json_string& key, std::size_t& guess) {
+    if (guess < kPersonKeys.size() && keyIs(key.raw(), kPersonKeys[guess].first)) {
+        return kPersonKeys[guess++].second;
+    }
+    const auto name = rawKey(key);
+    for (std::size_t i = 0; i < kPersonKeys.size(); ++i) {
+        if (kPersonKeys[i].first == name) {
+            guess = i + 1;
+            return kPersonKeys[i].second;
+        }
+    }
+    return -1;
+}
+
+bool readPersonField(PersonField which, ondemand::value& value, Person& person, PersonKeys& keys) {
+    switch (which) {
+    case id:
+        return readString(value, person.id);
+    case givenName:
+        return readString(value, person.givenName);
+    case middleName:
+        return readString(value, person.middleName);
+    case familyName:
+        return readString(value, person.familyName);
+    case nickname:
+        return readString(value, person.nickname);
+    case organization:
+        return readString(value, person.organization);
+    case jobTitle:
+        return readString(value, person.jobTitle);
+    case department:
+        return readString(value, person.department);
+    case phoneNumbers:
+        return readStrings(value, person.phoneNumbers);
+    case emailAddresses:
+        return readStrings(value, person.emailAddresses);
+    case accountIDs:
+        return readStrings(value, person.accountIDs);
+    case hasImage:
+        return readBool(value, person.hasImage);
+    case postalCodes:
+        return readStrings(value, person.postalCodes);
+    case places:
+        return readStrings(value, person.places);
+    case filledCount:
+        return readInt(value, person.filledCount);
+    case detailed:
+        return readBool(value, person.detailed);
+    case hidden:
+        return readBool(value, person.hidden);
+    case isPrimaryCard:
+        return readBool(value, person.isPrimaryCard);
+    case memberIDs:
+        return readStrings(value, person.memberIDs);
+    case kinID: {
+        bool null = false;
+        if (!isNull(value, null)) {
+            return false;
+        }
+        if (null) {
+            person.kinID.reset();
+            return true;
+        }
+        return readString(value, person.kinID.emplace());
+    }
+    case circle: {
+        bool null = false;
+        if (!isNull(value, null)) {
+            return false;
+        }
+        person.circle.reset();
+        if (null) {
+            return true;
+        }
+        std::int64_t raw = 0;
+        if (value.get_int64().get(raw) != SUCCESS) {
+            return false;
+        }
+        // A circle this version doesn't know reads as none.
+        person.circle = circleFromRawValue(raw);
+        return true;
+    }
+    case displayName:
+        return readString(value, keys.displayName);
+    case sortKey:
+        return readString(value, keys.sortKey);
+    case sectionLetter:
+        return readString(value, keys.sectionLetter);
+    case firstNameSortKey:
+        return readString(value, keys.firstNameSortKey);
+    case firstNameSectionLetter:
+        return readString(value, keys.firstNameSectionLetter);
+    case areaCodes:
+        return readStrings(value, keys.areaCodes);
+    case searchText:
+        return readString(value, keys.searchText);
+    case phoneDigits:
+        return readStrings(value, keys.phoneDigits);
+    case personFieldCount:
+        break;
+    }
+    return false;
+}
+
+bool readPerson(ondemand::value& value, Person& person) {
+    ondemand::object object;
+    if (value.get_object().get(object) != SUCCESS) {
+        return false;
+    }
+    PersonKeys keys;
+    std::uint32_t seen = 0;
+    std::size_t guess = 0;
+    for (auto entry : object) {
+        ondemand::field field;
+        if (std::move(entry).get(field) != SUCCESS) {
+            return false;
+        }
+        const int which = personFieldOf(field.key(), guess);
+        if (which < 0) {
+            continue;
+        }
+        if (!readPersonField(static_cast<PersonField>(which), field.value(), person, keys)) {
+            return false;
+        }
+        seen |= bit(static_cast<PersonField>(which));
+    }
+    if ((seen & kStoredFields) != kStoredFields) {
+        return false;
+    }
+    // Keys stored beside the fields they came from are taken as they are;
+    // without the search text the set is taken as absent, as the snapshot's
+    // own JSON reader does.
+    if (seen & bit(searchText)) {
+        if ((seen & kDerivedFields) != kDerivedFields) {
+            return false;
+        }
+        person.adoptKeys(std::move(keys));
+    } else {
+        person.derive();
+    }
+    return true;
+}
+
+bool readAccount(ondemand::value& value, Account& account) {
+    ondemand::object object;
+    if (value.get_object().get(object) != SUCCESS) {
+        return false;
+    }
+    bool hasID = false;
+    bool hasName = false;
+    for (auto entry : object) {
+        ondemand::field field;
+        if (std::move(entry).get(field) != SUCCESS) {
+            return false;
+        }
+        const auto name = rawKey(field.key());
+        if (name == "id") {
+            hasID = readString(field.value(), account.id);
+            if (!hasID) {
+                return false;
+            }
+        } else if (name == "name") {
+            hasName = readString(field.value(), account.name);
+            if (!hasName) {
+                return false;
+            }
+        }
+    }
+    return hasID && hasName;
+}
+
+bool readSnapshot(ondemand::value& value, AddressBookSnapshot& snapshot) {
+    ondemand::object object;
+    if (value.get_object().get(object) != SUCCESS) {
+        return false;
+    }
+    bool hasPeople = false;
+    bool hasAccounts = false;
+    for (auto entry : object) {
+        ondemand::field field;
+        if (std::move(entry).get(field) != SUCCESS) {
+            return false;
+        }
+        const auto name = rawKey(field.key());
+        ondemand::value& item = field.value();
+        if (name == "people") {
+            ondemand::array array;
+            if (item.get_array().get(array) != SUCCESS) {
+                return false;
+            }
+            snapshot.people.clear();
+            // Counting first costs a walk over the array's structure and
+            // spares moving every person as the list grows.
+            std::size_t count = 0;
+            if (array.count_elements().get(count) != SUCCESS) {
+                return false;
+            }
+            snapshot.people.reserve(count);
+            for (auto element : array) {
+                ondemand::value personValue;
+                if (std::move(element).get(personValue) != SUCCESS) {
+                    return false;
+                }
+                Person& person = snapshot.people.emplace_back();
+                if (!readPerson(personValue, person)) {
+                    return false;
+                }
+            }
+            hasPeople = true;
+        } else if (name == "accounts") {
+            ondemand::array array;
+            if (item.get_array().get(array) != SUCCESS) {
+                return false;
+            }
+            snapshot.accounts.clear();
+            for (auto element : array) {
+                ondemand::value accountValue;
+                if (std::move(element).get(accountValue) != SUCCESS ||
+                    !readAccount(accountValue, snapshot.accounts.emplace_back())) {
+                    return false;
+                }
+            }
+            hasAccounts = true;
+        } else if (name == "historyToken") {
+            bool null = false;
+            if (!isNull(item, null)) {
+                return false;
+            }
+            snapshot.historyToken.reset();
+            if (!null) {
+                std::string_view text;
+                if (item.get_string().get(text) != SUCCESS) {
+                    return false;
+                }
+                auto bytes = base64Decode(text);
+                if (!bytes) {
+                    return false;
+                }
+                snapshot.historyToken = std::move(*bytes);
+            }
+        } else if (name == "fullReadAt") {
+            bool null = false;
+            if (!isNull(item, null)) {
+                return false;
+            }
+            snapshot.fullReadAt.reset();
+            if (!null) {
+                double seconds = 0;
+                if (item.get_double().get(seconds) != SUCCESS) {
+                    return false;
+                }
+                // As the snapshot's own reader does: seconds as a double keep
+                // microseconds exactly, and rounding to them reads a written
+                // time back equal.
+                snapshot.fullReadAt =
+                    std::chrono::round<std::chrono::microseconds>(dateFromReferenceSeconds(seconds));
+            }
+        }
+    }
+    return hasPeople && hasAccounts;
+}
+
+std::optional<AddressBookSnapshot> decodeFile(simdjson::padded_string_view json) {
+    ondemand::parser parser;
+    ondemand::document document;
+    if (parser.iterate(json).get(document) != SUCCESS) {
+        return std::nullopt;
+    }
+    ondemand::object object;
+    if (document.get_object().get(object) != SUCCESS) {
+        return std::nullopt;
+    }
+    std::optional<std::int64_t> format;
+    std::optional<AddressBookSnapshot> snapshot;
+    for (auto entry : object) {
+        ondemand::field field;
+        if (std::move(entry).get(field) != SUCCESS) {
+            return std::nullopt;
+        }
+        const auto name = rawKey(field.key());
+        if (name == "format") {
+            std::int64_t value = 0;
+            if (field.value().get_int64().get(value) != SUCCESS || value != SnapshotCache::kFormat) {
+                // Another layout: discarded without looking further.
+                return std::nullopt;
+            }
+            format = value;
+        } else if (name == "snapshot") {
+            snapshot.emplace();
+            if (!readSnapshot(field.value(), *snapshot)) {
+                return std::nullopt;
+            }
+        }
+    }
+    // Anything after the object means the file is not what was written.
+    if (!format || !snapshot || document.current_location().error() != simdjson::OUT_OF_BOUNDS) {
+        return std::nullopt;
+    }
+    return snapshot;
+}
+
+// A file's bytes followed by the zeroed padding the parser reads past the
+// end. The memory comes straight from the system, asked for in large pages
+// where it grants them: at 100,000 people the file is tens of megabytes,
+// and faulting that in one small page at a time costs more than reading it.
+class FileBytes {
+public:
+    static std::optional<FileBytes> read(const std::filesystem::path& path) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        struct stat info {};
+        auto result = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)
+                          ? readFrom(fd, static_cast<std::size_t>(info.st_size))
+                          : std::nullopt;
+        ::close(fd);
+        return result;
+    }
+
+    FileBytes(FileBytes&& other) noexcept
+        : m_data(std::exchange(other.m_data, nullptr)), m_size(other.m_size), m_capacity(other.m_capacity) {}
+    FileBytes& operator=(FileBytes&&) = delete;
+    FileBytes(const FileBytes&) = delete;
+    FileBytes& operator=(const FileBytes&) = delete;
+    ~FileBytes() {
+        if (m_data != nullptr) {
+            ::munmap(m_data, m_capacity);
+        }
+    }
+
+    simdjson::padded_string_view view() const {
+        return simdjson::padded_string_view(static_cast<const char*>(m_data), m_size, m_capacity);
+    }
+
+private:
+    static constexpr std::size_t kLargePage = std::size_t{2} << 20;
+
+    FileBytes(void* data, std::size_t size, std::size_t capacity)
+        : m_data(data), m_size(size), m_capacity(capacity) {}
+
+    static std::optional<FileBytes> readFrom(int fd, std::size_t expected) {
+        const std::size_t capacity =
+            (expected + simdjson::SIMDJSON_PADDING + kLargePage - 1) / kLargePage * kLargePage;
+        void* data = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (data == MAP_FAILED) {
+            return std::nullopt;
+        }
+        ::madvise(data, capacity, MADV_HUGEPAGE);
+        FileBytes bytes(data, 0, capacity);
+        // A file that grew since it was measured is read up to that size,
+        // one that shrank up to its end; either is then judged as JSON.
+        auto* out = static_cast<char*>(data);
+        while (bytes.m_size < expected) {
+            const ssize_t got = ::read(fd, out + bytes.m_size, expected - bytes.m_size);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got < 0) {
+                return std::nullopt;
+            }
+            if (got == 0) {
+                break;
+            }
+            bytes.m_size += static_cast<std::size_t>(got);
+        }
+        return bytes;
+    }
+
+    void* m_data;
+    std::size_t m_size;
+    std::size_t m_capacity;
+};
+
+// Creates the folder and any missing parents, private to the user: the cache
+// holds every name and number of the address book.
+bool makeFolders(const std::filesystem::path& folder) {
+    if (folder.empty()) {
+        return true;
+    }
+    struct stat info {};
+    if (::stat(folder.c_str(), &info) == 0) {
+        return S_ISDIR(info.st_mode);
+    }
+    if (folder.has_parent_path() && folder.parent_path() != folder && !makeFolders(folder.parent_path())) {
+        return false;
+    }
+    return ::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST;
+}
+
+} // namespace
+
+std::optional<std::string> SnapshotCache::encode(const AddressBookSnapshot& snapshot) {
+    std::string json;
+    // About 700 bytes a person with the derived keys.
+    json.reserve(1024 + snapshot.people.size() * 768);
+    SnapshotWriter(json).file(snapshot);
+    // Text that is not UTF-8 cannot be JSON; like any encoding error, it
+    // leaves the cache as it was.
+    if (!simdjson::validate_utf8(json.data(), json.size())) {
+        return std::nullopt;
+    }
+    return json;
+}
+
+std::optional<AddressBookSnapshot> SnapshotCache::decode(std::string_view json) {
+    return decodeFile(simdjson::padded_string(json));
+}
+
+std::unique_ptr<SnapshotCache> SnapshotCache::make() {
+    std::filesystem::path caches;
+    // A relative XDG_CACHE_HOME is invalid and is ignored.
+    if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg != nullptr && xdg[0] == '/') {
+        caches = xdg;
+    } else if (const char* home = std::getenv("HOME"); home != nullptr && home[0] == '/') {
+        caches = std::filesystem::path(home) / ".cache";
+    } else {
+        return nullptr;
+    }
+    return std::make_unique<SnapshotCache>(caches / "kinbook" / kFileName);
+}
+
+std::optional<AddressBookSnapshot> SnapshotCache::read() const {
+    std::lock_guard lock(m_mutex);
+    const auto file = FileBytes::read(m_url);
+    if (!file) {
+        return std::nullopt;
+    }
+    return decodeFile(file->view());
+}
+
+void SnapshotCache::write(const AddressBookSnapshot& snapshot) const {
+    std::lock_guard lock(m_mutex);
+    const auto json = encode(snapshot);
+    if (!json || !makeFolders(m_url.parent_path())) {
+        return;
+    }
+    // A cache is no user data, but a reader must never see half of one.
+    writeFileAtomically(m_url, *json, 0600);
+}
+
+void SnapshotCache::remove() const {
+    std::lock_guard lock(m_mutex);
+    std::error_code ignored;
+    std::filesystem::remove(m_url, ignored);
+}
+
+} // namespace kinbook
