@@ -120,6 +120,9 @@ public:
     Result<SaveOutcome, AddressBookError> save(const ContactDraft& draft) override {
         return m_inner->save(draft);
     }
+    Result<void, AddressBookError> writeThroughContactsApp(const SaveOutcome& outcome) override {
+        return m_inner->writeThroughContactsApp(outcome);
+    }
     Result<void, AddressBookError> remove(std::span<const std::string> ids) override {
         return m_inner->remove(ids);
     }
@@ -148,6 +151,7 @@ public:
     Result<std::optional<std::vector<std::uint8_t>>, AddressBookError> image(std::string_view id) override {
         return m_inner->image(id);
     }
+    std::size_t restoreHeldNotes() override { return m_inner->restoreHeldNotes(); }
     Result<void, std::string> observeChanges(Executor& executor, std::function<void()> onChange) override {
         return m_inner->observeChanges(executor, std::move(onChange));
     }
