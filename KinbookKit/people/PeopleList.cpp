@@ -1483,10 +1483,9 @@ void PeopleList::changeLabel(const std::string& cardID, const std::string& entry
                 return {failure(saved.error())};
             }
             if (saved->kind != SaveOutcome::Kind::saved) {
-                if (!runScript) {
-                    return {failure(AddressBookError::hasNote())};
-                }
-                return {runScript(*saved), true};
+                // The card carries a note: the change goes through the
+                // scripting host, the store's own or the one given.
+                return {runScript ? runScript(*saved) : book->writeThroughContactsApp(*saved), true};
             }
             return {Result<void, AddressBookError>(), true};
         },

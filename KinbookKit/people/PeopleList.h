@@ -47,7 +47,8 @@ struct ActionError {
 using ActionResult = Result<void, ActionError>;
 
 // Runs a change the address book could not make itself because the card
-// carries a note (the scripting path). None: such changes fail with hasNote.
+// carries a note (the scripting path). None: the address book's own
+// writeThroughContactsApp.
 using ScriptRunner = std::function<Result<void, AddressBookError>(const SaveOutcome&)>;
 
 struct PeopleListOptions {
