@@ -138,15 +138,20 @@ VdirAddressBook::VdirAddressBook(Options options)
     }
     const fs::path stateFolder =
         m_options.stateFolder.empty() ? ChangeJournal::defaultStateFolder() : m_options.stateFolder;
-    m_journal = std::make_unique<ChangeJournal>(stateFolder, m_options.root, [](const fs::path& path) {
-        auto bytes = readWholeFile(path);
-        if (!bytes) {
-            return std::optional<std::string>();
-        }
-        auto person =
-            scanPerson(*bytes, path.filename().string(), path.parent_path().filename().string(), false);
-        return person ? std::optional<std::string>(person->id) : std::nullopt;
-    });
+    ChangeJournal::Options journalOptions;
+    journalOptions.scanThreads = m_options.readThreads;
+    m_journal = std::make_unique<ChangeJournal>(
+        stateFolder, m_options.root,
+        [](const fs::path& path) {
+            auto bytes = readWholeFile(path);
+            if (!bytes) {
+                return std::optional<std::string>();
+            }
+            auto person =
+                scanPerson(*bytes, path.filename().string(), path.parent_path().filename().string(), false);
+            return person ? std::optional<std::string>(person->id) : std::nullopt;
+        },
+        journalOptions);
 }
 
 VdirAddressBook::~VdirAddressBook() {
@@ -846,12 +851,35 @@ Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,
     if (!m_options.watcher) {
         return failure(std::string("no folder watcher"));
     }
-    return m_options.watcher->start(m_options.root, executor, std::move(onChange));
+    // The journal hears what each notice names before the caller hears of
+    // it, so the refresh that follows stats only those files.
+    auto started = m_options.watcher->start(
+        m_options.root, executor, [this, onChange = std::move(onChange)](const FolderChange& change) {
+            {
+                std::lock_guard lock(m_mutex);
+                if (change.unnamed) {
+                    m_journal->unnamedChanges();
+                } else {
+                    m_journal->filesChanged(change.files);
+                }
+            }
+            onChange();
+        });
+    if (!started.ok()) {
+        return started;
+    }
+    // Only now is every change named; the next scan still covers the time
+    // before the watch began.
+    std::lock_guard lock(m_mutex);
+    m_journal->followNamedChanges(true);
+    return {};
 }
 
 void VdirAddressBook::stopObserving() {
     if (m_options.watcher) {
         m_options.watcher->stop();
+        std::lock_guard lock(m_mutex);
+        m_journal->followNamedChanges(false);
     }
 }
 
