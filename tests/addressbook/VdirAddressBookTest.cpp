@@ -470,5 +470,26 @@ TEST_F(VdirAddressBookTest, TheTokenOfARestartedReadCoversChangesMadeMeanwhile) 
     EXPECT_TRUE(after->deleted.empty());
 }
 
+TEST_F(VdirAddressBookTest, TwoFilesWithOneUIDStayTwoCards) {
+    std::string copy = kJane;
+    copy.replace(copy.find("TITLE:Engineer"), 14, "TITLE:Copyist");
+    writeFile(root() / "work" / "jane copy.vcf", copy);
+    VdirAddressBook book(options());
+    const auto read = book.readAll({});
+    ASSERT_TRUE(read.ok());
+    const auto ids = idsOf(read->snapshot.people);
+    ASSERT_EQ(ids.size(), 3u);
+    // Whichever file was listed first keeps the UID; both are found by id.
+    std::set<std::string> titles;
+    for (const auto& id : ids) {
+        auto card = book.card(id);
+        ASSERT_TRUE(card.ok()) << id;
+        auto draft = book.draft(id);
+        ASSERT_TRUE(draft.ok()) << id;
+        titles.insert(draft->jobTitle);
+    }
+    EXPECT_EQ(titles, (std::set<std::string>{"Engineer", "Copyist", ""}));
+}
+
 } // namespace
 } // namespace kinbook
