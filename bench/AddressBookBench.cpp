@@ -210,8 +210,11 @@ int main(int argc, char** argv) {
     fmt::print("{:<44} {:>9.3f} {:>9}\n", "outside edit: inotify notice", notice, "");
     fmt::print("{:<44} {:>9.3f} {:>9}\n", "outside edit: notice + changed person read", refresh, "");
     fmt::print("changed people reported: {}\n", changes.ok() ? changes->changed.size() : 0);
-    fmt::print("peak memory: {} MB before the reads, {} MB after ({:.0f} bytes per card)\n", memoryBefore,
-               memoryAfter,
-               static_cast<double>(memoryAfter - memoryBefore) * 1024 * 1024 / static_cast<double>(count));
+    fmt::print(
+        "peak memory: {} MB before the reads, {} MB after them ({:.0f} bytes per card), {} MB at the end "
+        "(the journal's table of files included)\n",
+        memoryBefore, memoryAfter,
+        static_cast<double>(memoryAfter - memoryBefore) * 1024 * 1024 / static_cast<double>(count),
+        peakMemoryMB());
     return 0;
 }

@@ -896,13 +896,21 @@ std::vector<std::uint8_t> ChangeJournal::tokenAfterSurvey(const Survey& survey, 
         }
     }
     std::vector<Candidate> candidates;
+    // A read lists one account after another: its folder is looked up once.
+    std::optional<std::string_view> lastAccount;
+    Folder* folder = nullptr;
     for (const SurveyedFile& file : survey.files) {
         FileState state;
         state.inode = file.inode;
         state.size = file.size;
         state.mtimeNs = file.mtimeNs;
-        if (auto folder = m_files.find(file.account); folder != m_files.end()) {
-            if (auto entry = folder->second.find(file.name); entry != folder->second.end()) {
+        if (file.account != lastAccount) {
+            auto known = m_files.find(file.account);
+            folder = known == m_files.end() ? nullptr : &known->second;
+            lastAccount = file.account;
+        }
+        if (folder != nullptr) {
+            if (auto entry = folder->find(file.name); entry != folder->end()) {
                 entry->second.seenInScan = scanNumber;
                 if (entry->second.sameFile(state)) {
                     continue;

@@ -163,7 +163,7 @@ bool readCardFile(int folderFD, const char* name, bool knownRegular, std::vector
                 problem = "file too large";
                 return false;
             }
-            buffer.resize(buffer.size() * 2);
+            buffer.resize(std::min<std::size_t>(buffer.size() * 2, kLargestCard + 1));
         }
         // A file that grew since fstat is read as it was then, as a card is
         // read everywhere else.
