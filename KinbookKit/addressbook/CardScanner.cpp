@@ -8,6 +8,7 @@
 #include "KinbookKit/text/Ascii.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -28,26 +29,29 @@ struct PhysicalLine {
     std::size_t contentEnd = 0;
 };
 
-// Cheap tests that rule out most lines before the exact ones run: BASE64
-// needs a "B" among the parameters, AGENT a name ending in "AGENT".
 bool contains(std::string_view text, char c) {
     return std::memchr(text.data(), c, text.size()) != nullptr;
 }
 
-bool mayDeclareBase64(std::string_view text) {
+// Cheap tests that rule out most lines before the exact ones run, from one
+// look at the line's head: BASE64 needs a "B" among the parameters, AGENT a
+// name ending in "AGENT".
+struct HeadHints {
+    bool mayDeclareBase64 = false;
+    bool mayBeAgent = false;
+};
+
+HeadHints headHints(std::string_view text) {
     const std::string_view head = roughHead(text);
     const std::size_t semicolon = head.find(';');
-    if (semicolon == std::string_view::npos) {
-        return false;
+    HeadHints hints;
+    if (semicolon != std::string_view::npos) {
+        const std::string_view parameters = head.substr(semicolon);
+        hints.mayDeclareBase64 = contains(parameters, 'B') || contains(parameters, 'b');
     }
-    const std::string_view parameters = head.substr(semicolon);
-    return contains(parameters, 'B') || contains(parameters, 'b');
-}
-
-bool mayBeAgent(std::string_view text) {
-    std::string_view name = roughHead(text);
-    name = name.substr(0, name.find(';'));
-    return name.size() >= 5 && equalsIgnoringCase(name.substr(name.size() - 5), "AGENT");
+    const std::string_view name = head.substr(0, semicolon);
+    hints.mayBeAgent = name.size() >= 5 && equalsIgnoringCase(name.substr(name.size() - 5), "AGENT");
+    return hints;
 }
 
 bool isNameChar(char c) {
@@ -70,7 +74,10 @@ struct ScannedLine {
     std::string_view value;
 };
 
-bool scanLine(std::string_view text, ScannedLine& line) {
+// The name (and group) of a line; false when the line is not a property.
+// Most lines of a card are not wanted, so the name is read first and the
+// parameters only when the line counts (scanParameters).
+bool scanName(std::string_view text, ScannedLine& line) {
     std::size_t i = 0;
     while (i < text.size() && isNameChar(text[i])) {
         ++i;
@@ -88,6 +95,13 @@ bool scanLine(std::string_view text, ScannedLine& line) {
     }
     line.name = text.substr(nameStart, i - nameStart);
     line.hasGroup = nameStart > 0;
+    return true;
+}
+
+// The parameters and the value of a line whose name scanName read; false
+// when no ':' ends the parameters (not a property after all).
+bool scanParameters(std::string_view text, ScannedLine& line) {
+    std::size_t i = static_cast<std::size_t>(line.name.data() + line.name.size() - text.data());
     const std::size_t parametersBegin = i;
     while (i < text.size() && text[i] == ';') {
         const std::size_t start = ++i;
@@ -234,7 +248,8 @@ public:
     // it had to be decoded.
     std::string_view structured(std::string& storage) const {
         const std::string_view raw = m_line.value;
-        if (!isQuotedPrintable() && isValidUtf8(raw) && std::memchr(raw.data(), 0, raw.size()) == nullptr) {
+        if (!isQuotedPrintable() && (isAscii(raw) || isValidUtf8(raw)) &&
+            std::memchr(raw.data(), 0, raw.size()) == nullptr) {
             return raw;
         }
         storage = transferDecoded();
@@ -364,14 +379,37 @@ public:
     }
 
 private:
+    // Where the fields start, found in one pass when first asked for: the
+    // readers ask for several fields of one value in turn.
+    static constexpr std::size_t kKnownFields = 8;
+
     std::optional<std::string_view> fieldAt(std::size_t index) const {
-        std::size_t start = 0;
-        for (std::size_t i = 0; i < index; ++i) {
-            const std::size_t end = nextUnescaped(m_value, start, ';');
-            if (end == m_value.size()) {
-                return std::nullopt;
+        if (m_fieldCount == 0) {
+            for (std::size_t start = 0; m_fieldCount < kKnownFields;) {
+                m_fieldStarts[m_fieldCount++] = start;
+                const std::size_t end = nextUnescaped(m_value, start, ';');
+                if (end == m_value.size()) {
+                    m_lastKnownIsLast = true;
+                    break;
+                }
+                start = end + 1;
             }
-            start = end + 1;
+        }
+        std::size_t start = 0;
+        if (index < m_fieldCount) {
+            start = m_fieldStarts[index];
+        } else if (m_lastKnownIsLast) {
+            return std::nullopt;
+        } else {
+            // Beyond the fields no reader asks for: walk on from the last known.
+            start = m_fieldStarts[kKnownFields - 1];
+            for (std::size_t i = kKnownFields - 1; i < index; ++i) {
+                const std::size_t end = nextUnescaped(m_value, start, ';');
+                if (end == m_value.size()) {
+                    return std::nullopt;
+                }
+                start = end + 1;
+            }
         }
         return m_value.substr(start, nextUnescaped(m_value, start, ';') - start);
     }
@@ -404,6 +442,9 @@ private:
 
     std::string_view m_value;
     bool m_componentLists;
+    mutable std::array<std::size_t, kKnownFields> m_fieldStarts{};
+    mutable std::size_t m_fieldCount = 0;
+    mutable bool m_lastKnownIsLast = false;
 };
 
 // The per-thread buffers the walk reuses from card to card.
@@ -481,7 +522,8 @@ Walk walkLogicalLines(std::string_view bytes, const std::vector<PhysicalLine>& l
             i = j + 1;
             continue;
         }
-        if (mayDeclareBase64(text) && declaresEncoding(text, "BASE64")) {
+        const HeadHints hints = headHints(text);
+        if (hints.mayDeclareBase64 && declaresEncoding(text, "BASE64")) {
             while (j + 1 < n && isBase64Data(content(j + 1))) {
                 append(content(j + 1));
                 ++j;
@@ -489,7 +531,7 @@ Walk walkLogicalLines(std::string_view bytes, const std::vector<PhysicalLine>& l
             if (j + 1 < n && content(j + 1).empty()) {
                 ++j;
             }
-        } else if (mayBeAgent(text) && isAgentBegin(text)) {
+        } else if (hints.mayBeAgent && isAgentBegin(text)) {
             return Walk::needsParser;
         }
         if (!visit(text)) {
@@ -500,24 +542,34 @@ Walk walkLogicalLines(std::string_view bytes, const std::vector<PhysicalLine>& l
     return Walk::done;
 }
 
-std::optional<Person> readThroughParser(std::string_view bytes, std::string_view fileName,
-                                        std::string_view accountID, bool details, bool* isGroup) {
+bool readThroughParser(Person& person, std::string_view bytes, std::string_view fileName,
+                       std::string_view accountID, bool details, bool* isGroup) {
     auto card = VCard::parse(bytes);
     if (!card) {
-        return std::nullopt;
+        return false;
     }
     if (isGroup != nullptr) {
         *isGroup = isGroupCard(card.value());
     }
-    return readPerson(card.value(), cardIDOf(card.value(), fileName), accountID, details);
+    person = readPerson(card.value(), cardIDOf(card.value(), fileName), accountID, details);
+    return true;
 }
 
 } // namespace
 
 std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileName,
                                  std::string_view accountID, bool details, bool* isGroup) {
+    std::optional<Person> person(std::in_place);
+    if (!scanPersonInto(*person, bytes, fileName, accountID, details, isGroup)) {
+        person.reset();
+    }
+    return person;
+}
+
+bool scanPersonInto(Person& person, std::string_view bytes, std::string_view fileName,
+                    std::string_view accountID, bool details, bool* isGroup) {
     if (bytes.find_first_not_of(" \t\r\n") == std::string_view::npos) {
-        return std::nullopt;
+        return false;
     }
     Buffers& scratch = buffers();
     std::vector<PhysicalLine>& lines = scratch.lines;
@@ -540,7 +592,7 @@ std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileNa
         pos = found == nullptr ? bytes.size() : end + 1;
     }
     if (beginIndex == std::string_view::npos) {
-        return std::nullopt;
+        return false;
     }
 
     // The version decides how values decode; it counts wherever its line is,
@@ -559,17 +611,17 @@ std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileNa
         return false;
     });
     if (walk == Walk::needsParser) {
-        return readThroughParser(bytes, fileName, accountID, details, isGroup);
+        return readThroughParser(person, bytes, fileName, accountID, details, isGroup);
     }
 
     RawPersonBuilder builder(details);
     walk = walkLogicalLines(bytes, lines, beginIndex, scratch.logical, [&](std::string_view text) {
         ScannedLine line;
-        if (!scanLine(text, line)) {
+        if (!scanName(text, line)) {
             return true;
         }
         const PersonLine kind = builder.classify(line.name, line.hasGroup);
-        if (kind == PersonLine::ignored) {
+        if (kind == PersonLine::ignored || !scanParameters(text, line)) {
             return true;
         }
         const ValueReader reader(line, version);
@@ -593,15 +645,19 @@ std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileNa
         return true;
     });
     if (walk == Walk::needsParser) {
-        return readThroughParser(bytes, fileName, accountID, details, isGroup);
+        return readThroughParser(person, bytes, fileName, accountID, details, isGroup);
     }
     if (isGroup != nullptr) {
         *isGroup = builder.isGroup();
     }
     const auto& uid = builder.uid();
     const std::string_view trimmedUid = uid ? trimAsciiSpace(*uid) : std::string_view();
-    return std::move(builder).finish(
-        !trimmedUid.empty() ? std::string(trimmedUid) : cardIDFromFileName(fileName), accountID);
+    if (!trimmedUid.empty()) {
+        std::move(builder).finishInto(person, trimmedUid, accountID);
+    } else {
+        std::move(builder).finishInto(person, cardIDFromFileName(fileName), accountID);
+    }
+    return true;
 }
 
 } // namespace kinbook

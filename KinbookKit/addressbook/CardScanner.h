@@ -26,4 +26,10 @@ namespace kinbook {
 std::optional<Person> scanPerson(std::string_view bytes, std::string_view fileName,
                                  std::string_view accountID, bool details, bool* isGroup = nullptr);
 
+// The same into `person`, a freshly made one the caller keeps: a full read
+// of a large address book fills its people in place. False, with `person`
+// left as it was, when the bytes hold no card.
+bool scanPersonInto(Person& person, std::string_view bytes, std::string_view fileName,
+                    std::string_view accountID, bool details, bool* isGroup = nullptr);
+
 } // namespace kinbook

@@ -1,8 +1,8 @@
 #include "KinbookKit/addressbook/ChangeJournal.h"
 
 #include "KinbookKit/SecureRandom.h"
+#include "KinbookKit/addressbook/CardListing.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <sys/file.h>
@@ -16,6 +16,7 @@
 #include <cstring>
 #include <set>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace kinbook {
@@ -172,10 +173,6 @@ std::optional<std::string> readFrom(int fd, std::uint64_t offset) {
 
 std::string errnoText(const std::string& what) {
     return fmt::format("{}: {}", what, std::strerror(errno));
-}
-
-bool endsWith(std::string_view text, std::string_view suffix) {
-    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
 // The state of a regular file (symbolic links followed); none for anything
@@ -656,109 +653,165 @@ std::size_t ChangeJournal::scan() {
 }
 
 std::size_t ChangeJournal::scanLocked() {
-    int rootFD = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (rootFD < 0) {
-        // An unmounted or missing root says nothing about the cards: forgetting
-        // them all here would journal every card as deleted.
-        return 0;
-    }
-    DIR* root = ::fdopendir(rootFD);
-    if (root == nullptr) {
-        ::close(rootFD);
-        return 0;
-    }
-    const std::uint32_t scanNumber = ++m_scanNumber;
-
-    struct Candidate {
-        std::string account;
-        std::string name;
-        FileState state;
-        bool known = false;
-    };
     std::vector<Candidate> candidates;
-
-    while (dirent* accountEntry = ::readdir(root)) {
-        std::string_view account = accountEntry->d_name;
-        if (account.empty() || account[0] == '.') {
-            continue;
-        }
-        struct stat info {};
-        if (accountEntry->d_type != DT_DIR &&
-            (::fstatat(rootFD, accountEntry->d_name, &info, 0) != 0 || !S_ISDIR(info.st_mode))) {
-            continue;
-        }
-        auto knownFolder = m_files.find(account);
-        Folder* folder = knownFolder == m_files.end() ? nullptr : &knownFolder->second;
-        int folderFD = ::openat(rootFD, accountEntry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        DIR* files = folderFD < 0 ? nullptr : ::fdopendir(folderFD);
-        if (files == nullptr) {
-            bool gone = errno == ENOENT || errno == ENOTDIR;
-            if (folderFD >= 0) {
-                ::close(folderFD);
-            }
-            // A folder we may not read still holds its cards.
-            if (folder != nullptr && !gone) {
-                for (auto& [name, state] : *folder) {
-                    state.seenInScan = scanNumber;
-                }
-            }
-            continue;
-        }
-        while (dirent* fileEntry = ::readdir(files)) {
-            std::string_view name = fileEntry->d_name;
-            // Other writers' temporaries are hidden or do not end in ".vcf".
-            if (name.empty() || name[0] == '.' || !endsWith(name, ".vcf") || fileEntry->d_type == DT_DIR) {
-                continue;
-            }
-            std::optional<FileState> found = fileStateAt(folderFD, fileEntry->d_name);
-            if (!found) {
-                continue;
-            }
-            FileState& state = *found;
-            if (folder != nullptr) {
-                auto known = folder->find(name);
-                if (known != folder->end()) {
-                    known->second.seenInScan = scanNumber;
-                    if (known->second.sameFile(state)) {
-                        continue;
-                    }
-                    candidates.push_back({std::string(account), std::string(name), state, true});
-                    continue;
-                }
-            }
-            candidates.push_back({std::string(account), std::string(name), state, false});
-        }
-        ::closedir(files);
-    }
-    ::closedir(root);
-
-    struct Gone {
-        std::string account;
-        std::string name;
-        FileState state;
-    };
     std::vector<Gone> gone;
-    std::unordered_map<std::uint64_t, std::size_t> goneByInode;
-    for (const auto& [account, folder] : m_files) {
-        for (const auto& [name, state] : folder) {
-            if (state.seenInScan != scanNumber) {
-                goneByInode.emplace(state.inode, gone.size());
-                gone.push_back({account, name, state});
-            }
+    if (!m_baselineDone || !m_followingNames || m_fullScanDue) {
+        const std::uint32_t scanNumber = m_scanNumber + 1;
+        if (!collectEverything(scanNumber, candidates, gone)) {
+            // An unmounted or missing root says nothing about the cards:
+            // forgetting them all here would journal every card as deleted.
+            return 0;
         }
+        m_scanNumber = scanNumber;
+        // Whatever was named so far happened before this scan began.
+        m_fullScanDue = false;
+        m_namedFiles.clear();
+    } else if (!collectNamed(candidates, gone)) {
+        return 0;
     }
     if (candidates.empty() && gone.empty() && m_baselineDone) {
         return 0;
     }
+    return journalDifferences(candidates, gone, m_scanNumber);
+}
 
+bool ChangeJournal::collectEverything(std::uint32_t scanNumber, std::vector<Candidate>& candidates,
+                                      std::vector<Gone>& gone) {
+    std::optional<CardListing> listing = CardListing::list(m_root, m_options.scanThreads);
+    if (!listing) {
+        return false;
+    }
+    // The known files of each account, looked up (never changed) by every
+    // stat thread at once.
+    std::vector<Folder*> known(listing->accounts().size(), nullptr);
+    for (std::size_t index = 0; index < known.size(); ++index) {
+        const CardListing::Account& account = listing->accounts()[index];
+        auto folder = m_files.find(account.name);
+        if (folder == m_files.end()) {
+            continue;
+        }
+        known[index] = &folder->second;
+        if (account.unreadable) {
+            // A folder we may not read still holds its cards.
+            for (auto& [name, state] : folder->second) {
+                state.seenInScan = scanNumber;
+            }
+        }
+    }
+
+    // One stat per file, relative to its open folder. Each thread marks the
+    // known states it meets as seen (every file is one thread's alone) and
+    // keeps the files that differ.
+    const auto& files = listing->files();
+    auto statRange = [&](std::size_t begin, std::size_t end, std::vector<Candidate>& found) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const CardListing::File& file = files[i];
+            std::optional<FileState> state = fileStateAt(listing->folderFD(file), listing->cName(file));
+            if (!state) {
+                continue;
+            }
+            if (Folder* folder = known[file.account]) {
+                auto entry = folder->find(listing->name(file));
+                if (entry != folder->end()) {
+                    entry->second.seenInScan = scanNumber;
+                    if (entry->second.sameFile(*state)) {
+                        continue;
+                    }
+                }
+            }
+            found.push_back(
+                {listing->accountName(file), std::string(listing->name(file)), std::move(*state), false});
+        }
+    };
+    // Threads pay for themselves only on a large tree.
+    constexpr std::size_t kFilesPerThread = 1024;
+    const std::size_t threads =
+        std::clamp<std::size_t>(files.size() / kFilesPerThread, 1, std::max(1u, m_options.scanThreads));
+    if (threads == 1) {
+        statRange(0, files.size(), candidates);
+    } else {
+        std::vector<std::vector<Candidate>> found(threads);
+        std::vector<std::thread> workers;
+        const std::size_t share = (files.size() + threads - 1) / threads;
+        for (std::size_t t = 1; t < threads; ++t) {
+            workers.emplace_back(statRange, std::min(files.size(), t * share),
+                                 std::min(files.size(), (t + 1) * share), std::ref(found[t]));
+        }
+        statRange(0, std::min(files.size(), share), candidates);
+        for (auto& worker : workers) {
+            worker.join();
+        }
+        for (std::size_t t = 1; t < threads; ++t) {
+            std::move(found[t].begin(), found[t].end(), std::back_inserter(candidates));
+        }
+    }
+    collectGone(scanNumber, gone);
+    return true;
+}
+
+bool ChangeJournal::collectNamed(std::vector<Candidate>& candidates, std::vector<Gone>& gone) {
+    if (m_namedFiles.empty()) {
+        return true;
+    }
+    const int rootFD = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (rootFD < 0) {
+        return false;
+    }
+    std::set<std::pair<std::string, std::string>> named;
+    named.swap(m_namedFiles);
+    std::string relative;
+    for (const auto& [account, name] : named) {
+        if (account.empty() || account.front() == '.' || account.find('/') != std::string::npos ||
+            !CardListing::isCardFileName(name) || name.find('/') != std::string::npos) {
+            continue;
+        }
+        relative.assign(account).append("/").append(name);
+        std::optional<FileState> state = fileStateAt(rootFD, relative.c_str());
+        const FileState* knownState = nullptr;
+        if (auto folder = m_files.find(account); folder != m_files.end()) {
+            if (auto entry = folder->second.find(name); entry != folder->second.end()) {
+                knownState = &entry->second;
+            }
+        }
+        if (!state) {
+            if (knownState != nullptr) {
+                gone.push_back({account, name, *knownState});
+            }
+        } else if (knownState == nullptr || !knownState->sameFile(*state)) {
+            candidates.push_back({account, name, std::move(*state), false});
+        }
+    }
+    ::close(rootFD);
+    return true;
+}
+
+void ChangeJournal::collectGone(std::uint32_t scanNumber, std::vector<Gone>& gone) const {
+    for (const auto& [account, folder] : m_files) {
+        for (const auto& [name, state] : folder) {
+            if (state.seenInScan != scanNumber) {
+                gone.push_back({account, name, state});
+            }
+        }
+    }
+}
+
+std::size_t ChangeJournal::journalDifferences(std::vector<Candidate>& candidates,
+                                              const std::vector<Gone>& gone, std::uint32_t scanNumber) {
+    std::unordered_map<std::uint64_t, std::size_t> goneByInode;
+    for (std::size_t i = 0; i < gone.size(); ++i) {
+        goneByInode.emplace(gone[i].state.inode, i);
+    }
     Pending out;
     std::set<std::string> changed;
     std::set<std::string> displaced; // ids that lost a file
     for (Candidate& candidate : candidates) {
         std::optional<std::string> cardID;
+        if (candidate.idKnown) {
+            cardID = candidate.state.cardID;
+        }
         Folder& folder = m_files[candidate.account];
         auto known = folder.find(candidate.name);
-        if (known == folder.end()) {
+        if (!cardID && known == folder.end()) {
             // A file renamed into another account keeps its inode, size and
             // time: the same card, with no need to read it.
             auto moved = goneByInode.find(candidate.state.inode);
@@ -810,6 +863,75 @@ std::size_t ChangeJournal::scanLocked() {
     trimEvents();
     rewriteIfMostlyDropped();
     return eventCount;
+}
+
+void ChangeJournal::followNamedChanges(bool on) {
+    m_followingNames = on;
+    m_fullScanDue = true;
+    ++m_fullScanRequests;
+    m_namedFiles.clear();
+}
+
+void ChangeJournal::filesChanged(std::span<const std::pair<std::string, std::string>> files) {
+    if (m_followingNames) {
+        m_namedFiles.insert(files.begin(), files.end());
+    }
+}
+
+void ChangeJournal::unnamedChanges() {
+    m_fullScanDue = true;
+    ++m_fullScanRequests;
+    m_namedFiles.clear();
+}
+
+std::vector<std::uint8_t> ChangeJournal::tokenAfterSurvey(const Survey& survey, std::uint64_t ticket) {
+    Lock lock(m_lockFD);
+    catchUp();
+    const std::uint32_t scanNumber = ++m_scanNumber;
+    for (const std::string& account : survey.unreadableAccounts) {
+        if (auto folder = m_files.find(account); folder != m_files.end()) {
+            for (auto& [name, state] : folder->second) {
+                state.seenInScan = scanNumber;
+            }
+        }
+    }
+    std::vector<Candidate> candidates;
+    // A read lists one account after another: its folder is looked up once.
+    std::optional<std::string_view> lastAccount;
+    Folder* folder = nullptr;
+    for (const SurveyedFile& file : survey.files) {
+        FileState state;
+        state.inode = file.inode;
+        state.size = file.size;
+        state.mtimeNs = file.mtimeNs;
+        if (file.account != lastAccount) {
+            auto known = m_files.find(file.account);
+            folder = known == m_files.end() ? nullptr : &known->second;
+            lastAccount = file.account;
+        }
+        if (folder != nullptr) {
+            if (auto entry = folder->find(file.name); entry != folder->end()) {
+                entry->second.seenInScan = scanNumber;
+                if (entry->second.sameFile(state)) {
+                    continue;
+                }
+            }
+        }
+        state.cardID = std::string(file.cardID);
+        candidates.push_back({std::string(file.account), std::string(file.name), std::move(state), true});
+    }
+    std::vector<Gone> gone;
+    collectGone(scanNumber, gone);
+    if (ticket == m_fullScanRequests) {
+        // The read began after the last need for a scan of everything arose,
+        // and it saw everything. Names noted meanwhile stay: a file named
+        // after it was read may have changed since.
+        m_fullScanDue = false;
+    }
+    if (!candidates.empty() || !gone.empty() || !m_baselineDone) {
+        journalDifferences(candidates, gone, scanNumber);
+    }
+    return tokenFor(m_position);
 }
 
 void ChangeJournal::recordWrite(const std::string& cardID, const std::string& accountID,

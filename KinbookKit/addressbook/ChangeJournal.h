@@ -10,9 +10,12 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace kinbook {
@@ -37,6 +40,17 @@ namespace kinbook {
 // folder) is a change, not a delete. currentToken() and changesSince() scan
 // first, so a token always covers the files as they were when it was handed
 // out.
+//
+// A scan of every file costs a stat per card, too much after every notice of
+// a large address book. While a folder watcher names each card file that
+// changes (followNamedChanges, filesChanged), a scan stats only the files
+// named since the last one; a scan of everything is made when the watch
+// starts (covering the time before it), when the watcher can't say what
+// changed (unnamedChanges: its queue overflowed, an account folder came or
+// went) and whenever nothing is being followed. A full read of the address
+// book, which lists and reads every file anyway, can stand in for a scan of
+// everything (tokenAfterSurvey), so taking a token with a read costs no
+// second pass over the files.
 //
 // Persistence: one append-only file per vdir root,
 // "<state folder>/journal-<hash of the root's absolute path>.changes", each
@@ -64,6 +78,8 @@ public:
 
     struct Options {
         std::size_t maxEvents = 10'000; // older events are dropped; their tokens start over
+        // Threads that stat a large tree's files in a scan of everything.
+        unsigned scanThreads = 1;
     };
 
     // The journal of `vdirRoot`, kept in `stateFolder` (made when missing).
@@ -103,6 +119,45 @@ public:
     // current token; dropEverything when the token cannot be served.
     ChangeSet changesSince(const std::vector<std::uint8_t>& token);
 
+    // A watcher now names every card file that changes (`on`), or stopped
+    // doing so. Either way the next scan looks at every file; while on, later
+    // scans stat only the files named since.
+    void followNamedChanges(bool on);
+
+    // Card files (account folder name, file name) the watcher saw written,
+    // renamed in or out, deleted or touched. Ignored unless followed.
+    void filesChanged(std::span<const std::pair<std::string, std::string>> files);
+
+    // The watcher can't say what changed: the next scan looks at every file.
+    void unnamedChanges();
+
+    // What a full read of the address book saw: every card file it listed,
+    // with the file's state when it was read and the id of the card in it.
+    struct SurveyedFile {
+        std::string_view account;
+        std::string_view name;
+        std::string_view cardID; // empty: the file held no card
+        std::uint64_t inode = 0;
+        std::uint64_t size = 0;
+        std::int64_t mtimeNs = 0;
+    };
+    struct Survey {
+        std::vector<SurveyedFile> files;
+        // Account folders that could not be listed: their cards stay as known.
+        std::vector<std::string> unreadableAccounts;
+    };
+
+    // Changes whenever a scan of every file becomes due. A full read takes
+    // it before it lists anything and hands it back with its survey, which
+    // then counts as that scan only if no such need arose in between.
+    std::uint64_t surveyTicket() const { return m_fullScanRequests; }
+
+    // Learns the files from a full read instead of a scan: journals every
+    // difference between the survey and the last known state as scan() does
+    // (a file with the known state counts as unchanged; nothing is statted
+    // or read here), then names the position after the last event.
+    std::vector<std::uint8_t> tokenAfterSurvey(const Survey& survey, std::uint64_t ticket);
+
     const std::filesystem::path& journalFile() const { return m_journalFile; }
     // Why the journal last fell back to memory or started over; empty if never.
     const std::string& lastError() const { return m_lastError; }
@@ -134,6 +189,19 @@ private:
     using Folder = std::unordered_map<std::string, FileState, StringHash, std::equal_to<>>;
     using Table = std::unordered_map<std::string, Folder, StringHash, std::equal_to<>>;
     class Lock;
+    // A file whose state differs from the known one, or that is new.
+    struct Candidate {
+        std::string account;
+        std::string name;
+        FileState state;
+        bool idKnown = false; // state.cardID is the file's card id already
+    };
+    // A known file that is no longer there.
+    struct Gone {
+        std::string account;
+        std::string name;
+        FileState state;
+    };
     // Records encoded for one append, with how many there are.
     struct Pending {
         std::string bytes;
@@ -150,6 +218,15 @@ private:
     void rewrite();
     void fallBackToMemory(const std::string& why);
     std::size_t scanLocked();
+    // What changed, found by statting every file or only the named ones;
+    // false when the root can't be read (nothing is then known to be gone).
+    bool collectEverything(std::uint32_t scanNumber, std::vector<Candidate>& candidates,
+                           std::vector<Gone>& gone);
+    bool collectNamed(std::vector<Candidate>& candidates, std::vector<Gone>& gone);
+    void collectGone(std::uint32_t scanNumber, std::vector<Gone>& gone) const;
+    // Journals what was collected; returns how many events that made.
+    std::size_t journalDifferences(std::vector<Candidate>& candidates, const std::vector<Gone>& gone,
+                                   std::uint32_t scanNumber);
 
     // Changes to the table and the history; each is also encoded into `out`
     // unless it is null (while replaying the file).
@@ -186,6 +263,12 @@ private:
     Table m_files; // account folder name -> file name -> state
     std::unordered_map<std::string, std::uint32_t> m_filesPerCard;
     std::uint32_t m_scanNumber = 0;
+
+    // Following a watcher's names (this process only).
+    bool m_followingNames = false;
+    bool m_fullScanDue = true;
+    std::uint64_t m_fullScanRequests = 0;
+    std::set<std::pair<std::string, std::string>> m_namedFiles;
 };
 
 } // namespace kinbook

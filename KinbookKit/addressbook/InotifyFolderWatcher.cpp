@@ -1,5 +1,7 @@
 #include "KinbookKit/addressbook/InotifyFolderWatcher.h"
 
+#include "KinbookKit/addressbook/CardListing.h"
+
 #include <fmt/core.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -22,6 +24,10 @@ constexpr std::uint32_t rootEvents =
 // replacing); IN_ATTRIB a touch, which the journal sees as a change too.
 constexpr std::uint32_t accountEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_DELETE |
                                         IN_ATTRIB | IN_DELETE_SELF | IN_ONLYDIR;
+
+// Beyond this many files changed between two notices, naming them all
+// saves nothing over a scan of everything.
+constexpr std::size_t kMostNamedFiles = 10'000;
 
 bool isHidden(std::string_view name) {
     return name.empty() || name[0] == '.';
@@ -80,6 +86,8 @@ Result<void, std::string> InotifyFolderWatcher::start(const std::filesystem::pat
             watchAccount(name);
         }
     }
+    // Nothing was watched before now.
+    notify({}, true);
     m_reader = std::thread([this] { readEvents(); });
     return {};
 }
@@ -106,17 +114,56 @@ void InotifyFolderWatcher::stop() {
     }
     m_delivery.reset();
     m_rootWatch = -1;
+    m_accounts.clear();
+    m_incomplete = false;
     m_executor = nullptr;
 }
 
 void InotifyFolderWatcher::watchAccount(const std::string& name) {
-    // A folder gone again, or one we may not read, is left alone: the scan
-    // treats it the same way. The kernel drops a removed folder's watch itself.
-    ::inotify_add_watch(m_inotifyFD, (m_root / name).c_str(), accountEvents);
+    // The kernel drops a removed folder's watch itself. Watching a folder
+    // twice (a folder renamed back) gives the watch it has, now by this name.
+    const int watch = ::inotify_add_watch(m_inotifyFD, (m_root / name).c_str(), accountEvents);
+    if (watch >= 0) {
+        m_accounts[watch] = name;
+    } else if (errno != ENOENT && errno != ENOTDIR) {
+        // A folder we may not read, or one past the kernel's limit on
+        // watches: changes in it go unseen, so names can no longer be
+        // trusted to cover everything.
+        m_incomplete = true;
+    }
 }
 
-void InotifyFolderWatcher::notify() {
+void InotifyFolderWatcher::forgetAccount(const std::string& name) {
+    for (auto account = m_accounts.begin(); account != m_accounts.end(); ++account) {
+        if (account->second == name) {
+            // A folder moved away keeps its watch; its events must not be
+            // taken for this name's.
+            ::inotify_rm_watch(m_inotifyFD, account->first);
+            m_accounts.erase(account);
+            return;
+        }
+    }
+}
+
+void InotifyFolderWatcher::notify(std::vector<std::pair<std::string, std::string>> files, bool unnamed) {
     std::shared_ptr<Delivery> delivery = m_delivery;
+    {
+        std::lock_guard lock(delivery->changesMutex);
+        FolderChange& changes = delivery->changes;
+        changes.unnamed = changes.unnamed || unnamed;
+        if (!changes.unnamed) {
+            for (auto& file : files) {
+                if (delivery->named.insert(file).second) {
+                    changes.files.push_back(std::move(file));
+                }
+            }
+            changes.unnamed = changes.files.size() > kMostNamedFiles;
+        }
+        if (changes.unnamed) {
+            changes.files.clear();
+            delivery->named.clear();
+        }
+    }
     if (delivery->pending.exchange(true)) {
         return;
     }
@@ -125,9 +172,16 @@ void InotifyFolderWatcher::notify() {
         if (delivery->stopped) {
             return;
         }
-        // Cleared before the call, so a change made while it runs posts again.
+        // Cleared before the changes are taken, so a change made while this
+        // runs posts again.
         delivery->pending = false;
-        delivery->onChange();
+        FolderChange change;
+        {
+            std::lock_guard changesLock(delivery->changesMutex);
+            change = std::exchange(delivery->changes, FolderChange{});
+            delivery->named.clear();
+        }
+        delivery->onChange(change);
     });
 }
 
@@ -145,6 +199,8 @@ void InotifyFolderWatcher::readEvents() {
             return;
         }
         bool changed = false;
+        bool unnamed = false;
+        std::vector<std::pair<std::string, std::string>> files;
         for (;;) {
             ssize_t got = ::read(m_inotifyFD, buffer, sizeof buffer);
             if (got <= 0) {
@@ -155,25 +211,39 @@ void InotifyFolderWatcher::readEvents() {
                 offset += sizeof(inotify_event) + event->len;
                 std::string_view name = event->len > 0 ? std::string_view(event->name) : std::string_view();
                 if ((event->mask & IN_Q_OVERFLOW) != 0) {
-                    changed = true;
+                    changed = unnamed = true;
                 } else if (event->wd == m_rootWatch) {
                     if ((event->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-                        changed = true;
+                        changed = unnamed = true;
                     } else if ((event->mask & IN_ISDIR) != 0 && !isHidden(name)) {
+                        if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+                            forgetAccount(std::string(name));
+                        }
                         if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
                             watchAccount(std::string(name));
                         }
-                        changed = true;
+                        // Cards came or went with the folder, unnamed.
+                        changed = unnamed = true;
                     }
                 } else if ((event->mask & IN_IGNORED) != 0) {
-                    continue;
-                } else if ((event->mask & IN_DELETE_SELF) != 0 || isReported(name)) {
+                    m_accounts.erase(event->wd);
+                } else if ((event->mask & IN_DELETE_SELF) != 0) {
+                    changed = unnamed = true;
+                } else if (isReported(name)) {
                     changed = true;
+                    if (CardListing::isCardFileName(name)) {
+                        const auto account = m_accounts.find(event->wd);
+                        if (account != m_accounts.end()) {
+                            files.emplace_back(account->second, std::string(name));
+                        } else {
+                            unnamed = true;
+                        }
+                    }
                 }
             }
         }
         if (changed) {
-            notify();
+            notify(std::move(files), unnamed || m_incomplete);
         }
     }
 }

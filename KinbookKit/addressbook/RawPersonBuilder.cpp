@@ -293,26 +293,46 @@ void RawPersonBuilder::addPhoto(bool hasInlineData) {
 
 Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accountID) && {
     Person person;
+    std::move(*this).finishInto(person, cardID, accountID);
+    return person;
+}
+
+void RawPersonBuilder::finishInto(Person& person, std::string_view cardID, std::string_view accountID) && {
+    // Everything the builder holds moves into the person: this runs once
+    // for every card of every full read.
     person.id = std::string(cardID);
-    const CardNames names = completeCardNames(m_names, m_fn.value_or(std::string()), m_company);
+    CardNames names =
+        completeCardNames(std::move(m_names), m_fn ? std::string_view(*m_fn) : std::string_view(), m_company);
     if (!m_company) {
         // A company card is listed, sorted and found by its organisation.
-        person.givenName = names.givenName;
-        person.middleName = names.middleName;
-        person.familyName = names.familyName;
+        person.givenName = std::move(names.givenName);
+        person.middleName = std::move(names.middleName);
+        person.familyName = std::move(names.familyName);
     }
-    person.nickname = m_nickname.value_or(std::string());
-    person.organization = names.organization;
-    person.jobTitle = m_title.value_or(std::string());
-    person.department = names.department;
-    person.accountIDs = {std::string(accountID)};
-    person.memberIDs = {std::string(cardID)};
+    if (m_nickname) {
+        person.nickname = std::move(*m_nickname);
+    }
+    person.organization = std::move(names.organization);
+    if (m_title) {
+        person.jobTitle = std::move(*m_title);
+    }
+    person.department = std::move(names.department);
+    person.accountIDs.reserve(1);
+    person.accountIDs.emplace_back(accountID);
+    person.memberIDs.reserve(1);
+    person.memberIDs.emplace_back(person.id);
     person.detailed = m_details;
-    person.kinID = KinID::readID(m_anchors);
-    if (const auto anchor = KinID::Anchor::read(m_anchors)) {
-        person.hidden = anchor->hidden;
-        person.circle = anchor->circle;
-        person.isPrimaryCard = anchor->primary;
+    if (!m_anchors.empty()) {
+        // The first anchor URL, when its id reads, is both the KinID and the
+        // anchor; only a damaged first anchor sends readID further.
+        if (auto anchor = KinID::Anchor::read(m_anchors)) {
+            person.kinID = std::move(anchor->id);
+            person.hidden = anchor->hidden;
+            person.circle = anchor->circle;
+            person.isPrimaryCard = anchor->primary;
+        } else {
+            person.kinID = KinID::readID(m_anchors);
+        }
     }
     if (m_details) {
         person.phoneNumbers = std::move(m_phones);
@@ -328,7 +348,6 @@ Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accoun
         person.filledCount = filled;
     }
     person.derive();
-    return person;
 }
 
 } // namespace kinbook

@@ -117,6 +117,9 @@ public:
     const std::optional<std::string>& uid() const { return m_uid; }
 
     Person finish(std::string_view cardID, std::string_view accountID) &&;
+    // The same into `person`, a freshly made one the caller keeps (a full
+    // read fills its people in place).
+    void finishInto(Person& person, std::string_view cardID, std::string_view accountID) &&;
 
 private:
     bool m_details;

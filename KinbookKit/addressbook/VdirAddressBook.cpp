@@ -3,6 +3,7 @@
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardEntries.h"
+#include "KinbookKit/addressbook/CardListing.h"
 #include "KinbookKit/addressbook/CardReader.h"
 #include "KinbookKit/addressbook/CardScanner.h"
 #include "KinbookKit/addressbook/CardWriter.h"
@@ -96,6 +97,91 @@ std::optional<std::string> readWholeFile(const fs::path& path, std::string* prob
     return bytes;
 }
 
+// How a full read fared with one listed file.
+enum class ReadOutcome : std::uint8_t {
+    gone,       // vanished since the listing, or not a regular file
+    unreadable, // there, but it couldn't be read
+    notCard,    // read, but it holds no card
+    group,      // a group card: kept, never shown as a person
+    person,
+};
+
+// Reads the card file `name` of the folder open as `folderFD` into
+// `buffer`, which the read thread keeps from file to file, and sets
+// `length`. `stamp` (when given) gets the file's state if it can be had
+// (`stamped`), even when the file can't be read. False when the file is not
+// read; `problem` then says why, or is empty when the file is simply gone.
+bool readCardFile(int folderFD, const char* name, bool knownRegular, std::vector<char>& buffer,
+                  std::size_t& length, FileStamp* stamp, bool& stamped, std::string& problem) {
+    stamped = false;
+    const int fd = ::openat(folderFD, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) {
+        const int error = errno;
+        if (error == ENOENT) {
+            return false;
+        }
+        struct stat info {};
+        if (stamp != nullptr && ::fstatat(folderFD, name, &info, 0) == 0 && S_ISREG(info.st_mode)) {
+            *stamp = FileStamp{info.st_ino, info.st_size,
+                               static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
+                                   info.st_mtim.tv_nsec};
+            stamped = true;
+        }
+        problem = std::strerror(error);
+        return false;
+    }
+    // The size, when known, lets one read take the whole file.
+    std::size_t expected = 0;
+    bool sized = false;
+    if (stamp != nullptr || !knownRegular) {
+        struct stat info {};
+        if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+            ::close(fd); // a folder or a device behind a link: not a card
+            return false;
+        }
+        if (stamp != nullptr) {
+            *stamp = FileStamp{info.st_ino, info.st_size,
+                               static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
+                                   info.st_mtim.tv_nsec};
+            stamped = true;
+        }
+        if (static_cast<std::uint64_t>(info.st_size) > kLargestCard) {
+            ::close(fd);
+            problem = "file too large";
+            return false;
+        }
+        expected = static_cast<std::size_t>(info.st_size);
+        sized = true;
+        if (buffer.size() < expected + 1) {
+            buffer.resize(expected + 1);
+        }
+    }
+    length = 0;
+    while (!sized || length < expected) {
+        if (length == buffer.size()) {
+            if (buffer.size() > kLargestCard) {
+                ::close(fd);
+                problem = "file too large";
+                return false;
+            }
+            buffer.resize(std::min<std::size_t>(buffer.size() * 2, kLargestCard + 1));
+        }
+        // A file that grew since fstat is read as it was then, as a card is
+        // read everywhere else.
+        const std::size_t room = sized ? expected - length : buffer.size() - length;
+        const ssize_t got = ::read(fd, buffer.data() + length, room);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            break; // the end, or a file that shrank: keep what was there
+        }
+        length += static_cast<std::size_t>(got);
+    }
+    ::close(fd);
+    return true;
+}
+
 std::string readMetadata(const fs::path& file) {
     auto text = readWholeFile(file);
     if (!text) {
@@ -171,15 +257,20 @@ VdirAddressBook::VdirAddressBook(Options options)
     }
     const fs::path stateFolder =
         m_options.stateFolder.empty() ? ChangeJournal::defaultStateFolder() : m_options.stateFolder;
-    m_journal = std::make_unique<ChangeJournal>(stateFolder, m_options.root, [](const fs::path& path) {
-        auto bytes = readWholeFile(path);
-        if (!bytes) {
-            return std::optional<std::string>();
-        }
-        auto person =
-            scanPerson(*bytes, path.filename().string(), path.parent_path().filename().string(), false);
-        return person ? std::optional<std::string>(person->id) : std::nullopt;
-    });
+    ChangeJournal::Options journalOptions;
+    journalOptions.scanThreads = m_options.readThreads;
+    m_journal = std::make_unique<ChangeJournal>(
+        stateFolder, m_options.root,
+        [](const fs::path& path) {
+            auto bytes = readWholeFile(path);
+            if (!bytes) {
+                return std::optional<std::string>();
+            }
+            auto person =
+                scanPerson(*bytes, path.filename().string(), path.parent_path().filename().string(), false);
+            return person ? std::optional<std::string>(person->id) : std::nullopt;
+        },
+        journalOptions);
 }
 
 VdirAddressBook::~VdirAddressBook() {
@@ -286,62 +377,176 @@ bool VdirAddressBook::isReadOnly(const std::string& accountID) const {
            ::access((m_options.root / accountID).c_str(), W_OK) != 0;
 }
 
-std::vector<Person> VdirAddressBook::scanFiles(const std::vector<CardFile>& files, bool details) {
-    std::vector<std::optional<Person>> read(files.size());
-    std::vector<std::string> problems(files.size());
+std::uint32_t VdirAddressBook::accountIndex(const std::string& accountID) {
+    const auto known = std::find(m_accountIDs.begin(), m_accountIDs.end(), accountID);
+    if (known != m_accountIDs.end()) {
+        return static_cast<std::uint32_t>(known - m_accountIDs.begin());
+    }
+    m_accountIDs.push_back(accountID);
+    return static_cast<std::uint32_t>(m_accountIDs.size() - 1);
+}
+
+VdirAddressBook::CardFile VdirAddressBook::fileAt(std::string_view cardID,
+                                                  const CardIndex::Place& place) const {
+    const std::string& accountID = m_accountIDs[place.account];
+    return CardFile{m_options.root / accountID /
+                        (place.fileName.empty() ? std::string(cardID) + ".vcf" : std::string(place.fileName)),
+                    accountID};
+}
+
+std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std::uint8_t>* token) {
+    // Nothing is read before the ticket is taken: a need for a scan of
+    // everything that arises during the read is then not lost.
+    std::uint64_t ticket = 0;
+    if (token != nullptr) {
+        std::lock_guard lock(m_mutex);
+        ticket = m_journal->surveyTicket();
+    }
+    std::optional<CardListing> listing = CardListing::list(m_options.root, m_options.readThreads);
+    if (!listing) {
+        std::lock_guard lock(m_mutex);
+        m_index = CardIndex();
+        if (token != nullptr) {
+            *token = m_journal->currentToken();
+        }
+        return {};
+    }
+
+    // Each read thread takes the next few files, reads each with one open
+    // relative to its folder into a buffer it keeps, and puts the person in
+    // the file's own slot, so the people come out in listing order however
+    // the work was shared.
+    const auto& files = listing->files();
+    const std::size_t count = files.size();
+    std::vector<Person> people(count);
+    std::vector<ReadOutcome> outcomes(count, ReadOutcome::gone);
+    std::vector<FileStamp> stamps(token != nullptr ? count : 0);
+    std::vector<std::size_t> hashes(count); // of each card id, for the index
+    const unsigned threads = std::min<unsigned>(m_options.readThreads, static_cast<unsigned>(count / 64 + 1));
+    std::vector<std::vector<std::pair<std::size_t, std::string>>> problems(threads);
     std::atomic<std::size_t> next{0};
-    auto work = [&] {
-        for (std::size_t i = next++; i < files.size(); i = next++) {
-            auto bytes = readWholeFile(files[i].path, &problems[i]);
-            if (!bytes) {
-                continue; // gone between listing and reading, or unreadable
+    auto work = [&](unsigned thread) {
+        constexpr std::size_t kFilesPerTake = 32;
+        std::vector<char> buffer(64 * 1024);
+        std::string problem;
+        for (;;) {
+            const std::size_t begin = next.fetch_add(kFilesPerTake);
+            if (begin >= count) {
+                return;
             }
-            bool isGroup = false;
-            read[i] =
-                scanPerson(*bytes, files[i].path.filename().string(), files[i].accountID, details, &isGroup);
-            if (isGroup) {
+            for (std::size_t i = begin; i < std::min(count, begin + kFilesPerTake); ++i) {
+                const CardListing::File& file = files[i];
+                std::size_t length = 0;
+                bool stamped = false;
+                problem.clear();
+                if (!readCardFile(listing->folderFD(file), listing->cName(file), file.knownRegular, buffer,
+                                  length, token != nullptr ? &stamps[i] : nullptr, stamped, problem)) {
+                    outcomes[i] = stamped ? ReadOutcome::unreadable : ReadOutcome::gone;
+                    if (!problem.empty()) {
+                        problems[thread].emplace_back(i, problem);
+                    }
+                    continue;
+                }
+                bool isGroup = false;
+                if (!scanPersonInto(people[i], std::string_view(buffer.data(), length), listing->name(file),
+                                    listing->accountName(file), details, &isGroup)) {
+                    outcomes[i] = ReadOutcome::notCard;
+                    problems[thread].emplace_back(i, "not a vCard");
+                    continue;
+                }
                 // Contact groups stored as cards are kept, never shown as people.
-                read[i].reset();
-            } else if (!read[i]) {
-                problems[i] = "not a vCard";
+                outcomes[i] = isGroup ? ReadOutcome::group : ReadOutcome::person;
+                hashes[i] = CardIndex::hashOf(people[i].id);
             }
         }
     };
-    const unsigned threads =
-        std::min<unsigned>(m_options.readThreads, static_cast<unsigned>(files.size() / 64 + 1));
     std::vector<std::thread> workers;
     for (unsigned t = 1; t < threads; ++t) {
-        workers.emplace_back(work);
+        workers.emplace_back(work, t);
     }
-    work();
+    work(0);
     for (auto& worker : workers) {
         worker.join();
     }
 
-    std::vector<Person> people;
-    people.reserve(files.size());
+    CardIndex previous; // dropped once the lock is released
     std::lock_guard lock(m_mutex);
-    std::unordered_map<std::string, CardFile> index;
-    index.reserve(files.size());
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        if (!problems[i].empty() && problems[i] != "No such file or directory") {
-            m_log->error(fmt::format("skipped card {}: {}", files[i].path.string(), problems[i]));
+    if (token != nullptr) {
+        // The journal learns the files from this read, with the ids as read
+        // (a second file with one UID included), instead of statting them all
+        // again.
+        ChangeJournal::Survey survey;
+        for (const auto& account : listing->accounts()) {
+            if (account.unreadable) {
+                survey.unreadableAccounts.push_back(account.name);
+            }
         }
-        if (!read[i]) {
+        survey.files.reserve(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (outcomes[i] == ReadOutcome::gone) {
+                continue;
+            }
+            const bool hasCard = outcomes[i] == ReadOutcome::person || outcomes[i] == ReadOutcome::group;
+            survey.files.push_back({listing->accountName(files[i]), listing->name(files[i]),
+                                    hasCard ? std::string_view(people[i].id) : std::string_view(),
+                                    static_cast<std::uint64_t>(stamps[i].inode),
+                                    static_cast<std::uint64_t>(stamps[i].size), stamps[i].mtimeNs});
+        }
+        *token = m_journal->tokenAfterSurvey(survey, ticket);
+    }
+
+    std::vector<std::uint32_t> accountIndexes;
+    for (const auto& account : listing->accounts()) {
+        accountIndexes.push_back(accountIndex(account.name));
+    }
+    CardIndex index(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        if (outcomes[i] != ReadOutcome::person) {
             continue;
         }
-        Person& person = *read[i];
+        Person& person = people[i];
+        const CardListing::File& file = files[i];
+        const std::uint32_t account = accountIndexes[file.account];
         // Two files with one UID (a copy made by hand, a broken sync) would be
         // one card to everyone else; Kinbook keeps both visible, the second
         // under an id made from its account and file name.
-        if (index.contains(person.id)) {
-            person.id = cardIDFromFileName(files[i].accountID + "-" + files[i].path.filename().string());
+        if (!index.insert(person.id, hashes[i], account, listing->name(file))) {
+            person.id =
+                cardIDFromFileName(listing->accountName(file) + "-" + std::string(listing->name(file)));
             person.memberIDs = {person.id};
+            index.insert(person.id, account, listing->name(file));
         }
-        index.emplace(person.id, files[i]);
-        people.push_back(std::move(person));
     }
-    m_index = std::move(index);
+    // Groups and files without a card leave holes, filled from the end: the
+    // order stays the same from one read of the same files to the next, and
+    // nearly every person stays where it was read.
+    std::size_t end = count;
+    for (std::size_t i = 0; i < end; ++i) {
+        if (outcomes[i] == ReadOutcome::person) {
+            continue;
+        }
+        while (end > i + 1 && outcomes[end - 1] != ReadOutcome::person) {
+            --end;
+        }
+        if (end == i + 1) {
+            end = i;
+            break;
+        }
+        people[i] = std::move(people[end - 1]);
+        outcomes[i] = ReadOutcome::person;
+        --end;
+    }
+    people.erase(people.begin() + static_cast<std::ptrdiff_t>(end), people.end());
+    previous = std::exchange(m_index, std::move(index));
+
+    std::vector<std::pair<std::size_t, std::string>> skipped;
+    for (auto& list : problems) {
+        std::move(list.begin(), list.end(), std::back_inserter(skipped));
+    }
+    std::sort(skipped.begin(), skipped.end());
+    for (const auto& [i, problem] : skipped) {
+        m_log->error(fmt::format("skipped card {}: {}", listing->path(files[i]).string(), problem));
+    }
     return people;
 }
 
@@ -352,12 +557,6 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
     }
     restoreHeldNotesOnce();
     FullRead result;
-    if (options.takeToken) {
-        // Taken before anything is read: a change made during the read is
-        // then seen by the next refresh rather than lost.
-        std::lock_guard lock(m_mutex);
-        result.snapshot.historyToken = m_journal->currentToken();
-    }
     auto accountList = accounts();
     if (!accountList.ok()) {
         return failure(accountList.error());
@@ -365,12 +564,26 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
     result.snapshot.accounts = std::move(accountList.value());
 
     const auto start = Clock::now();
-    const auto files = cardFiles();
-    result.snapshot.people = scanFiles(files, options.details);
+    // The token comes with the read: the journal learns every file from it
+    // as it was read, so a change made during the read (after its file was
+    // read, or to a file listed too late) is what the next refresh reports.
+    std::vector<std::uint8_t> token;
+    result.snapshot.people = readEveryCard(options.details, options.takeToken ? &token : nullptr);
+    if (options.takeToken) {
+        result.snapshot.historyToken = std::move(token);
+    }
     if (options.membership) {
         const auto membershipStart = Clock::now();
+        // Inserted in id order, each at the end of the map.
+        std::vector<const Person*> byID;
+        byID.reserve(result.snapshot.people.size());
         for (const auto& person : result.snapshot.people) {
-            result.membership[person.id] = person.accountIDs;
+            byID.push_back(&person);
+        }
+        std::stable_sort(byID.begin(), byID.end(),
+                         [](const Person* a, const Person* b) { return a->id < b->id; });
+        for (const Person* person : byID) {
+            result.membership.insert_or_assign(result.membership.end(), person->id, person->accountIDs);
         }
         m_log->info(fmt::format("step membership: {} accounts in {} ms", result.snapshot.accounts.size(),
                                 millisecondsSince(membershipStart)));
@@ -420,25 +633,27 @@ VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
 void VdirAddressBook::rebuildIndex() {
     // Reading every card's id is the only way to find a card that moved or
     // whose file was replaced under a new name; it happens only on a miss.
-    const auto files = cardFiles();
-    scanFiles(files, false);
+    readEveryCard(false, nullptr);
 }
 
 std::optional<VdirAddressBook::CardFile> VdirAddressBook::locate(std::string_view cardID) {
     {
         std::lock_guard lock(m_mutex);
-        const auto found = m_index.find(std::string(cardID));
-        if (found != m_index.end() && fs::exists(found->second.path)) {
-            return found->second;
+        const auto* found = m_index.find(cardID);
+        if (found != nullptr) {
+            CardFile file = fileAt(cardID, *found);
+            if (fs::exists(file.path)) {
+                return file;
+            }
         }
     }
     rebuildIndex();
     std::lock_guard lock(m_mutex);
-    const auto found = m_index.find(std::string(cardID));
-    if (found == m_index.end()) {
+    const auto* found = m_index.find(cardID);
+    if (found == nullptr) {
         return std::nullopt;
     }
-    return found->second;
+    return fileAt(cardID, *found);
 }
 
 Result<VdirAddressBook::Loaded, AddressBookError> VdirAddressBook::load(std::string_view cardID) {
@@ -490,7 +705,7 @@ Result<std::vector<std::string>, AddressBookError> VdirAddressBook::allCardIDs()
         return failure(
             AddressBookError::store("The address book folder can't be read: " + m_options.root.string()));
     }
-    const auto people = scanFiles(cardFiles(), false);
+    const auto people = readEveryCard(false, nullptr);
     std::vector<std::string> ids;
     ids.reserve(people.size());
     for (const auto& person : people) {
@@ -630,7 +845,7 @@ VdirAddressBook::createCard(const std::string& accountID, std::string_view bytes
             fmt::format("Couldn't write {}: {}", path.string(), std::strerror(errno))));
     }
     std::lock_guard lock(m_mutex);
-    m_index[uid] = CardFile{path, accountID};
+    m_index.set(uid, accountIndex(accountID), path.filename().native());
     m_journal->recordWrite(uid, accountID, path);
     return uid;
 }
@@ -1093,12 +1308,35 @@ Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,
     if (!m_options.watcher) {
         return failure(std::string("no folder watcher"));
     }
-    return m_options.watcher->start(m_options.root, executor, std::move(onChange));
+    // The journal hears what each notice names before the caller hears of
+    // it, so the refresh that follows stats only those files.
+    auto started = m_options.watcher->start(
+        m_options.root, executor, [this, onChange = std::move(onChange)](const FolderChange& change) {
+            {
+                std::lock_guard lock(m_mutex);
+                if (change.unnamed) {
+                    m_journal->unnamedChanges();
+                } else {
+                    m_journal->filesChanged(change.files);
+                }
+            }
+            onChange();
+        });
+    if (!started.ok()) {
+        return started;
+    }
+    // Only now is every change named; the next scan still covers the time
+    // before the watch began.
+    std::lock_guard lock(m_mutex);
+    m_journal->followNamedChanges(true);
+    return {};
 }
 
 void VdirAddressBook::stopObserving() {
     if (m_options.watcher) {
         m_options.watcher->stop();
+        std::lock_guard lock(m_mutex);
+        m_journal->followNamedChanges(false);
     }
 }
 

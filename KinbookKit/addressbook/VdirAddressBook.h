@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KinbookKit/addressbook/AddressBook.h"
+#include "KinbookKit/addressbook/CardIndex.h"
 #include "KinbookKit/addressbook/CardWriter.h"
 #include "KinbookKit/addressbook/ChangeJournal.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
@@ -142,7 +143,13 @@ private:
     bool isReadOnly(const std::string& accountID) const;
     Result<void, AddressBookError> editCard(std::string_view cardID, const Edit& edit, const char* what);
     Result<EditStatus, AddressBookError> editOnce(std::string_view cardID, const Edit& edit);
-    std::vector<Person> scanFiles(const std::vector<CardFile>& files, bool details);
+    // Lists and reads every card file on the read threads and makes the
+    // index from what it read. With `token`, the journal learns the files
+    // from this read, and `*token` is the position after what it found.
+    std::vector<Person> readEveryCard(bool details, std::vector<std::uint8_t>* token);
+    // The index's number for the account `accountID`, added when new.
+    std::uint32_t accountIndex(const std::string& accountID);
+    CardFile fileAt(std::string_view cardID, const CardIndex::Place& place) const;
     Result<std::string, AddressBookError> createCard(const std::string& accountID, std::string_view bytes,
                                                      const std::string& uid);
     Result<std::string, AddressBookError> createFromDraft(const ContactDraft& draft);
@@ -154,8 +161,9 @@ private:
     Options m_options;
     std::shared_ptr<KinLog> m_log;
 
-    std::mutex m_mutex;                                // guards everything below
-    std::unordered_map<std::string, CardFile> m_index; // card id to its file, as last read
+    std::mutex m_mutex;                    // guards everything below
+    CardIndex m_index;                     // card id to its file, as last read
+    std::vector<std::string> m_accountIDs; // the accounts the index's places refer to
     std::unique_ptr<ChangeJournal> m_journal;
     EntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex

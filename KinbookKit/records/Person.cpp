@@ -20,35 +20,70 @@ std::string sectionLetterOf(const std::string& key) {
     return "#";
 }
 
-std::string sortKeyOf(const std::string& lead, const std::string& fallback, const std::string& tail) {
+// The folded texts derive() puts together, kept per thread: a large
+// address book derives the keys of every person on every read, and building
+// them here first means each key is allocated once, at its final size.
+struct DeriveScratch {
+    std::string given;
+    std::string family;
+    std::string display;
     std::string key;
-    foldInto(key, lead.empty() ? fallback : lead);
+    std::string search;
+};
+
+DeriveScratch& deriveScratch() {
+    thread_local DeriveScratch scratch;
+    return scratch;
+}
+
+// The lead, a blank, the tail: both folded already.
+std::string sortKeyOf(std::string& key, const std::string& lead, const std::string& tail) {
+    key.assign(lead);
     key += ' ';
-    foldInto(key, tail);
-    return key;
+    key += tail;
+    return std::string(key);
 }
 
 } // namespace
 
 void Person::derive() {
     PersonKeys keys;
+    DeriveScratch& scratch = deriveScratch();
+    // Each name is folded once and the folds reused for every key.
+    scratch.given.clear();
+    foldInto(scratch.given, givenName);
+    scratch.family.clear();
+    foldInto(scratch.family, familyName);
+    scratch.display.clear();
     if (!givenName.empty() && !familyName.empty()) {
-        keys.displayName = givenName + " " + familyName;
+        keys.displayName.reserve(givenName.size() + 1 + familyName.size());
+        keys.displayName += givenName;
+        keys.displayName += ' ';
+        keys.displayName += familyName;
+        foldInto(scratch.display, keys.displayName);
     } else if (!givenName.empty() || !familyName.empty()) {
-        keys.displayName = givenName.empty() ? familyName : givenName;
-    } else if (!organization.empty()) {
-        keys.displayName = organization;
-    } else if (!emailAddresses.empty()) {
-        keys.displayName = emailAddresses.front();
-    } else if (!phoneNumbers.empty()) {
-        keys.displayName = phoneNumbers.front();
+        keys.displayName = std::string(givenName.empty() ? familyName : givenName);
+        scratch.display = givenName.empty() ? scratch.family : scratch.given;
+    } else {
+        if (!organization.empty()) {
+            keys.displayName = std::string(organization);
+        } else if (!emailAddresses.empty()) {
+            keys.displayName = std::string(emailAddresses.front());
+        } else if (!phoneNumbers.empty()) {
+            keys.displayName = std::string(phoneNumbers.front());
+        }
+        foldInto(scratch.display, keys.displayName);
     }
     // "No Name" is what the list shows, not a name: such a person sorts
     // first and files under "#", not among the Ns.
-    keys.sortKey = sortKeyOf(familyName, keys.displayName, givenName);
-    keys.firstNameSortKey = sortKeyOf(givenName, keys.displayName, familyName);
+    const std::string& given = scratch.given;
+    const std::string& family = scratch.family;
+    keys.sortKey = sortKeyOf(scratch.key, familyName.empty() ? scratch.display : family, given);
+    keys.firstNameSortKey = sortKeyOf(scratch.key, givenName.empty() ? scratch.display : given, family);
     if (keys.displayName.empty()) {
         keys.displayName = "No Name";
+        scratch.display.clear();
+        foldInto(scratch.display, keys.displayName);
     }
     keys.sectionLetter = sectionLetterOf(keys.sortKey);
     keys.firstNameSectionLetter = sectionLetterOf(keys.firstNameSortKey);
@@ -61,23 +96,31 @@ void Person::derive() {
         keys.phoneDigits.push_back(numberCharacters(phone));
     }
 
-    bool first = true;
-    const auto add = [&](const std::string& text) {
-        if (!first) {
-            keys.searchText += '\n';
-        }
-        first = false;
-        foldInto(keys.searchText, text);
+    std::string& search = scratch.search;
+    search.clear();
+    const auto addFolded = [&](const std::string& folded) {
+        search += folded;
+        search += '\n';
     };
-    for (const auto* text : {&givenName, &middleName, &familyName, &nickname, &organization, &jobTitle,
-                             &department, &keys.displayName}) {
-        add(*text);
-    }
+    const auto add = [&](const std::string& text) {
+        foldInto(search, text);
+        search += '\n';
+    };
+    addFolded(given);
+    add(middleName);
+    addFolded(family);
+    add(nickname);
+    add(organization);
+    add(jobTitle);
+    add(department);
+    addFolded(scratch.display);
     for (const auto* list : {&emailAddresses, &places, &postalCodes}) {
         for (const auto& text : *list) {
             add(text);
         }
     }
+    search.pop_back(); // the last line's break
+    keys.searchText = std::string(search);
     m_keys = std::move(keys);
 }
 

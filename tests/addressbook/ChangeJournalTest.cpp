@@ -4,6 +4,7 @@
 #include "tests/support/TempFolder.h"
 
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -63,6 +64,57 @@ public:
         return target;
     }
 
+    // Two accounts, four files, three cards (one in both accounts).
+    void makeFourCards() {
+        fs::remove_all(root());
+        fs::remove_all(state());
+        fs::create_directories(root() / "home");
+        fs::create_directories(root() / "work");
+        write("home", "a.vcf", card("A"));
+        write("home", "twin.vcf", card("T"));
+        write("work", "twin.vcf", card("T"));
+        write("work", "w.vcf", card("W"));
+    }
+
+    // Every card file as (account, file name).
+    std::set<std::pair<std::string, std::string>> cardFiles() const {
+        std::set<std::pair<std::string, std::string>> files;
+        for (const auto& account : fs::directory_iterator(root())) {
+            for (const auto& file : fs::directory_iterator(account.path())) {
+                files.emplace(account.path().filename(), file.path().filename());
+            }
+        }
+        return files;
+    }
+
+    // What a full read would hand the journal: every card file's state and
+    // the id read from it, without counting as the journal's own reads.
+    ChangeJournal::Survey surveyOf(const std::set<std::string>& leaveOut = {}) {
+        m_surveyTexts.clear();
+        ChangeJournal::Survey survey;
+        for (const auto& [account, name] : cardFiles()) {
+            if (leaveOut.contains(account)) {
+                continue;
+            }
+            const fs::path file = root() / account / name;
+            struct stat info {};
+            ::stat(file.c_str(), &info);
+            const int reads = m_reads;
+            const std::string id = cardIDOf(file).value_or("");
+            m_reads = reads;
+            m_surveyTexts.push_back(std::make_unique<std::string>(account));
+            const std::string& accountText = *m_surveyTexts.back();
+            m_surveyTexts.push_back(std::make_unique<std::string>(name));
+            const std::string& nameText = *m_surveyTexts.back();
+            m_surveyTexts.push_back(std::make_unique<std::string>(id));
+            survey.files.push_back({accountText, nameText, *m_surveyTexts.back(),
+                                    static_cast<std::uint64_t>(info.st_ino),
+                                    static_cast<std::uint64_t>(info.st_size),
+                                    info.st_mtim.tv_sec * 1'000'000'000 + info.st_mtim.tv_nsec});
+        }
+        return survey;
+    }
+
     static ChangeSet expectChanges(ChangeJournal& journal, const Token& token, std::set<std::string> changed,
                                    std::set<std::string> deleted) {
         ChangeSet changes = journal.changesSince(token);
@@ -74,6 +126,7 @@ public:
 
     TempFolder m_folder;
     int m_reads = 0;
+    std::vector<std::unique_ptr<std::string>> m_surveyTexts; // what survey views point into
 };
 
 TEST_F(ChangeJournalTest, NoChangesKeepTheTokenCurrent) {
@@ -129,14 +182,17 @@ TEST_F(ChangeJournalTest, ACardGivenItsFirstUIDLeavesItsFileNameIDDeleted) {
     expectChanges(*journal, token, {"NEW"}, {"no-uid"});
 }
 
-TEST_F(ChangeJournalTest, ScanFindsWhatOtherProgramsDid) {
-    struct Case {
-        const char* name;
-        std::function<void(ChangeJournalTest&)> change;
-        std::set<std::string> changed;
-        std::set<std::string> deleted;
-    };
-    const std::vector<Case> cases = {
+// What other programs do to a vdir, with what the journal must report: the
+// same whether it scans everything or only the files a watcher named.
+struct OutsideChange {
+    const char* name;
+    std::function<void(ChangeJournalTest&)> change;
+    std::set<std::string> changed;
+    std::set<std::string> deleted;
+};
+
+std::vector<OutsideChange> outsideChanges() {
+    return {
         {"a new card", [](ChangeJournalTest& t) { t.write("work", "n.vcf", card("N")); }, {"N"}, {}},
         {"a card rewritten by rename",
          [](ChangeJournalTest& t) { t.write("home", "a.vcf", card("A", "Ada Byron")); },
@@ -187,16 +243,12 @@ TEST_F(ChangeJournalTest, ScanFindsWhatOtherProgramsDid) {
          {},
          {"A"}},
     };
-    for (const Case& test : cases) {
+}
+
+TEST_F(ChangeJournalTest, ScanFindsWhatOtherProgramsDid) {
+    for (const OutsideChange& test : outsideChanges()) {
         SCOPED_TRACE(test.name);
-        fs::remove_all(root());
-        fs::remove_all(state());
-        fs::create_directories(root() / "home");
-        fs::create_directories(root() / "work");
-        write("home", "a.vcf", card("A"));
-        write("home", "twin.vcf", card("T"));
-        write("work", "twin.vcf", card("T"));
-        write("work", "w.vcf", card("W"));
+        makeFourCards();
         auto journal = open();
         Token token = journal->currentToken();
         test.change(*this);
@@ -204,6 +256,136 @@ TEST_F(ChangeJournalTest, ScanFindsWhatOtherProgramsDid) {
         // Each change is journalled once.
         EXPECT_EQ(journal->scan(), 0u);
     }
+}
+
+TEST_F(ChangeJournalTest, FollowingNamesFindsTheSameChangesInTheNamedFiles) {
+    for (const OutsideChange& test : outsideChanges()) {
+        SCOPED_TRACE(test.name);
+        makeFourCards();
+        auto journal = open();
+        Token token = journal->currentToken();
+        journal->followNamedChanges(true);
+        EXPECT_EQ(journal->scan(), 0u);
+        // The watcher names every file the change touched, gone or new.
+        std::set<std::pair<std::string, std::string>> touched = cardFiles();
+        test.change(*this);
+        touched.merge(cardFiles());
+        const std::vector<std::pair<std::string, std::string>> named(touched.begin(), touched.end());
+        journal->filesChanged(named);
+        const int readsBefore = m_reads;
+        expectChanges(*journal, token, test.changed, test.deleted);
+        EXPECT_LE(m_reads - readsBefore, 2) << "only changed files are read";
+        EXPECT_EQ(journal->scan(), 0u);
+    }
+}
+
+TEST_F(ChangeJournalTest, WhileFollowingNamesOnlyTheNamedFilesAreLookedAt) {
+    write("home", "a.vcf", card("A"));
+    write("work", "b.vcf", card("B"));
+    auto journal = open();
+    Token token = journal->currentToken();
+    // What changed before the watch began is found by its first scan.
+    journal->followNamedChanges(true);
+    write("work", "b.vcf", card("B", "Bea"));
+    expectChanges(*journal, token, {"B"}, {});
+
+    token = journal->currentToken();
+    write("home", "a.vcf", card("A", "Ada Byron"));
+    write("work", "b.vcf", card("B", "Bea Byron"));
+    write("work", "c.vcf", card("C"));
+    const std::vector<std::pair<std::string, std::string>> named = {{"home", "a.vcf"}, {"work", "c.vcf"}};
+    journal->filesChanged(named);
+    expectChanges(*journal, token, {"A", "C"}, {});
+
+    // The watcher lost events: everything is looked at again, once.
+    journal->unnamedChanges();
+    expectChanges(*journal, token, {"A", "B", "C"}, {});
+
+    // No longer following: every scan looks at everything.
+    journal->followNamedChanges(false);
+    token = journal->currentToken();
+    fs::remove(root() / "home" / "a.vcf");
+    expectChanges(*journal, token, {}, {"A"});
+}
+
+TEST_F(ChangeJournalTest, AFullReadStandsInForAScan) {
+    write("home", "a.vcf", card("A"));
+    write("home", "b.vcf", card("B"));
+    write("work", "w.vcf", card("W"));
+    Token token;
+    {
+        auto journal = open();
+        token = journal->currentToken();
+    }
+    // Changed while Kinbook was not running.
+    write("home", "a.vcf", card("A", "Ada Byron"));
+    fs::remove(root() / "home" / "b.vcf");
+    write("home", "c.vcf", card("C"));
+
+    auto journal = open();
+    const int readsBefore = m_reads;
+    const Token afterRead = journal->tokenAfterSurvey(surveyOf(), journal->surveyTicket());
+    EXPECT_EQ(m_reads, readsBefore) << "a read's survey says what each file holds";
+    expectChanges(*journal, token, {"A", "C"}, {"B"});
+    expectChanges(*journal, afterRead, {}, {});
+    EXPECT_EQ(journal->scan(), 0u) << "the survey's states are the files' own";
+
+    // A file that changed after the read saw it is a change since its token.
+    ChangeJournal::Survey stale = surveyOf();
+    write("home", "c.vcf", card("C", "Cy"));
+    const Token staleToken = journal->tokenAfterSurvey(stale, journal->surveyTicket());
+    expectChanges(*journal, staleToken, {"C"}, {});
+}
+
+TEST_F(ChangeJournalTest, AReadSurveyKeepsTheCardsOfFoldersItCouldNotList) {
+    write("home", "a.vcf", card("A"));
+    write("work", "w.vcf", card("W"));
+    auto journal = open();
+    Token token = journal->currentToken();
+    ChangeJournal::Survey survey = surveyOf({"work"});
+    survey.unreadableAccounts = {"work"};
+    Token afterRead = journal->tokenAfterSurvey(survey, journal->surveyTicket());
+    expectChanges(*journal, token, {}, {});
+    EXPECT_EQ(afterRead, token);
+}
+
+TEST_F(ChangeJournalTest, AReadDuringWhichTheWatcherLostEventsLeavesAScanDue) {
+    write("home", "a.vcf", card("A"));
+    auto journal = open();
+    journal->followNamedChanges(true);
+    Token token = journal->currentToken();
+    // The read starts, the watcher loses events, the read ends.
+    const std::uint64_t ticket = journal->surveyTicket();
+    ChangeJournal::Survey survey = surveyOf();
+    journal->unnamedChanges();
+    write("home", "b.vcf", card("B")); // in the lost events
+    token = journal->tokenAfterSurvey(survey, ticket);
+    expectChanges(*journal, token, {"B"}, {});
+
+    // A read that nothing interrupted counts as the scan of everything.
+    ChangeJournal::Survey clean = surveyOf();
+    token = journal->tokenAfterSurvey(clean, journal->surveyTicket());
+    write("home", "c.vcf", card("C")); // unnamed, so not looked for
+    expectChanges(*journal, token, {}, {});
+}
+
+TEST_F(ChangeJournalTest, AScanOnTwoThreadsFindsWhatOneWould) {
+    // Enough cards for the scan to share them out.
+    constexpr int kCards = 2100;
+    for (int i = 0; i < kCards; ++i) {
+        writeFile(root() / (i % 2 == 0 ? "home" : "work") / (std::to_string(i) + ".vcf"),
+                  card(std::to_string(i)));
+    }
+    auto journal = open({.scanThreads = 2});
+    Token token = journal->currentToken();
+    EXPECT_EQ(m_reads, kCards);
+    for (int i : {0, 1, 1051, kCards - 2, kCards - 1}) {
+        write(i % 2 == 0 ? "home" : "work", std::to_string(i) + ".vcf", card(std::to_string(i), "Changed"));
+    }
+    fs::remove(root() / "work" / "1001.vcf");
+    write("home", "new.vcf", card("NEW"));
+    expectChanges(*journal, token, {"0", "1", "1051", "2098", "2099", "NEW"}, {"1001"});
+    EXPECT_EQ(journal->scan(), 0u);
 }
 
 TEST_F(ChangeJournalTest, OtherWritersTemporariesAndHiddenFilesAreNotCards) {

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
 
 namespace kinbook {
 namespace {
@@ -348,10 +349,13 @@ TEST_F(VdirAddressBookTest, PhotosAndThumbnails) {
     EXPECT_EQ(book.image("NORA-1").value(), photo);
 }
 
-TEST_F(VdirAddressBookTest, OutsideWritesAreNoticed) {
+TEST_F(VdirAddressBookTest, OutsideWritesAreNoticedAndReadBack) {
     auto opts = options();
     opts.watcher = std::make_shared<InotifyFolderWatcher>();
     VdirAddressBook book(opts);
+    auto token = *book.readAll({})->snapshot.historyToken;
+    // Made after the read and before the watch: the first notice covers it.
+    fs::remove(root() / "work" / "NORA-1.vcf");
     ThreadPool pool(1);
     std::mutex mutex;
     std::condition_variable noticed;
@@ -363,11 +367,131 @@ TEST_F(VdirAddressBookTest, OutsideWritesAreNoticed) {
                                         noticed.notify_all();
                                     })
                     .ok());
-    writeFile(root() / "work" / "NEW-1.vcf", kJane);
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(noticed.wait_for(lock, std::chrono::seconds(5), [&] { return notices > 0; }));
-    lock.unlock();
+    auto waitForNotice = [&](int seen) {
+        std::unique_lock lock(mutex);
+        return noticed.wait_for(lock, std::chrono::seconds(5), [&] { return notices > seen; });
+    };
+    ASSERT_TRUE(waitForNotice(0));
+    auto first = book.changesSince(token);
+    ASSERT_TRUE(first.ok());
+    EXPECT_EQ(first->deleted, std::set<std::string>{"NORA-1"});
+    token = *first->token;
+
+    int seen = 0;
+    {
+        std::lock_guard lock(mutex);
+        seen = notices;
+    }
+    std::string card = kJane;
+    card.replace(card.find("UID:JANE-1"), 10, "UID:NEW-1");
+    writeFile(root() / "work" / ".NEW-1.vcf.tmp", card);
+    fs::rename(root() / "work" / ".NEW-1.vcf.tmp", root() / "work" / "NEW-1.vcf");
+    // The temporary posts nothing; the rename posts the notice naming the
+    // card, which the journal hears before the caller does.
+    ASSERT_TRUE(waitForNotice(seen));
+    auto changes = book.changesSince(token);
+    ASSERT_TRUE(changes.ok());
+    ASSERT_EQ(changes->changed.size(), 1u);
+    EXPECT_EQ(changes->changed[0].id, "NEW-1");
+    EXPECT_TRUE(changes->deleted.empty());
     book.stopObserving();
+}
+
+// A watcher the test speaks for: each notice says what the test says.
+class ScriptedWatcher final : public FolderWatcher {
+public:
+    Result<void, std::string> start(const std::filesystem::path&, Executor&, Callback onChange) override {
+        m_onChange = std::move(onChange);
+        return {};
+    }
+    void stop() override { m_onChange = nullptr; }
+    void notice(const FolderChange& change) const {
+        if (m_onChange) {
+            m_onChange(change);
+        }
+    }
+
+private:
+    Callback m_onChange;
+};
+
+TEST_F(VdirAddressBookTest, ARefreshAfterANoticeReadsWhatItNames) {
+    auto opts = options();
+    auto watcher = std::make_shared<ScriptedWatcher>();
+    opts.watcher = watcher;
+    VdirAddressBook book(opts);
+    testing::ManualExecutor executor;
+    int notices = 0;
+    ASSERT_TRUE(book.observeChanges(executor, [&] { ++notices; }).ok());
+    watcher->notice(FolderChange{{}, true}); // the watch's first notice
+    auto token = *book.readAll({})->snapshot.historyToken;
+
+    std::string edited = kJane;
+    edited.replace(edited.find("TITLE:Engineer"), 14, "TITLE:Director");
+    writeFile(root() / "family" / "JANE-1.vcf", edited);
+    fs::remove(root() / "work" / "NORA-1.vcf");
+    watcher->notice(FolderChange{{{"family", "JANE-1.vcf"}}, false});
+    auto changes = book.changesSince(token);
+    ASSERT_TRUE(changes.ok());
+    ASSERT_EQ(changes->changed.size(), 1u);
+    EXPECT_EQ(changes->changed[0].jobTitle, "Director");
+    EXPECT_TRUE(changes->deleted.empty()) << "a change no notice named waits";
+
+    // The kernel dropped events: the next refresh looks at every file.
+    watcher->notice(FolderChange{{}, true});
+    changes = book.changesSince(*changes->token);
+    ASSERT_TRUE(changes.ok());
+    EXPECT_TRUE(changes->changed.empty());
+    EXPECT_EQ(changes->deleted, std::set<std::string>{"NORA-1"});
+    EXPECT_EQ(notices, 3);
+}
+
+TEST_F(VdirAddressBookTest, TheTokenOfARestartedReadCoversChangesMadeMeanwhile) {
+    std::vector<std::uint8_t> token;
+    {
+        VdirAddressBook book(options());
+        token = *book.readAll({})->snapshot.historyToken;
+    }
+    std::string edited = kJane;
+    edited.replace(edited.find("TITLE:Engineer"), 14, "TITLE:Director");
+    writeFile(root() / "family" / "JANE-1.vcf", edited);
+    fs::remove(root() / "work" / "NORA-1.vcf");
+
+    VdirAddressBook book(options());
+    const auto read = book.readAll({.details = false, .takeToken = true, .membership = false});
+    ASSERT_TRUE(read.ok());
+    // The old token learns what happened while Kinbook was away; the new
+    // one, taken with the read, starts after it.
+    auto since = book.changesSince(token);
+    ASSERT_TRUE(since.ok());
+    ASSERT_EQ(since->changed.size(), 1u);
+    EXPECT_EQ(since->changed[0].id, "JANE-1");
+    EXPECT_EQ(since->deleted, std::set<std::string>{"NORA-1"});
+    auto after = book.changesSince(*read->snapshot.historyToken);
+    ASSERT_TRUE(after.ok());
+    EXPECT_TRUE(after->changed.empty());
+    EXPECT_TRUE(after->deleted.empty());
+}
+
+TEST_F(VdirAddressBookTest, TwoFilesWithOneUIDStayTwoCards) {
+    std::string copy = kJane;
+    copy.replace(copy.find("TITLE:Engineer"), 14, "TITLE:Copyist");
+    writeFile(root() / "work" / "jane copy.vcf", copy);
+    VdirAddressBook book(options());
+    const auto read = book.readAll({});
+    ASSERT_TRUE(read.ok());
+    const auto ids = idsOf(read->snapshot.people);
+    ASSERT_EQ(ids.size(), 3u);
+    // Whichever file was listed first keeps the UID; both are found by id.
+    std::set<std::string> titles;
+    for (const auto& id : ids) {
+        auto card = book.card(id);
+        ASSERT_TRUE(card.ok()) << id;
+        auto draft = book.draft(id);
+        ASSERT_TRUE(draft.ok()) << id;
+        titles.insert(draft->jobTitle);
+    }
+    EXPECT_EQ(titles, (std::set<std::string>{"Engineer", "Copyist", ""}));
 }
 
 } // namespace

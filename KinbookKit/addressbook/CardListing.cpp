@@ -1,0 +1,180 @@
+#include "KinbookKit/addressbook/CardListing.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+namespace kinbook {
+
+namespace {
+
+bool isDirectoryEntry(DIR* parent, const dirent* entry) {
+    if (entry->d_type == DT_DIR) {
+        return true;
+    }
+    if (entry->d_type != DT_LNK && entry->d_type != DT_UNKNOWN) {
+        return false;
+    }
+    // A link to a folder counts as the folder.
+    struct stat info {};
+    return ::fstatat(::dirfd(parent), entry->d_name, &info, 0) == 0 && S_ISDIR(info.st_mode);
+}
+
+} // namespace
+
+bool CardListing::isCardFileName(std::string_view name) {
+    // Other writers' temporaries are hidden or do not end in ".vcf".
+    return name.size() > 4 && name.front() != '.' && name.substr(name.size() - 4) == ".vcf";
+}
+
+std::optional<CardListing> CardListing::list(const std::filesystem::path& root, unsigned threads) {
+    const int rootFD = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (rootFD < 0) {
+        return std::nullopt;
+    }
+    DIR* rootFolder = ::fdopendir(rootFD);
+    if (rootFolder == nullptr) {
+        ::close(rootFD);
+        return std::nullopt;
+    }
+    CardListing listing;
+    listing.m_root = root;
+    while (const dirent* entry = ::readdir(rootFolder)) {
+        if (entry->d_name[0] == '.' || !isDirectoryEntry(rootFolder, entry)) {
+            continue;
+        }
+        listing.m_accounts.push_back({entry->d_name, -1, false});
+    }
+    std::sort(listing.m_accounts.begin(), listing.m_accounts.end(),
+              [](const Account& a, const Account& b) { return a.name < b.name; });
+
+    // Each account's files, listed on its own (possibly beside others), then
+    // put together in account order.
+    struct Listed {
+        std::vector<File> files;
+        std::string names;
+    };
+    std::vector<Listed> listed(listing.m_accounts.size());
+    auto listAccount = [&](std::uint32_t index) {
+        Account& account = listing.m_accounts[index];
+        const int folderFD = ::openat(rootFD, account.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        // Reading the folder through its own descriptor leaves `folderFD`
+        // free for opening its files.
+        const int readFD = folderFD < 0 ? -1 : ::dup(folderFD);
+        DIR* folder = readFD < 0 ? nullptr : ::fdopendir(readFD);
+        if (folder == nullptr) {
+            // A folder removed since the root was read is gone with its cards;
+            // one that can't be read still holds them.
+            account.unreadable = errno != ENOENT && errno != ENOTDIR;
+            if (readFD >= 0) {
+                ::close(readFD);
+            }
+            if (folderFD >= 0) {
+                ::close(folderFD);
+            }
+            return;
+        }
+        account.fd = folderFD;
+        Listed& out = listed[index];
+        errno = 0;
+        while (const dirent* entry = ::readdir(folder)) {
+            const std::string_view name = entry->d_name;
+            if (!isCardFileName(name) || entry->d_type == DT_DIR || entry->d_type == DT_FIFO ||
+                entry->d_type == DT_SOCK || entry->d_type == DT_CHR || entry->d_type == DT_BLK) {
+                continue;
+            }
+            File file;
+            file.account = index;
+            file.nameOffset = static_cast<std::uint32_t>(out.names.size());
+            file.nameLength = static_cast<std::uint32_t>(name.size());
+            file.knownRegular = entry->d_type == DT_REG;
+            out.names.append(name);
+            out.names.push_back('\0');
+            out.files.push_back(file);
+            errno = 0;
+        }
+        if (errno != 0) {
+            // The listing stopped short: the folder's other cards are unknown.
+            account.unreadable = true;
+        }
+        ::closedir(folder);
+    };
+    std::atomic<std::uint32_t> next{0};
+    auto work = [&] {
+        for (std::uint32_t index = next++; index < listed.size(); index = next++) {
+            listAccount(index);
+        }
+    };
+    std::vector<std::thread> workers;
+    for (unsigned t = 1; t < std::min<std::size_t>(threads, listed.size()); ++t) {
+        workers.emplace_back(work);
+    }
+    work();
+    for (auto& worker : workers) {
+        worker.join();
+    }
+    ::closedir(rootFolder);
+
+    std::size_t fileCount = 0;
+    std::size_t nameBytes = 0;
+    for (const Listed& account : listed) {
+        fileCount += account.files.size();
+        nameBytes += account.names.size();
+    }
+    listing.m_files.reserve(fileCount);
+    listing.m_names.reserve(nameBytes);
+    for (Listed& account : listed) {
+        const auto base = static_cast<std::uint32_t>(listing.m_names.size());
+        listing.m_names += account.names;
+        for (File file : account.files) {
+            file.nameOffset += base;
+            listing.m_files.push_back(file);
+        }
+        account = Listed();
+    }
+    return listing;
+}
+
+CardListing::CardListing(CardListing&& other) noexcept
+    : m_root(std::move(other.m_root)), m_accounts(std::move(other.m_accounts)),
+      m_files(std::move(other.m_files)), m_names(std::move(other.m_names)) {
+    other.m_accounts.clear();
+}
+
+CardListing& CardListing::operator=(CardListing&& other) noexcept {
+    if (this != &other) {
+        close();
+        m_root = std::move(other.m_root);
+        m_accounts = std::move(other.m_accounts);
+        m_files = std::move(other.m_files);
+        m_names = std::move(other.m_names);
+        other.m_accounts.clear();
+    }
+    return *this;
+}
+
+CardListing::~CardListing() {
+    close();
+}
+
+void CardListing::close() {
+    for (Account& account : m_accounts) {
+        if (account.fd >= 0) {
+            ::close(account.fd);
+            account.fd = -1;
+        }
+    }
+}
+
+std::filesystem::path CardListing::path(const File& file) const {
+    return m_root / accountName(file) / std::string(name(file));
+}
+
+} // namespace kinbook
