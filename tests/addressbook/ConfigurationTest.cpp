@@ -145,11 +145,12 @@ TEST_F(ConfigurationTest, MistakesNameTheFileAndTheLine) {
         const char* message;
     } cases[] = {
         {"contacts = ", ":1:"},
-        {"\nnotes_locked = \"yes\"\n", ":2:1: \"notes_locked\" must be true or false"},
-        {"contacts = 3\n", ":1:1: \"contacts\" must be a text"},
+        // The place is the value's.
+        {"\nnotes_locked = \"yes\"\n", ":2:16: \"notes_locked\" must be true or false"},
+        {"contacts = 3\n", ":1:12: \"contacts\" must be a text"},
         {"sidecar = true\n", "\"sidecar\" must be a folder, or false to turn it off"},
         {"[accounts.work]\nkind = \"imap\"\n",
-         ":2:1: unknown account kind \"imap\" (local, carddav or exchange)"},
+         ":2:8: unknown account kind \"imap\" (local, carddav or exchange)"},
         {"accounts = 1\n", "\"accounts\" must be a table"},
     };
     for (const auto& c : cases) {
@@ -166,8 +167,9 @@ TEST_F(ConfigurationTest, UnknownKeysAreWarnedAboutAndOtherwiseIgnored) {
     EXPECT_TRUE(configuration.notesLocked);
     EXPECT_TRUE(configuration.usesEmbeddedDefault());
     ASSERT_EQ(configuration.warnings.size(), 2u);
-    EXPECT_NE(configuration.warnings[0].find(":1:1: unknown key \"contact\""), std::string::npos);
-    EXPECT_NE(configuration.warnings[1].find("unknown key \"accounts.work.readonly\""), std::string::npos);
+    const std::string warnings = configuration.warnings[0] + "\n" + configuration.warnings[1];
+    EXPECT_NE(warnings.find(":1:11: unknown key \"contact\""), std::string::npos) << warnings;
+    EXPECT_NE(warnings.find(":4:12: unknown key \"accounts.work.readonly\""), std::string::npos) << warnings;
     EXPECT_TRUE(configuration.readOnlyAccounts.empty());
 }
 
