@@ -106,7 +106,15 @@ Image silhouetteMask(int pixels) {
 
 } // namespace
 
-VipsPortraitPainter::VipsPortraitPainter() {
+VipsPortraitPainter::VipsPortraitPainter() = default;
+
+std::optional<std::vector<std::uint8_t>> VipsPortraitPainter::portrait(std::string_view initials,
+                                                                       std::uint32_t rgb, int pixels) {
+    if (pixels < 16 || pixels > 4096) {
+        return std::nullopt;
+    }
+    // Started on first use: loading libvips' modules costs a run that paints
+    // nothing (every run after the first) a noticeable part of its time.
     static std::once_flag started;
     std::call_once(started, [] {
         // libvips keeps process-wide state; started once, never shut down.
@@ -115,13 +123,6 @@ VipsPortraitPainter::VipsPortraitPainter() {
         }
         vips_cache_set_max(0);
     });
-}
-
-std::optional<std::vector<std::uint8_t>> VipsPortraitPainter::portrait(std::string_view initials,
-                                                                       std::uint32_t rgb, int pixels) {
-    if (pixels < 16 || pixels > 4096) {
-        return std::nullopt;
-    }
     Image background = shadedSquare(rgb, pixels);
     if (!background) {
         vips_error_clear();

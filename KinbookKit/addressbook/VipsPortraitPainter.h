@@ -6,7 +6,8 @@ namespace kinbook {
 
 // Monogram portraits through libvips: the initials in white on a shaded
 // square of the person's colour. Where no font can be found the initials are
-// left out and a head-and-shoulders outline stands in.
+// left out and a head-and-shoulders outline stands in. libvips is started
+// by the first portrait, not before.
 class VipsPortraitPainter final : public PortraitPainter {
 public:
     VipsPortraitPainter();
