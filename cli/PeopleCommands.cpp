@@ -4,6 +4,7 @@
 #include "KinbookKit/people/SortOrder.h"
 #include "KinbookKit/text/Fold.h"
 #include "cli/Failure.h"
+#include "cli/JsonWriter.h"
 #include "cli/PeopleOutput.h"
 #include "cli/PeopleSession.h"
 
@@ -136,7 +137,7 @@ ListView viewFrom(PeopleSession& session, const ViewArguments& arguments, std::s
 
 void printSections(const ToolOptions& options, const PeopleSession::Shown& shown, bool hidden) {
     if (options.json) {
-        print(jsonText(sectionsJson(shown.sections, shown.matchCount)));
+        writeSectionsJson(stdout, shown.sections, shown.matchCount);
     } else {
         print(sectionsText(shown.sections, shown.matchCount, hidden ? "hidden" : "people"));
     }

@@ -109,18 +109,6 @@ ContactCard withFormerLast(ContactCard card) {
     return card;
 }
 
-json sectionsJson(std::span<const Section> sections, int matchCount) {
-    json list = json::array();
-    for (const auto& section : sections) {
-        json people = json::array();
-        for (const auto& person : section.people) {
-            people.push_back(person->toJSON());
-        }
-        list.push_back({{"letter", section.letter}, {"people", std::move(people)}});
-    }
-    return {{"matchCount", matchCount}, {"sections", std::move(list)}};
-}
-
 json personJson(const Person& person, std::span<const ShownCard> cards) {
     json list = json::array();
     for (const auto& shown : cards) {

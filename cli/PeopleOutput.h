@@ -33,8 +33,6 @@ struct ShownCard {
 // order the person's page lists them: current entries first, former ones last.
 ContactCard withFormerLast(ContactCard card);
 
-// {"matchCount": N, "sections": [{"letter": …, "people": [Person, …]}]}
-nlohmann::json sectionsJson(std::span<const Section> sections, int matchCount);
 // {"person": Person, "cards": [ContactCard, …]}, former entries last.
 nlohmann::json personJson(const Person& person, std::span<const ShownCard> cards);
 // [{"id", "name", "count"}]

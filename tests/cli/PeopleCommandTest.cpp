@@ -1,6 +1,7 @@
 // The people commands end to end: the real `kinbook` binary on a real vdir in
 // a temporary folder, in a home of its own.
 
+#include "KinbookKit/records/Person.h"
 #include "tests/cli/KinbookRun.h"
 
 #include <gtest/gtest.h>
@@ -146,6 +147,27 @@ TEST_F(PeopleCommandTest, ListPrintsSectionsOfPeopleWithEveryPersonField) {
     EXPECT_EQ(ann["memberIDs"], json::parse(R"(["ann-home","ann-work"])"));
     EXPECT_EQ(std::set<std::string>(ann["accountIDs"].begin(), ann["accountIDs"].end()),
               (std::set<std::string>{"personal", "work"}));
+
+    // Each person is exactly what the application stores: read back and
+    // written again it is the same JSON.
+    for (const auto& section : list["sections"]) {
+        for (const auto& person : section["people"]) {
+            const auto read = Person::fromJSON(person);
+            ASSERT_TRUE(read) << person.dump();
+            EXPECT_EQ(read->toJSON(), person);
+        }
+    }
+}
+
+TEST_F(PeopleCommandTest, JsonStaysValidWhateverACardHolds) {
+    // Quotes, a backslash, a tab, a control character and bytes that are not UTF-8.
+    put("personal", "odd", {"N:\"Quoted\" \\ Name;Tab\tHere\x01;;;", "FN:odd", "ORG:Caf\xE9 \xFF"});
+    const auto list = runJson({"search", "quoted"});
+    ASSERT_EQ(list["matchCount"], 1);
+    const json& odd = list["sections"][0]["people"][0];
+    EXPECT_EQ(odd["familyName"].get<std::string>().rfind("\"Quoted\"", 0), 0u) << odd.dump();
+    EXPECT_NE(odd["givenName"].get<std::string>().find("Tab"), std::string::npos) << odd.dump();
+    EXPECT_NE(odd["organization"].get<std::string>().find("Caf"), std::string::npos) << odd.dump();
 }
 
 TEST_F(PeopleCommandTest, ListTextHasSectionTitlesAsHeadings) {
