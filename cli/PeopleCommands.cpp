@@ -161,6 +161,7 @@ void runCompletion(const ToolOptions& options, const std::string& query, Complet
     }
     if (options.json) {
         print(jsonText(completionJson(lines)));
+        session.finish();
         return;
     }
     // The first line is the message the mail client shows.
@@ -176,6 +177,7 @@ void runCompletion(const ToolOptions& options, const std::string& query, Complet
                              people, people == 1 ? "person" : "people", query);
     }
     print(completionText(lines, status));
+    session.finish();
 }
 
 } // namespace
@@ -190,6 +192,7 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
         PeopleSession session(options);
         session.load();
         printSections(options, session.show(viewFrom(session, *listView, "")), listView->hidden);
+        session.finish();
     });
 
     auto searchView = std::make_shared<ViewArguments>();
@@ -205,6 +208,7 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
         session.load();
         printSections(options, session.show(viewFrom(session, *searchView, joined(*searchWords))),
                       searchView->hidden);
+        session.finish();
     });
 
     auto personArgument = std::make_shared<std::string>();
@@ -224,6 +228,7 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
         } else {
             print(personText(person, cards, accountNames(session.accounts())));
         }
+        session.finish();
     });
 
     auto* accounts =
@@ -234,6 +239,7 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
         const auto all = session.accounts();
         const auto counts = session.accountCounts();
         print(options.json ? jsonText(accountsJson(all, counts)) : accountsText(all, counts));
+        session.finish();
     });
 
     auto circleArgument = std::make_shared<std::optional<std::string>>();

@@ -78,6 +78,10 @@ public:
     // The person's cards in full, leading card first, with their accounts.
     std::vector<ShownCard> cards(const Person& person);
 
+    // Ends a command that succeeded, its output written: when nothing is left
+    // to save, the process ends here at once, without taking the list apart.
+    void finish();
+
     // Changes through the list; each ends with the list refreshed.
     void setCircle(const Person& person, std::optional<ContactCircle> circle);
     void setHidden(const Person& person, bool hidden);
