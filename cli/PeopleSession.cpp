@@ -81,10 +81,10 @@ PeopleSession::PeopleSession(const ToolOptions& options) {
         fail(fmt::format("couldn't make the demo address book: {}", seeded.error()));
     }
     if (*seeded) {
-        warn(fmt::format("made a demo address book of {} people in {} (delete the folder to start empty, or "
-                         "set \"contacts\" in {})",
-                         (*seeded)->people, m_configuration.contacts.string(),
-                         m_configuration.configFile.string()));
+        warn(fmt::format(
+            "made a demo address book of {} people in {}; delete its cards (*.vcf) to start empty, "
+            "or set \"contacts\" in {} to use your own",
+            (*seeded)->people, m_configuration.contacts.string(), m_configuration.configFile.string()));
         for (const auto& warning : (*seeded)->warnings) {
             warn(warning);
         }
