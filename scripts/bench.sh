@@ -3,10 +3,11 @@
 #
 #   scripts/bench.sh [BUILD_DIR]
 #
-# For each size it prints the people list's own figures (kinbook-bench-people)
-# and the command-line tool's whole-process times, the median of several
-# runs: `kinbook list` and `kinbook search QUERY`, cold (no snapshot cache)
-# and from the cache a previous run wrote, with each one's peak memory.
+# For each size of generated address book it prints the people list's own
+# figures (kinbook-bench-people), then the command-line tool's whole-process
+# times, the median of several runs, with peak memory: `kinbook list` and
+# `kinbook search QUERY`, cold (no snapshot cache: the full read) and from
+# the cache a previous run wrote, and `kinbook --json list` from the cache.
 #
 # Settings from the environment:
 #   SIZES="1000 10000 100000"  people per generated vdir (deterministic generator)
@@ -39,40 +40,54 @@ for tool in "$kinbook" "$build/bench/kinbook-gen-vdir"; do
 done
 need_packages time
 mkdir -p "$work"
+for size in $sizes; do
+  ensure_vdir "$build" "$work" "$size" >/dev/null
+done
 
+echo
+echo "=== The people list"
+if [ -x "$people_bench" ]; then
+  "$people_bench" --sizes "$(echo $sizes | tr ' ' ',')" --folder "$work"
+else
+  echo "$people_bench is not built"
+fi
+
+echo
+echo "=== The command-line tool, whole process: median seconds of $runs runs / peak MB"
+labels=("list, cold (--no-cache)" "search $query, cold (--no-cache)" "list, from the cache"
+  "search $query, from the cache" "--json list, from the cache")
+declare -A cells
 for size in $sizes; do
   root=$(ensure_vdir "$build" "$work" "$size")
-  echo
-  echo "=== $size people ($(find "$root" -name '*.vcf' | wc -l) card files)"
-
-  if [ -x "$people_bench" ]; then
-    echo "--- the people list"
-    "$people_bench" --folder "$root"
-  else
-    echo "--- the people list: $people_bench is not built"
-  fi
-
-  echo "--- the command-line tool, whole process, median of $runs runs"
   # shellcheck disable=SC2046
-  environment=$(isolated_environment "$work/home-$size")
-  printf '%-34s %10s %9s\n' "command" "median s" "peak MB"
-  row() { # label command...
-    local label=$1
+  environment=$(isolated_environment "$work/kinbook-bench-$size/tool-home")
+  # shellcheck disable=SC2086
+  run=(env $environment "$kinbook" --contacts "$root")
+  cell() { # row command...
+    local row=$1
     shift
     measure "$runs" "$@"
-    printf '%-34s %10.3f %9s\n' "$label" "$MEDIAN_SECONDS" "$PEAK_MB"
+    cells[$row,$size]=$(printf '%.3f / %s' "$MEDIAN_SECONDS" "$PEAK_MB")
   }
-  # shellcheck disable=SC2086
-  {
-    run=(env $environment "$kinbook" --contacts "$root")
-    "${run[@]}" --no-cache list >/dev/null # warm the page cache
-    row "list, cold (--no-cache)" "${run[@]}" --no-cache list
-    row "search $query, cold (--no-cache)" "${run[@]}" --no-cache search "$query"
-    "${run[@]}" list >/dev/null # writes the cache
-    row "list, from the cache" "${run[@]}" list
-    row "search $query, from the cache" "${run[@]}" search "$query"
-    row "list --json, from the cache" "${run[@]}" --json list
-  }
+  "${run[@]}" --no-cache list >/dev/null # warms the page cache
+  cell 0 "${run[@]}" --no-cache list
+  cell 1 "${run[@]}" --no-cache search "$query"
+  "${run[@]}" list >/dev/null # writes the cache
+  cell 2 "${run[@]}" list
+  cell 3 "${run[@]}" search "$query"
+  cell 4 "${run[@]}" --json list
+done
+printf '%-34s' "people"
+for size in $sizes; do
+  printf ' %16s' "$size"
+done
+echo
+for row in "${!labels[@]}"; do
+  printf '%-34s' "${labels[$row]}"
+  for size in $sizes; do
+    printf ' %16s' "${cells[$row,$size]}"
+  done
+  echo
 done
 
 if [ "${MICRO:-0}" = 1 ]; then

@@ -7,7 +7,7 @@
 #   SIZES="10000 100000"   people per generated vdir
 #   RUNS=3                 runs per command; the median is printed
 #   QUERY=smith            the search
-#   WORK=/tmp/kinbook-compare  where the vdirs, khard's configuration and the
+#   WORK=/tmp/kinbook-bench    where the vdirs, khard's configuration and the
 #                          tool's isolated cache live (reused between runs)
 #
 # khard is installed from Debian's packages for this comparison only. Every
@@ -25,7 +25,7 @@ build=${1:-build/release}
 sizes=${SIZES:-10000 100000}
 runs=${RUNS:-3}
 query=${QUERY:-smith}
-work=${WORK:-${TMPDIR:-/tmp}/kinbook-compare}
+work=${WORK:-${TMPDIR:-/tmp}/kinbook-bench}
 kinbook="$build/cli/kinbook"
 
 for tool in "$kinbook" "$build/bench/kinbook-gen-vdir"; do
@@ -69,7 +69,7 @@ for size in $sizes; do
   config="$work/khard-$size.conf"
   write_khard_config "$root" "$config"
   # shellcheck disable=SC2046
-  environment=$(isolated_environment "$work/home-$size")
+  environment=$(isolated_environment "$work/kinbook-bench-$size/tool-home")
 
   row() { # label key command...
     local label=$1 key=$2

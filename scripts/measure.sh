@@ -3,14 +3,16 @@
 # peak memory of the largest run.
 
 # A vdir of `people` people under $work, made once with the deterministic
-# generator (the same seed always writes the same cards) and kept for later runs.
+# generator (the same seed always writes the same cards) and kept for later
+# runs. The layout is kinbook-bench-people's, so both use the same folders.
 #   ensure_vdir BUILD_DIR WORK_DIR PEOPLE  -> prints the root
 ensure_vdir() {
   local build=$1 work=$2 people=$3
-  local root="$work/vdir-$people"
+  local root="$work/kinbook-bench-$people/vdir"
   if [ ! -f "$root/.complete" ]; then
     rm -rf "$root"
-    "$build/bench/kinbook-gen-vdir" "$root" --people "$people" --accounts 4 >&2
+    mkdir -p "$(dirname "$root")"
+    "$build/bench/kinbook-gen-vdir" "$root" --people "$people" --seed 1 --accounts 4 >&2
     touch "$root/.complete"
   fi
   echo "$root"
