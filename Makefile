@@ -5,7 +5,9 @@
 
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
-ARGS ?= --version
+# What `make run` shows: the people of the address book (on a first run, the
+# demo address book Kinbook makes).
+ARGS ?= list
 
 RELEASE_DIR  := build/release
 SANITIZE_DIR := build/sanitize

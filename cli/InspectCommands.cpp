@@ -10,6 +10,7 @@
 #include "KinbookKit/text/AddressParser.h"
 #include "KinbookKit/text/AreaCodes.h"
 #include "KinbookKit/text/Fold.h"
+#include "cli/Failure.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -103,12 +104,6 @@ json addressJson(const std::string& text) {
         {"street", parsed->street},         {"city", parsed->city},       {"state", parsed->state},
         {"postalCode", parsed->postalCode}, {"country", parsed->country},
     };
-}
-
-// A failure the user must see: the message on stderr, exit status 1.
-[[noreturn]] void fail(const std::string& message) {
-    fmt::print(stderr, "kinbook: {}\n", message);
-    throw CLI::RuntimeError(1);
 }
 
 // The first card of a card file; fails the command when there is none.
