@@ -6,6 +6,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <string_view>
 
 namespace kinbook {
 
@@ -35,6 +37,13 @@ public:
     void write(const AddressBookSnapshot& snapshot) const;
     // Deletes the file; errors are swallowed.
     void remove() const;
+
+    // The file's content for a snapshot; none when it cannot be encoded (text
+    // that is not UTF-8).
+    static std::optional<std::string> encode(const AddressBookSnapshot& snapshot);
+    // The snapshot in a file's content; none for anything damaged or of
+    // another format. Thread-safe.
+    static std::optional<AddressBookSnapshot> decode(std::string_view json);
 
 private:
     std::filesystem::path m_url;

@@ -1,0 +1,204 @@
+#include "KinbookKit/people/Sections.h"
+
+#include "KinbookKit/text/AreaCodes.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+namespace kinbook {
+namespace {
+
+struct PersonSpec {
+    std::string id;
+    std::string given;
+    std::string family;
+    std::vector<std::string> phones = {};
+    std::vector<std::string> postalCodes = {};
+    std::optional<ContactCircle> circle = std::nullopt;
+    int filledCount = 0;
+    bool hasImage = false;
+};
+
+PersonPtr make(PersonSpec spec) {
+    Person person;
+    person.id = std::move(spec.id);
+    person.givenName = std::move(spec.given);
+    person.familyName = std::move(spec.family);
+    person.phoneNumbers = std::move(spec.phones);
+    person.postalCodes = std::move(spec.postalCodes);
+    person.circle = spec.circle;
+    person.filledCount = spec.filledCount;
+    person.hasImage = spec.hasImage;
+    person.derive();
+    return std::make_shared<const Person>(std::move(person));
+}
+
+// Each section's title with the ids of its people, in order: the whole
+// shape of a list in one comparable value.
+using Shape = std::vector<std::pair<std::string, std::vector<std::string>>>;
+
+Shape shapeOf(const std::vector<Section>& sections) {
+    Shape shape;
+    for (const auto& section : sections) {
+        std::vector<std::string> ids;
+        for (const auto& person : section.people) {
+            ids.push_back(person->id);
+        }
+        shape.emplace_back(section.letter, std::move(ids));
+    }
+    return shape;
+}
+
+Shape build(SortOrder order, const std::vector<PersonPtr>& people, bool descending = false) {
+    return shapeOf(inDirection(buildSections(order, people), descending));
+}
+
+TEST(Sections, LastNameFilesByFoldedLetterAndGathersEveryHashIntoOneSection) {
+    const std::vector<PersonPtr> people{
+        make({"zola", "Émile", "Zola"}), make({"3m", "", "3M"}),          make({"elodie", "Zoë", "Élodie"}),
+        make({"orsted", "", "Ørsted"}),  make({"adams", "Ann", "adams"}), make({"Adams2", "Ann", "Adams"}),
+    };
+    // Digits sort before letters and non-Latin letters after them, yet both
+    // file under the one "#" section, created where the first of them sorts.
+    // The two Ann Adamses have equal keys and keep the order they came in.
+    EXPECT_EQ(
+        build(SortOrder::lastName, people),
+        (Shape{{"#", {"3m", "orsted"}}, {"A", {"adams", "Adams2"}}, {"E", {"elodie"}}, {"Z", {"zola"}}}));
+    EXPECT_EQ(
+        build(SortOrder::lastName, people, true),
+        (Shape{{"Z", {"zola"}}, {"E", {"elodie"}}, {"A", {"Adams2", "adams"}}, {"#", {"orsted", "3m"}}}));
+}
+
+TEST(Sections, FirstNameBreaksTiesBySortKey) {
+    const std::vector<PersonPtr> people{
+        make({"ann-b", "Ann", "Brown"}), make({"bo", "Bo", "Andersson"}), make({"ann-a", "Ann", "Abbott"}),
+        make({"acme", "", "", {"+1 212 555 0100"}}), // no names: the phone stands in and files under "#"
+    };
+    EXPECT_EQ(build(SortOrder::firstName, people),
+              (Shape{{"#", {"acme"}}, {"A", {"ann-a", "ann-b"}}, {"B", {"bo"}}}));
+}
+
+TEST(Sections, CircleRunsFromClosestWithNoCircleLast) {
+    const std::vector<PersonPtr> people{
+        make({"none", "Ann", "Able"}),
+        make({"friend-b", "Bea", "Brown", {}, {}, ContactCircle::friends}),
+        make({"closest", "Cy", "Cole", {}, {}, ContactCircle::closest}),
+        make({"friend-a", "Al", "Adams", {}, {}, ContactCircle::friends}),
+        make({"acquaintance", "Di", "Ames", {}, {}, ContactCircle::acquaintance}),
+    };
+    EXPECT_EQ(build(SortOrder::circle, people),
+              (Shape{{std::string(circleTitle(ContactCircle::closest)), {"closest"}},
+                     {std::string(circleTitle(ContactCircle::friends)), {"friend-a", "friend-b"}},
+                     {std::string(circleTitle(ContactCircle::acquaintance)), {"acquaintance"}},
+                     {"No Circle", {"none"}}}));
+}
+
+TEST(Sections, AreaCodeClassesPutInternationalAfterNationalThenOtherNumbersThenNoPhone) {
+    const std::vector<PersonPtr> people{
+        make({"no-phone", "Al", "Adams"}),
+        make({"uk", "Bea", "Brown", {"+44 20 7946 0958"}}),
+        make({"short", "Cy", "Cole", {"12"}}),
+        make({"ny-single", "Di", "Dunn", {"(212) 555-0100"}}),
+        make({"ny-then-sf", "Ed", "Eve", {"212-555-0101", "+1 415 555 0102"}}),
+        make({"ny-then-la", "Flo", "Fox", {"212 555 0103", "213 555 0104"}}),
+        make({"sf", "Gus", "Gray", {"415.555.0105"}}),
+    };
+    const auto ny = AreaCodes::label("212");
+    ASSERT_NE(ny, "212") << "the label names the place";
+    // Within 212: a second code sorts the people, and the one with a single
+    // code comes after both.
+    EXPECT_EQ(build(SortOrder::areaCode, people), (Shape{{ny, {"ny-then-la", "ny-then-sf", "ny-single"}},
+                                                         {AreaCodes::label("415"), {"sf"}},
+                                                         {AreaCodes::label("+44"), {"uk"}},
+                                                         {"Other Numbers", {"short"}},
+                                                         {"No Phone", {"no-phone"}}}));
+}
+
+TEST(Sections, ZipFilesPlusFourCodesUnderTheirFirstPartAndPeopleWithoutOneLast) {
+    const std::vector<PersonPtr> people{
+        make({"no-address", "Al", "Adams"}),
+        make({"plus-four", "Bea", "Brown", {}, {"94103-1234", "10001"}}),
+        make({"plain", "Ann", "Able", {}, {"94103"}}),
+        make({"london", "Cy", "Cole", {}, {"sw1a 1aa"}}),
+        make({"new-york", "Di", "Dunn", {}, {"10001"}}),
+    };
+    EXPECT_EQ(build(SortOrder::zip, people), (Shape{{"10001", {"new-york"}},
+                                                    {"94103", {"plain", "plus-four"}},
+                                                    {"SW1A 1AA", {"london"}},
+                                                    {"No Address", {"no-address"}}}));
+    EXPECT_EQ(build(SortOrder::zip, people, true), (Shape{{"No Address", {"no-address"}},
+                                                          {"SW1A 1AA", {"london"}},
+                                                          {"94103", {"plus-four", "plain"}},
+                                                          {"10001", {"new-york"}}}));
+}
+
+TEST(Sections, CompletenessCountsFieldsMostFirst) {
+    const std::vector<PersonPtr> people{
+        make({"empty", "", "Empty", {}, {}, {}, 0}),       make({"one", "", "One", {}, {}, {}, 1}),
+        make({"twelve-b", "B", "Twelve", {}, {}, {}, 12}), make({"two", "", "Two", {}, {}, {}, 2}),
+        make({"twelve-a", "A", "Twelve", {}, {}, {}, 12}),
+    };
+    EXPECT_EQ(build(SortOrder::completeness, people), (Shape{{"12 fields", {"twelve-a", "twelve-b"}},
+                                                             {"2 fields", {"two"}},
+                                                             {"1 field", {"one"}},
+                                                             {"0 fields", {"empty"}}}));
+    EXPECT_EQ(build(SortOrder::completeness, people, true).front().first, "0 fields") << "fewest first";
+}
+
+TEST(Sections, PhotoDescendingKeepsPicturesFirstAndRunsNamesFromZToA) {
+    const std::vector<PersonPtr> people{
+        make({"ann", "Ann", "Able", {}, {}, {}, 0, true}),
+        make({"bo", "Bo", "Brown"}),
+        make({"zed", "Zed", "Zulu", {}, {}, {}, 0, true}),
+        make({"cy", "Cy", "Cole"}),
+    };
+    EXPECT_EQ(build(SortOrder::photo, people),
+              (Shape{{"Picture", {"ann", "zed"}}, {"No Picture", {"bo", "cy"}}}));
+    EXPECT_EQ(build(SortOrder::photo, people, true),
+              (Shape{{"Picture", {"zed", "ann"}}, {"No Picture", {"cy", "bo"}}}));
+}
+
+TEST(Sections, SectionsShareThePeopleTheyWereGiven) {
+    const std::vector<PersonPtr> people{make({"b", "Bo", "Brown"}), make({"a", "Al", "Adams"})};
+    for (const auto order : allSortOrders()) {
+        const auto sections = buildSections(order, people);
+        ASSERT_EQ(peopleCount(sections), 2) << rawValue(order);
+        for (const auto& section : sections) {
+            for (const auto& person : section.people) {
+                EXPECT_TRUE(person == people[0] || person == people[1]) << rawValue(order);
+            }
+        }
+    }
+    EXPECT_TRUE(buildSections(SortOrder::lastName, {}).empty());
+}
+
+TEST(Sections, HeadingsCountsAndFilteringDropEmptySections) {
+    const std::vector<PersonPtr> people{
+        make({"ann", "Ann", "Able"}),
+        make({"al", "Al", "Adams"}),
+        make({"bo", "Bo", "Brown"}),
+    };
+    const auto sections = buildSections(SortOrder::lastName, people);
+    EXPECT_EQ(headingsOf(sections), (std::vector<Heading>{{"A", 2}, {"B", 1}}));
+    EXPECT_EQ(peopleCount(sections), 3);
+
+    const auto onlyB =
+        filterSections(sections, [](const Person& person) { return person.givenName == "Bo"; });
+    EXPECT_EQ(shapeOf(onlyB), (Shape{{"B", {"bo"}}}));
+    EXPECT_EQ(onlyB.front().people.front(), people[2]);
+    EXPECT_TRUE(filterSections(sections, [](const Person&) { return false; }).empty());
+}
+
+TEST(Sections, EqualityComparesPeopleByValue) {
+    const auto ann = make({"ann", "Ann", "Able"});
+    const auto sameAnn = make({"ann", "Ann", "Able"});
+    const auto otherAnn = make({"ann2", "Ann", "Able"});
+    EXPECT_EQ((Section{"A", {ann}}), (Section{"A", {sameAnn}}));
+    EXPECT_NE((Section{"A", {ann}}), (Section{"A", {otherAnn}}));
+    EXPECT_NE((Section{"A", {ann}}), (Section{"B", {ann}}));
+    EXPECT_NE((Section{"A", {ann}}), (Section{"A", {ann, ann}}));
+}
+
+} // namespace
+} // namespace kinbook

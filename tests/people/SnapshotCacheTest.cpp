@@ -1,0 +1,277 @@
+#include "KinbookKit/people/SnapshotCache.h"
+
+#include "tests/support/TempFolder.h"
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+namespace kinbook {
+namespace {
+
+using testing::readFile;
+using testing::TempFolder;
+using testing::writeFile;
+
+Person samplePerson(std::string id) {
+    Person person;
+    person.id = std::move(id);
+    person.givenName = "Zoë \"Zo\"";
+    person.middleName = "back\\slash";
+    person.familyName = "Ørsted-Łukasz";
+    person.nickname = "tab\there";
+    person.organization = "Ünïcode GmbH \u0001 ctl";
+    person.jobTitle = "乐队指挥";
+    person.department = "";
+    person.phoneNumbers = {"+1 (212) 555-0100", "+44 20 7946 0958", "ext. 12"};
+    person.emailAddresses = {"zoe@example.com"};
+    person.accountIDs = {"acc-1", "acc-2"};
+    person.hasImage = true;
+    person.postalCodes = {"10001-1234"};
+    person.places = {"New York\nUSA"};
+    person.filledCount = 11;
+    person.detailed = true;
+    person.kinID = "kinbook://c/ab12cd34";
+    person.hidden = true;
+    person.circle = ContactCircle::goodFriends;
+    person.isPrimaryCard = true;
+    person.memberIDs = {person.id, "other-card"};
+    person.derive();
+    return person;
+}
+
+AddressBookSnapshot sampleSnapshot() {
+    AddressBookSnapshot snapshot;
+    snapshot.people.push_back(samplePerson("card-1"));
+    Person plain;
+    plain.id = "card-2";
+    plain.derive();
+    snapshot.people.push_back(plain);
+    snapshot.accounts = {{"acc-1", "iCloud"}, {"acc-2", "Work \"Exchange\""}};
+    snapshot.historyToken = std::vector<std::uint8_t>{0, 1, 2, 250, 255};
+    snapshot.fullReadAt =
+        std::chrono::system_clock::time_point(std::chrono::microseconds(1'767'225'600'123'456));
+    return snapshot;
+}
+
+class SnapshotCacheTest : public ::testing::Test {
+protected:
+    TempFolder folder;
+    SnapshotCache cache{folder / "caches" / "kinbook" / "kinbook-snapshot.json"};
+
+    std::optional<AddressBookSnapshot> readText(const std::string& text) {
+        std::filesystem::create_directories(cache.url().parent_path());
+        writeFile(cache.url(), text);
+        return cache.read();
+    }
+};
+
+TEST_F(SnapshotCacheTest, WritesIntoAFolderThatDoesNotExistYetAndReadsBackEqual) {
+    const auto snapshot = sampleSnapshot();
+    cache.write(snapshot);
+    const auto read = cache.read();
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, snapshot);
+    // Person equality covers the stored fields; the keys are compared too.
+    ASSERT_EQ(read->people.size(), 2u);
+    EXPECT_EQ(read->people[0].keys(), snapshot.people[0].keys());
+    EXPECT_EQ(read->people[1].displayName(), "No Name");
+
+    // Nothing is left beside the file.
+    int entries = 0;
+    for ([[maybe_unused]] const auto& entry :
+         std::filesystem::directory_iterator(cache.url().parent_path())) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1);
+}
+
+TEST_F(SnapshotCacheTest, AnEmptySnapshotReadsBackEmpty) {
+    cache.write(AddressBookSnapshot{});
+    const auto read = cache.read();
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, AddressBookSnapshot{});
+    EXPECT_FALSE(read->historyToken.has_value());
+    EXPECT_FALSE(read->fullReadAt.has_value());
+}
+
+TEST_F(SnapshotCacheTest, TheFileIsTheSnapshotsOwnJSONUnderFormatTen) {
+    const auto snapshot = sampleSnapshot();
+    cache.write(snapshot);
+    const auto json = nlohmann::json::parse(readFile(cache.url()));
+    EXPECT_EQ(json.at("format"), 10);
+    EXPECT_EQ(AddressBookSnapshot::fromJSON(json.at("snapshot")), snapshot);
+
+    // And a file made from that JSON by a general encoder reads back too.
+    const nlohmann::json file = {{"format", 10}, {"snapshot", snapshot.toJSON()}};
+    EXPECT_EQ(readText(file.dump()), snapshot);
+}
+
+TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
+    EXPECT_EQ(cache.read(), std::nullopt) << "missing";
+    const nlohmann::json valid = {{"format", 10}, {"snapshot", sampleSnapshot().toJSON()}};
+    ASSERT_TRUE(readText(valid.dump()).has_value());
+    ASSERT_TRUE(SnapshotCache::decode(valid.dump() + "\n").has_value()) << "a final line break is no damage";
+
+    auto format9 = valid;
+    format9["format"] = 9;
+    auto formatText = valid;
+    formatText["format"] = "10";
+    auto noFormat = valid;
+    noFormat.erase("format");
+    auto noSnapshot = valid;
+    noSnapshot.erase("snapshot");
+    auto noAccounts = valid;
+    noAccounts["snapshot"].erase("accounts");
+    auto personWithoutID = valid;
+    personWithoutID["snapshot"]["people"][0].erase("id");
+    auto countAsText = valid;
+    countAsText["snapshot"]["people"][0]["filledCount"] = "11";
+    auto hugeCount = valid;
+    hugeCount["snapshot"]["people"][0]["filledCount"] = 1ll << 40;
+    auto someKeysOnly = valid;
+    someKeysOnly["snapshot"]["people"][0].erase("sortKey");
+    auto badToken = valid;
+    badToken["snapshot"]["historyToken"] = "not base64!";
+
+    const std::pair<std::string, std::string> cases[] = {
+        {"empty", ""},
+        {"blank", "  \n"},
+        {"not JSON", "kinbook"},
+        {"an array", "[]"},
+        {"format 9", format9.dump()},
+        {"format as text", formatText.dump()},
+        {"no format", noFormat.dump()},
+        {"no snapshot", noSnapshot.dump()},
+        {"no accounts", noAccounts.dump()},
+        {"a person without id", personWithoutID.dump()},
+        {"a count as text", countAsText.dump()},
+        {"a count out of range", hugeCount.dump()},
+        {"some derived keys only", someKeysOnly.dump()},
+        {"a damaged token", badToken.dump()},
+        {"trailing text", valid.dump() + " {}"},
+    };
+    for (const auto& [what, text] : cases) {
+        EXPECT_EQ(SnapshotCache::decode(text), std::nullopt) << what;
+    }
+    EXPECT_EQ(readText(""), std::nullopt) << "an empty file";
+    EXPECT_EQ(readText(format9.dump()), std::nullopt) << "a file of format 9";
+}
+
+TEST(SnapshotCacheDecode, EveryTruncationOfAFileIsNone) {
+    const auto whole = SnapshotCache::encode(sampleSnapshot());
+    ASSERT_TRUE(whole.has_value());
+    ASSERT_TRUE(SnapshotCache::decode(*whole).has_value());
+    for (std::size_t length = 0; length < whole->size(); ++length) {
+        ASSERT_EQ(SnapshotCache::decode(std::string_view(*whole).substr(0, length)), std::nullopt)
+            << "cut after " << length << " bytes";
+    }
+}
+
+TEST(SnapshotCacheDecode, DamagedBytesNeverCrashIt) {
+    const auto whole = SnapshotCache::encode(sampleSnapshot());
+    ASSERT_TRUE(whole.has_value());
+    int decoded = 0;
+    int tried = 0;
+    for (std::size_t position = 0; position < whole->size(); ++position) {
+        for (const char replacement : {'\0', '"', '}', ']', ',', '\\', '\xff', '7'}) {
+            auto damaged = *whole;
+            damaged[position] = replacement;
+            decoded += SnapshotCache::decode(damaged).has_value() ? 1 : 0;
+            ++tried;
+        }
+    }
+    // Some damage lands inside a text and still decodes; most does not.
+    EXPECT_LT(decoded, tried / 2);
+}
+
+TEST_F(SnapshotCacheTest, PeopleStoredWithoutKeysGetThemWorkedOutAndUnknownCirclesReadAsNone) {
+    const auto person = samplePerson("card-1");
+    auto json = person.toJSON();
+    for (const auto* key : {"displayName", "sortKey", "sectionLetter", "firstNameSortKey",
+                            "firstNameSectionLetter", "areaCodes", "searchText", "phoneDigits"}) {
+        json.erase(key);
+    }
+    json["kinID"] = nullptr;
+    json["circle"] = 42;
+    const nlohmann::json file = {{"format", 10},
+                                 {"snapshot", {{"people", {json}}, {"accounts", nlohmann::json::array()}}}};
+    const auto read = readText(file.dump());
+    ASSERT_TRUE(read.has_value());
+    ASSERT_EQ(read->people.size(), 1u);
+    EXPECT_EQ(read->people[0].keys(), person.keys());
+    EXPECT_EQ(read->people[0].kinID, std::nullopt);
+    EXPECT_EQ(read->people[0].circle, std::nullopt);
+}
+
+TEST_F(SnapshotCacheTest, TextThatIsNotUTF8LeavesTheCacheAsItWas) {
+    const auto snapshot = sampleSnapshot();
+    cache.write(snapshot);
+    auto damaged = snapshot;
+    damaged.people[1].id = "card-\xff";
+    cache.write(damaged);
+    EXPECT_EQ(cache.read(), snapshot);
+}
+
+TEST_F(SnapshotCacheTest, RemoveDeletesTheFileAndIgnoresAMissingOne) {
+    cache.write(sampleSnapshot());
+    cache.remove();
+    EXPECT_FALSE(std::filesystem::exists(cache.url()));
+    EXPECT_EQ(cache.read(), std::nullopt);
+    cache.remove();
+}
+
+// Sets an environment variable for one test, restoring it afterwards.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment(const char* name, const char* value) : m_name(name) {
+        if (const char* old = std::getenv(name)) {
+            m_old = old;
+        }
+        if (value != nullptr) {
+            ::setenv(name, value, 1);
+        } else {
+            ::unsetenv(name);
+        }
+    }
+    ~ScopedEnvironment() {
+        if (m_old) {
+            ::setenv(m_name, m_old->c_str(), 1);
+        } else {
+            ::unsetenv(m_name);
+        }
+    }
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+private:
+    const char* m_name;
+    std::optional<std::string> m_old;
+};
+
+TEST(SnapshotCacheLocation, TheUsersCachesFolderOrNone) {
+    {
+        ScopedEnvironment cacheHome("XDG_CACHE_HOME", "/somewhere/cache");
+        ScopedEnvironment home("HOME", "/home/ann");
+        const auto cache = SnapshotCache::make();
+        ASSERT_NE(cache, nullptr);
+        EXPECT_EQ(cache->url(), "/somewhere/cache/kinbook/kinbook-snapshot.json");
+    }
+    {
+        ScopedEnvironment cacheHome("XDG_CACHE_HOME", "relative/cache");
+        ScopedEnvironment home("HOME", "/home/ann");
+        const auto cache = SnapshotCache::make();
+        ASSERT_NE(cache, nullptr);
+        EXPECT_EQ(cache->url(), "/home/ann/.cache/kinbook/kinbook-snapshot.json");
+    }
+    {
+        ScopedEnvironment cacheHome("XDG_CACHE_HOME", nullptr);
+        ScopedEnvironment home("HOME", nullptr);
+        EXPECT_EQ(SnapshotCache::make(), nullptr);
+    }
+}
+
+} // namespace
+} // namespace kinbook
