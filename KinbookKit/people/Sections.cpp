@@ -5,86 +5,262 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <climits>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace kinbook {
 namespace {
 
-// What one person sorts by in one order, taken out of the person once so
-// that the sort compares flat keys instead of working them out per
-// comparison. The string views point into the people (or into `ownedKeys`
-// of the builder), which outlive the sort.
-struct SortEntry {
-    const Person* person;
-    std::uint32_t index; // position in the input, for building the sections
-    int rank;            // the order's leading class: circle, picture, phone class, …
-    std::string_view first;
-    std::string_view second;
-    std::string_view sortKey;
+// At 100,000 people the people and their key strings are spread over a
+// hundred megabytes, so a sort that compared the strings in place would
+// wait on memory for most comparisons. Instead each person's keys are read
+// once into a small flat entry: leading bytes of the strings as big-endian
+// words, which compare in the same order as the strings. Only people whose
+// keys the words cannot settle (longer keys that tie on their first bytes)
+// are compared again through the person.
+//
+// The sort runs in two steps. The people are first put in sort-key order,
+// which is the order the list keeps them in, so this is usually a check.
+// Every order breaks its ties by sort key and then by arrival, so a stable
+// sort on the order's own leading keys then gives the final order.
+
+// Bytes `offset`..`offset`+7 of `text` as a big-endian word, zero past its end.
+std::uint64_t wordAt(std::string_view text, std::size_t offset) {
+    std::uint64_t word = 0;
+    if (offset + 8 <= text.size()) {
+        std::memcpy(&word, text.data() + offset, 8);
+        if constexpr (std::endian::native == std::endian::little) {
+            word = __builtin_bswap64(word);
+        }
+        return word;
+    }
+    for (std::size_t i = 0; i < 8; ++i) {
+        word = (word << 8) | (offset + i < text.size() ? static_cast<unsigned char>(text[offset + i]) : 0u);
+    }
+    return word;
+}
+
+// Whether words of `text`'s first `limit` bytes order it exactly: it fits,
+// and holds no NUL that would look like the zero padding.
+bool wordsSettle(std::string_view text, std::size_t limit) {
+    return text.size() <= limit && std::memchr(text.data(), 0, text.size()) == nullptr;
+}
+
+constexpr std::size_t kWords = 4;
+constexpr std::uint8_t kSettled = kWords;
+
+// A person's keys as words: either the sort key (for the first step), or
+// the leading keys of one order. Words compare in the order of the keys
+// they come from; where a key is longer than its words, `fallbackAt` is the
+// word whose tie sends the comparison to the person's own strings.
+struct Entry {
+    std::array<std::uint64_t, kWords> words;
+    std::uint32_t index;
+    std::uint8_t fallbackAt;
+    char letter; // the one-byte section letter of the name orders, or 0 to ask the person
 };
 
-bool entryLess(const SortEntry& a, const SortEntry& b) {
-    if (a.rank != b.rank) {
-        return a.rank < b.rank;
+template <typename FullLess>
+bool entryLess(const Entry& a, const Entry& b, FullLess&& fullLess) {
+    for (std::uint8_t i = 0; i < kWords; ++i) {
+        if (a.words[i] != b.words[i]) {
+            return a.words[i] < b.words[i];
+        }
+        if (i >= a.fallbackAt || i >= b.fallbackAt) {
+            return fullLess(a.index, b.index);
+        }
     }
-    if (const int order = a.first.compare(b.first); order != 0) {
-        return order < 0;
+    return false;
+}
+
+// `count` words of `text` from `words[at]` on; returns the fallback word.
+std::uint8_t putString(Entry& entry, std::size_t at, std::size_t count, std::string_view text) {
+    for (std::size_t i = 0; i < count; ++i) {
+        entry.words[at + i] = wordAt(text, 8 * i);
     }
-    if (const int order = a.second.compare(b.second); order != 0) {
-        return order < 0;
-    }
-    return a.sortKey < b.sortKey;
+    return wordsSettle(text, 8 * count) ? kSettled : static_cast<std::uint8_t>(at + count - 1);
 }
 
 // Circles sort from closest to farthest; people without one come after
 // every circle.
-constexpr int kNoCircleRank = 99;
+constexpr std::uint64_t kNoCircleRank = 99;
 
 // Phone classes of the area-code order: national codes, then international
 // ("+44"), then numbers without a code, then people without a number.
-enum AreaCodeClass : int { nationalCode = 0, internationalCode = 1, otherNumbers = 2, noPhone = 3 };
+enum AreaCodeClass : std::uint64_t { nationalCode = 0, internationalCode = 1, otherNumbers = 2, noPhone = 3 };
 
 // A person with a single area code sorts after everyone who shares that
 // first code and has a second one.
 constexpr std::string_view kNoSecondCode = "~";
 
-std::string_view zipKeyView(const std::string& postalCode, std::string& owned) {
-    // A ZIP+4 code ("94103-1234") sorts and files with its five-digit part.
-    std::string_view key = postalCode;
-    if (const auto dash = key.find('-'); dash != std::string_view::npos) {
-        key = key.substr(0, dash);
-    }
-    if (std::none_of(key.begin(), key.end(), [](char c) { return c >= 'a' && c <= 'z'; })) {
-        return key;
-    }
-    // Postal codes that have letters use ASCII ones ("SW1A 1AA", "K1A 0B1").
-    owned.assign(key);
-    for (auto& c : owned) {
+// The zip key: the first postal code cut before its first "-" (a ZIP+4 code
+// sorts and files with its five-digit part), upper-cased. Postal codes that
+// have letters use ASCII ones ("SW1A 1AA", "K1A 0B1").
+std::string zipKeyOf(const Person& person) {
+    std::string key = person.postalCodes.front().substr(0, person.postalCodes.front().find('-'));
+    for (auto& c : key) {
         if (c >= 'a' && c <= 'z') {
             c = static_cast<char>(c - 'a' + 'A');
         }
     }
-    return owned;
+    return key;
 }
 
-int areaCodeClass(const Person& person) {
-    const auto& codes = person.areaCodes();
-    if (!codes.empty()) {
-        return codes.front().starts_with('+') ? internationalCode : nationalCode;
+std::string_view secondCodeOf(const Person& person) {
+    return person.areaCodes().size() > 1 ? std::string_view(person.areaCodes()[1]) : kNoSecondCode;
+}
+
+char oneByteLetter(const std::string& letter) {
+    return letter.size() == 1 && letter[0] != '\0' ? letter[0] : '\0';
+}
+
+Entry sortKeyEntryOf(const Person& person, std::uint32_t index) {
+    Entry entry{{}, index, kSettled, '\0'};
+    entry.fallbackAt = putString(entry, 0, kWords, person.sortKey());
+    return entry;
+}
+
+Entry entryOf(SortOrder order, const Person& person, std::uint32_t index) {
+    Entry entry{{}, index, kSettled, '\0'};
+    switch (order) {
+    case SortOrder::lastName:
+        entry.letter = oneByteLetter(person.sectionLetter());
+        break;
+    case SortOrder::firstName:
+        entry.fallbackAt = putString(entry, 0, kWords, person.firstNameSortKey());
+        entry.letter = oneByteLetter(person.firstNameSectionLetter());
+        break;
+    case SortOrder::circle:
+        entry.words[0] = person.circle ? static_cast<std::uint64_t>(rawValue(*person.circle)) : kNoCircleRank;
+        break;
+    case SortOrder::areaCode: {
+        const auto& codes = person.areaCodes();
+        if (codes.empty()) {
+            entry.words[0] = person.phoneNumbers.empty() ? noPhone : otherNumbers;
+            break;
+        }
+        entry.words[0] = codes.front().starts_with('+') ? internationalCode : nationalCode;
+        entry.fallbackAt = putString(entry, 1, 1, codes.front());
+        const auto second = putString(entry, 2, 1, secondCodeOf(person));
+        entry.fallbackAt = std::min(entry.fallbackAt, second);
+        break;
     }
-    return person.phoneNumbers.empty() ? noPhone : otherNumbers;
+    case SortOrder::zip:
+        if (person.postalCodes.empty()) {
+            entry.words[0] = 1;
+        } else {
+            entry.fallbackAt = putString(entry, 1, kWords - 1, zipKeyOf(person));
+        }
+        break;
+    case SortOrder::completeness:
+        // Most filled first.
+        entry.words[0] = static_cast<std::uint64_t>(std::int64_t{INT_MAX} - person.filledCount);
+        break;
+    case SortOrder::photo:
+        entry.words[0] = person.hasImage ? 0 : 1;
+        break;
+    }
+    return entry;
 }
 
-// Section titles of one order. Titles that must be made (an area code's
-// label, a field count) are made once per run of equal keys, not per person.
+// Memory is asked for a person's lines some steps before they are read, so
+// that the reads of many people overlap instead of waiting one by one.
+constexpr std::size_t kPrefetchDistance = 16;
+
+void prefetchPerson(const Person& person) {
+    __builtin_prefetch(&person.keys());
+    __builtin_prefetch(&person.keys().areaCodes);
+    __builtin_prefetch(&person.phoneNumbers);
+    __builtin_prefetch(&person.postalCodes);
+    __builtin_prefetch(&person.circle);
+}
+
+// The heap text of the keys, once the person's own lines have arrived.
+void prefetchKeyText(const Person& person, std::uint32_t orders) {
+    __builtin_prefetch(person.sortKey().data());
+    if (orders & (1u << static_cast<unsigned>(SortOrder::firstName))) {
+        __builtin_prefetch(person.firstNameSortKey().data());
+    }
+    if (orders & (1u << static_cast<unsigned>(SortOrder::areaCode))) {
+        __builtin_prefetch(person.areaCodes().data());
+    }
+    if (orders & (1u << static_cast<unsigned>(SortOrder::zip))) {
+        __builtin_prefetch(person.postalCodes.data());
+    }
+}
+
+// Each person put into a section takes a reference, an atomic write to a
+// count that lives beside the person; a locked write that misses the cache
+// stalls everything behind it. The count is asked for ahead, with intent
+// to write. A shared pointer holds the person's address and then its
+// count's; reading those bytes is only a hint, and a wrong hint costs
+// nothing.
+void prefetchShareCount(const PersonPtr& person) {
+    static_assert(sizeof(PersonPtr) == 2 * sizeof(void*));
+    const void* count = nullptr;
+    std::memcpy(&count, reinterpret_cast<const char*>(&person) + sizeof(void*), sizeof(count));
+    __builtin_prefetch(count, 1);
+}
+
+// The exact comparison of two people whose words tie and do not settle it.
+bool leadingKeysLess(SortOrder order, const Person& a, const Person& b) {
+    switch (order) {
+    case SortOrder::firstName:
+        return a.firstNameSortKey() < b.firstNameSortKey();
+    case SortOrder::areaCode: {
+        // Both have codes: the ranks tied and only people with codes have words.
+        if (const int byFirst = a.areaCodes().front().compare(b.areaCodes().front()); byFirst != 0) {
+            return byFirst < 0;
+        }
+        return secondCodeOf(a) < secondCodeOf(b);
+    }
+    case SortOrder::zip:
+        return zipKeyOf(a) < zipKeyOf(b);
+    case SortOrder::lastName:
+    case SortOrder::circle:
+    case SortOrder::completeness:
+    case SortOrder::photo:
+        break;
+    }
+    return false;
+}
+
+// Section titles of one order. A title depends only on the leading keys, so
+// it is worked out again only where they change; titles that must be made
+// (an area code's label, a field count) are made once per run.
 class SectionTitler {
 public:
-    explicit SectionTitler(SortOrder order) : m_order(order) {}
+    SectionTitler(SortOrder order, std::span<const PersonPtr> people) : m_order(order), m_people(people) {}
 
-    std::string_view titleOf(const SortEntry& entry) {
-        const Person& person = *entry.person;
+    // Whether `entry` may have another title than `previous`.
+    bool titleMayChange(const Entry& previous, const Entry& entry) const {
+        switch (m_order) {
+        case SortOrder::lastName:
+        case SortOrder::firstName:
+            return entry.letter == '\0' || entry.letter != previous.letter;
+        case SortOrder::areaCode:
+            // The title is the first code's; the second code is not in it.
+            return entry.words[0] != previous.words[0] || entry.words[1] != previous.words[1] ||
+                   entry.fallbackAt != kSettled || previous.fallbackAt != kSettled;
+        case SortOrder::zip:
+            return entry.words != previous.words || entry.fallbackAt != kSettled ||
+                   previous.fallbackAt != kSettled;
+        case SortOrder::circle:
+        case SortOrder::completeness:
+        case SortOrder::photo:
+            return entry.words[0] != previous.words[0];
+        }
+        return true;
+    }
+
+    std::string_view titleOf(const Entry& entry) {
+        const Person& person = *m_people[entry.index];
         switch (m_order) {
         case SortOrder::lastName:
             return person.sectionLetter();
@@ -93,27 +269,28 @@ public:
         case SortOrder::circle:
             return person.circle ? circleTitle(*person.circle) : std::string_view("No Circle");
         case SortOrder::areaCode:
-            switch (entry.rank) {
+            switch (entry.words[0]) {
             case otherNumbers:
                 return "Other Numbers";
             case noPhone:
                 return "No Phone";
             default:
-                if (!m_hasCode || entry.first != m_code) {
-                    m_code.assign(entry.first);
-                    m_title = AreaCodes::label(entry.first);
-                    m_hasCode = true;
+                if (!m_hasTitle || person.areaCodes().front() != m_key) {
+                    m_key = person.areaCodes().front();
+                    m_title = AreaCodes::label(m_key);
+                    m_hasTitle = true;
                 }
                 return m_title;
             }
         case SortOrder::zip:
-            return entry.rank == 0 ? entry.first : std::string_view("No Address");
-        case SortOrder::completeness:
-            if (!m_hasCount || person.filledCount != m_count) {
-                m_count = person.filledCount;
-                m_title = m_count == 1 ? std::string("1 field") : fmt::format("{} fields", m_count);
-                m_hasCount = true;
+            if (entry.words[0] != 0) {
+                return "No Address";
             }
+            m_title = zipKeyOf(person);
+            return m_title;
+        case SortOrder::completeness:
+            m_title = person.filledCount == 1 ? std::string("1 field")
+                                              : fmt::format("{} fields", person.filledCount);
             return m_title;
         case SortOrder::photo:
             return person.hasImage ? "Picture" : "No Picture";
@@ -123,11 +300,10 @@ public:
 
 private:
     SortOrder m_order;
+    std::span<const PersonPtr> m_people;
     std::string m_title;
-    std::string m_code;
-    bool m_hasCode = false;
-    int m_count = 0;
-    bool m_hasCount = false;
+    std::string m_key;
+    bool m_hasTitle = false;
 };
 
 } // namespace
@@ -138,77 +314,129 @@ bool Section::operator==(const Section& other) const {
                       [](const PersonPtr& a, const PersonPtr& b) { return a == b || (a && b && *a == *b); });
 }
 
+namespace {
+
+constexpr std::uint32_t bitOf(SortOrder order) {
+    return 1u << static_cast<unsigned>(order);
+}
+
+// The keys of the requested orders, read in one pass over the people, and
+// the people's sort-key order.
+class KeyTable {
+public:
+    KeyTable(std::span<const PersonPtr> people, std::span<const SortOrder> orders) : m_people(people) {
+        std::uint32_t wanted = 0;
+        for (const auto order : orders) {
+            wanted |= bitOf(order);
+            m_entries[static_cast<std::size_t>(order)].reserve(people.size());
+        }
+        std::vector<Entry> bySortKey;
+        bySortKey.reserve(people.size());
+        for (std::uint32_t index = 0; index < people.size(); ++index) {
+            if (index + 2 * kPrefetchDistance < people.size()) {
+                prefetchPerson(*people[index + 2 * kPrefetchDistance]);
+            }
+            if (index + kPrefetchDistance < people.size()) {
+                prefetchKeyText(*people[index + kPrefetchDistance], wanted);
+            }
+            const Person& person = *people[index];
+            bySortKey.push_back(sortKeyEntryOf(person, index));
+            for (const auto order : orders) {
+                m_entries[static_cast<std::size_t>(order)].push_back(entryOf(order, person, index));
+            }
+        }
+
+        // The list keeps its people in sort-key order, so this is usually a check.
+        const auto sortKeyLess = [&](const Entry& a, const Entry& b) {
+            return entryLess(a, b, [&](std::uint32_t x, std::uint32_t y) {
+                return people[x]->sortKey() < people[y]->sortKey();
+            });
+        };
+        if (!std::is_sorted(bySortKey.begin(), bySortKey.end(), sortKeyLess)) {
+            std::stable_sort(bySortKey.begin(), bySortKey.end(), sortKeyLess);
+            m_sortKeyOrder.reserve(people.size());
+            for (const auto& entry : bySortKey) {
+                m_sortKeyOrder.push_back(entry.index);
+            }
+        }
+    }
+
+    // The sections of one order of those asked for; takes that order's keys.
+    std::vector<Section> sections(SortOrder order) {
+        auto entries = std::move(m_entries[static_cast<std::size_t>(order)]);
+        if (!m_sortKeyOrder.empty()) {
+            std::vector<Entry> arranged;
+            arranged.reserve(entries.size());
+            for (const auto index : m_sortKeyOrder) {
+                arranged.push_back(entries[index]);
+            }
+            entries = std::move(arranged);
+        }
+        // Stable on the order's own keys, so sort-key order stays within ties.
+        const auto less = [&](const Entry& a, const Entry& b) {
+            return entryLess(a, b, [&](std::uint32_t x, std::uint32_t y) {
+                return leadingKeysLess(order, *m_people[x], *m_people[y]);
+            });
+        };
+        if (!std::is_sorted(entries.begin(), entries.end(), less)) {
+            std::stable_sort(entries.begin(), entries.end(), less);
+        }
+        return cut(order, entries);
+    }
+
+private:
+    std::vector<Section> cut(SortOrder order, const std::vector<Entry>& entries) const {
+        std::vector<Section> sections;
+        // Titles come in runs; the map is asked only when a title changes,
+        // and finds a section created earlier (a "#" of digits before "A"
+        // and of non-Latin names after "Z").
+        std::unordered_map<std::string, std::size_t> sectionOfTitle;
+        SectionTitler titler(order, m_people);
+        std::size_t current = 0;
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            if (i + kPrefetchDistance < entries.size()) {
+                prefetchShareCount(m_people[entries[i + kPrefetchDistance].index]);
+            }
+            const Entry& entry = entries[i];
+            if (i == 0 || titler.titleMayChange(entries[i - 1], entry)) {
+                const std::string_view title = titler.titleOf(entry);
+                if (sections.empty() || sections[current].letter != title) {
+                    const auto [found, inserted] =
+                        sectionOfTitle.try_emplace(std::string(title), sections.size());
+                    if (inserted) {
+                        sections.push_back(Section{std::string(title), {}});
+                    }
+                    current = found->second;
+                }
+            }
+            sections[current].people.push_back(m_people[entry.index]);
+        }
+        return sections;
+    }
+
+    std::span<const PersonPtr> m_people;
+    std::array<std::vector<Entry>, 7> m_entries;
+    std::vector<std::uint32_t> m_sortKeyOrder; // empty when the people came in it
+};
+
+} // namespace
+
 std::vector<Section> buildSections(SortOrder order, std::span<const PersonPtr> people) {
-    std::vector<SortEntry> entries;
-    entries.reserve(people.size());
-    // Zip keys of lower-case postal codes, upper-cased; sized once so that
-    // views into them stay put.
-    std::vector<std::string> ownedKeys(order == SortOrder::zip ? people.size() : 0);
+    const SortOrder orders[] = {order};
+    return KeyTable(people, orders).sections(order);
+}
 
-    for (std::uint32_t index = 0; index < people.size(); ++index) {
-        const Person& person = *people[index];
-        SortEntry entry{&person, index, 0, {}, {}, person.sortKey()};
-        switch (order) {
-        case SortOrder::lastName:
-            break;
-        case SortOrder::firstName:
-            entry.first = person.firstNameSortKey();
-            break;
-        case SortOrder::circle:
-            entry.rank = person.circle ? rawValue(*person.circle) : kNoCircleRank;
-            break;
-        case SortOrder::areaCode: {
-            entry.rank = areaCodeClass(person);
-            const auto& codes = person.areaCodes();
-            if (!codes.empty()) {
-                entry.first = codes[0];
-                entry.second = codes.size() > 1 ? std::string_view(codes[1]) : kNoSecondCode;
-            }
+std::map<SortOrder, std::vector<Section>> buildIndex(std::span<const PersonPtr> people,
+                                                     const std::function<bool()>& shouldStop) {
+    std::map<SortOrder, std::vector<Section>> index;
+    KeyTable keys(people, allSortOrders());
+    for (const auto order : allSortOrders()) {
+        if (shouldStop && shouldStop()) {
             break;
         }
-        case SortOrder::zip:
-            if (person.postalCodes.empty()) {
-                entry.rank = 1;
-            } else {
-                entry.first = zipKeyView(person.postalCodes.front(), ownedKeys[index]);
-            }
-            break;
-        case SortOrder::completeness:
-            // Most filled first.
-            entry.rank = -person.filledCount;
-            break;
-        case SortOrder::photo:
-            entry.rank = person.hasImage ? 0 : 1;
-            break;
-        }
-        entries.push_back(entry);
+        index.emplace(order, keys.sections(order));
     }
-
-    // The list arrives sorted by sortKey, so the last-name order usually
-    // needs no sort at all.
-    if (!std::is_sorted(entries.begin(), entries.end(), entryLess)) {
-        std::stable_sort(entries.begin(), entries.end(), entryLess);
-    }
-
-    std::vector<Section> sections;
-    // Titles usually come in runs; the map is asked only when a title
-    // changes, and finds a section created earlier (a "#" of digits before
-    // "A" and of non-Latin names after "Z").
-    std::unordered_map<std::string, std::size_t> sectionOfTitle;
-    SectionTitler titler(order);
-    std::size_t current = 0;
-    for (const auto& entry : entries) {
-        const std::string_view title = titler.titleOf(entry);
-        if (sections.empty() || sections[current].letter != title) {
-            const auto [found, inserted] = sectionOfTitle.try_emplace(std::string(title), sections.size());
-            if (inserted) {
-                sections.push_back(Section{std::string(title), {}});
-            }
-            current = found->second;
-        }
-        sections[current].people.push_back(people[entry.index]);
-    }
-    return sections;
+    return index;
 }
 
 std::vector<Section> inDirection(std::vector<Section> sections, bool descending) {

@@ -3,6 +3,8 @@
 #include "KinbookKit/people/SortOrder.h"
 #include "KinbookKit/records/Person.h"
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -36,6 +38,13 @@ struct Heading {
 // created when its title is first met. Stable: people with equal keys keep
 // the order they came in.
 std::vector<Section> buildSections(SortOrder order, std::span<const PersonPtr> people);
+
+// The sections of every sort order, as the list's index keeps them: the same
+// as buildSections for each, with each person's keys read once for all
+// seven. `shouldStop` is asked between orders (a newer list supersedes the
+// index being built); the orders built until then are returned.
+std::map<SortOrder, std::vector<Section>> buildIndex(std::span<const PersonPtr> people,
+                                                     const std::function<bool()>& shouldStop = {});
 
 // The sections as shown in the given direction. Descending reverses the
 // sections and the people inside them, except that the photo order keeps

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+#include <tuple>
 #include <utility>
 
 namespace kinbook {
@@ -198,6 +201,199 @@ TEST(Sections, EqualityComparesPeopleByValue) {
     EXPECT_NE((Section{"A", {ann}}), (Section{"A", {otherAnn}}));
     EXPECT_NE((Section{"A", {ann}}), (Section{"B", {ann}}));
     EXPECT_NE((Section{"A", {ann}}), (Section{"A", {ann, ann}}));
+}
+
+// The sections as the table of orders describes them, worked out the plain
+// way: a stable sort on the whole key, comparing the people's own strings.
+std::vector<Section> plainSections(SortOrder order, std::vector<PersonPtr> people) {
+    const auto zipKey = [](const Person& person) {
+        std::string key = person.postalCodes.front().substr(0, person.postalCodes.front().find('-'));
+        std::transform(key.begin(), key.end(), key.begin(),
+                       [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+        return key;
+    };
+    const auto key = [&](const Person& p) {
+        switch (order) {
+        case SortOrder::lastName:
+            return std::tuple<long, std::string, std::string, std::string>(0, "", "", p.sortKey());
+        case SortOrder::firstName:
+            return std::tuple<long, std::string, std::string, std::string>(0, p.firstNameSortKey(), "",
+                                                                           p.sortKey());
+        case SortOrder::circle:
+            return std::tuple<long, std::string, std::string, std::string>(
+                p.circle ? rawValue(*p.circle) : 99, "", "", p.sortKey());
+        case SortOrder::areaCode: {
+            const auto& codes = p.areaCodes();
+            const long group = codes.empty()               ? (p.phoneNumbers.empty() ? 3 : 2)
+                               : codes[0].starts_with('+') ? 1
+                                                           : 0;
+            return std::tuple<long, std::string, std::string, std::string>(group,
+                                                                           codes.empty() ? "" : codes[0],
+                                                                           codes.size() > 1 ? codes[1]
+                                                                           : codes.empty()  ? ""
+                                                                                            : "~",
+                                                                           p.sortKey());
+        }
+        case SortOrder::zip:
+            return std::tuple<long, std::string, std::string, std::string>(
+                p.postalCodes.empty() ? 1 : 0, p.postalCodes.empty() ? "" : zipKey(p), "", p.sortKey());
+        case SortOrder::completeness:
+            return std::tuple<long, std::string, std::string, std::string>(-long{p.filledCount}, "", "",
+                                                                           p.sortKey());
+        case SortOrder::photo:
+            return std::tuple<long, std::string, std::string, std::string>(p.hasImage ? 0 : 1, "", "",
+                                                                           p.sortKey());
+        }
+        return std::tuple<long, std::string, std::string, std::string>();
+    };
+    const auto title = [&](const Person& p) -> std::string {
+        switch (order) {
+        case SortOrder::lastName:
+            return p.sectionLetter();
+        case SortOrder::firstName:
+            return p.firstNameSectionLetter();
+        case SortOrder::circle:
+            return p.circle ? std::string(circleTitle(*p.circle)) : "No Circle";
+        case SortOrder::areaCode:
+            return !p.areaCodes().empty()   ? AreaCodes::label(p.areaCodes()[0])
+                   : p.phoneNumbers.empty() ? "No Phone"
+                                            : "Other Numbers";
+        case SortOrder::zip:
+            return p.postalCodes.empty() ? "No Address" : zipKey(p);
+        case SortOrder::completeness:
+            return p.filledCount == 1 ? "1 field" : std::to_string(p.filledCount) + " fields";
+        case SortOrder::photo:
+            return p.hasImage ? "Picture" : "No Picture";
+        }
+        return {};
+    };
+    std::stable_sort(people.begin(), people.end(),
+                     [&](const PersonPtr& a, const PersonPtr& b) { return key(*a) < key(*b); });
+    std::vector<Section> sections;
+    for (const auto& person : people) {
+        const auto name = title(*person);
+        auto found = std::find_if(sections.begin(), sections.end(),
+                                  [&](const Section& s) { return s.letter == name; });
+        if (found == sections.end()) {
+            sections.push_back(Section{name, {}});
+            found = sections.end() - 1;
+        }
+        found->people.push_back(person);
+    }
+    return sections;
+}
+
+// People whose keys share long beginnings, hold NULs, or are not what the
+// names would give (as a cache written by another version might hold), in
+// no particular order: every comparison path of the section builder.
+std::vector<PersonPtr> awkwardPeople(std::size_t count, unsigned seed) {
+    std::mt19937 random(seed);
+    const auto pick = [&](const std::vector<std::string>& choices) {
+        return choices[random() % choices.size()];
+    };
+    using namespace std::string_literals;
+    const std::vector<std::string> names = {"",
+                                            "Ann",
+                                            "Zoë",
+                                            "Émile",
+                                            "3M",
+                                            "Øre",
+                                            "Иван",
+                                            "abcdefghijklmnopqrstuvwxyz",
+                                            "abcdefghijklmnopqrstuvwxyzabcdefghij",
+                                            "abcdefghijklmnopqrstuvwxyzabcdefghik",
+                                            "abcdefgh",
+                                            "abcdefghi"};
+    const std::vector<std::string> keys = {"",
+                                           "a",
+                                           "a\0"s,
+                                           "a\0b"s,
+                                           "abcdefgh",
+                                           "abcdefgh\0"s,
+                                           "abcdefghijklmnopqrstuvwxyzabcdef",
+                                           "abcdefghijklmnopqrstuvwxyzabcdefg",
+                                           "abcdefghijklmnopqrstuvwxyzabcdefg\0"s,
+                                           "zz",
+                                           "\xc3\xb8re"};
+    const std::vector<std::string> codes = {"212",          "213",   "+44", "+4", "+1234567890",
+                                            "+12345678901", "21\0"s, "~",   ""};
+    const std::vector<std::string> zips = {"94103-1234",
+                                           "94103",
+                                           "sw1a 1aa",
+                                           "SW1A 1AA",
+                                           "",
+                                           "abcdefghijklmnopqrstuvwxyz0123456789",
+                                           "abcdefghijklmnopqrstuvwxyz0123456789-1",
+                                           "abcdefghijklmnopqrstuvwxyz01234567",
+                                           "-12",
+                                           "a\0b"s};
+    const std::vector<std::string> letters = {"A", "B", "#", "", "AB", "\0"s};
+    std::vector<PersonPtr> people;
+    for (std::size_t i = 0; i < count; ++i) {
+        Person person;
+        person.id = std::to_string(i);
+        person.givenName = pick(names);
+        person.familyName = pick(names);
+        for (auto phones = random() % 3; phones > 0; --phones) {
+            person.phoneNumbers.push_back(
+                pick({"+1 212 555 0100", "+44 20 7946 0958", "12", "(213) 555-0101"}));
+        }
+        if (random() % 3 != 0) {
+            person.postalCodes.push_back(pick(zips));
+        }
+        if (random() % 2 == 0) {
+            person.circle = circleFromRawValue(static_cast<long long>(random() % 6 + 1));
+        }
+        person.filledCount = static_cast<int>(random() % 5) - 1;
+        person.hasImage = random() % 4 == 0;
+        person.derive();
+        if (random() % 2 == 0) {
+            PersonKeys crafted = person.keys();
+            crafted.sortKey = pick(keys);
+            crafted.firstNameSortKey = pick(keys);
+            crafted.sectionLetter = pick(letters);
+            crafted.firstNameSectionLetter = pick(letters);
+            crafted.areaCodes.clear();
+            for (auto n = random() % 3; n > 0; --n) {
+                crafted.areaCodes.push_back(pick(codes));
+            }
+            person.adoptKeys(std::move(crafted));
+        }
+        people.push_back(std::make_shared<const Person>(std::move(person)));
+    }
+    return people;
+}
+
+TEST(Sections, EveryOrderMatchesThePlainSortOnAwkwardKeys) {
+    for (const unsigned seed : {1u, 2u, 3u}) {
+        auto people = awkwardPeople(1500, seed);
+        for (const bool listOrder : {false, true}) {
+            if (listOrder) {
+                // As the list keeps them: by sort key.
+                std::stable_sort(people.begin(), people.end(), [](const PersonPtr& a, const PersonPtr& b) {
+                    return a->sortKey() < b->sortKey();
+                });
+            }
+            const auto index = buildIndex(people);
+            ASSERT_EQ(index.size(), allSortOrders().size());
+            for (const auto order : allSortOrders()) {
+                SCOPED_TRACE(::testing::Message()
+                             << rawValue(order) << " seed " << seed << " list order " << listOrder);
+                const auto expected = shapeOf(plainSections(order, people));
+                EXPECT_EQ(shapeOf(buildSections(order, people)), expected);
+                EXPECT_EQ(shapeOf(index.at(order)), expected);
+            }
+        }
+    }
+}
+
+TEST(Sections, TheIndexStopsBetweenOrdersWhenAsked) {
+    const std::vector<PersonPtr> people{make({"a", "Al", "Adams"})};
+    int asked = 0;
+    const auto index = buildIndex(people, [&] { return ++asked > 2; });
+    EXPECT_EQ(index.size(), 2u);
+    EXPECT_TRUE(index.contains(SortOrder::lastName));
+    EXPECT_TRUE(index.contains(SortOrder::firstName));
 }
 
 } // namespace

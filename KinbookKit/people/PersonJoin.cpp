@@ -1,0 +1,170 @@
+#include "KinbookKit/people/PersonJoin.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace kinbook {
+namespace {
+
+// The first eight bytes of a key as one number, so that most comparisons of
+// a sort look at a flat array instead of following each person's pointers.
+std::uint64_t prefixOf(std::string_view key) {
+    std::uint64_t prefix = 0;
+    for (std::size_t i = 0; i < 8; ++i) {
+        prefix = (prefix << 8) | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0u);
+    }
+    return prefix;
+}
+
+// Sorts people by sortKey, keeping the order of people with equal keys.
+void sortBySortKey(std::vector<PersonPtr>& people) {
+    struct Entry {
+        std::uint64_t prefix;
+        std::uint32_t index;
+    };
+    std::vector<Entry> entries;
+    entries.reserve(people.size());
+    for (std::uint32_t i = 0; i < people.size(); ++i) {
+        entries.push_back({prefixOf(people[i]->sortKey()), i});
+    }
+    std::sort(entries.begin(), entries.end(), [&](const Entry& left, const Entry& right) {
+        if (left.prefix != right.prefix) {
+            return left.prefix < right.prefix;
+        }
+        if (const int order = people[left.index]->sortKey().compare(people[right.index]->sortKey());
+            order != 0) {
+            return order < 0;
+        }
+        return left.index < right.index;
+    });
+    std::vector<PersonPtr> sorted;
+    sorted.reserve(people.size());
+    for (const auto& entry : entries) {
+        sorted.push_back(std::move(people[entry.index]));
+    }
+    people = std::move(sorted);
+}
+
+} // namespace
+
+std::optional<std::string_view> JoinedPeople::personIDOf(std::string_view cardID) const {
+    if (const auto group = groupOf.find(cardID); group != groupOf.end()) {
+        return group->second;
+    }
+    if (const auto person = byID.find(cardID); person != byID.end()) {
+        return person->first;
+    }
+    return std::nullopt;
+}
+
+PersonPtr JoinedPeople::find(std::string_view id) const {
+    if (const auto group = groupOf.find(id); group != groupOf.end()) {
+        id = group->second;
+    }
+    const auto found = byID.find(id);
+    return found == byID.end() ? nullptr : found->second;
+}
+
+Person joinGroup(std::vector<PersonPtr> members) {
+    std::sort(members.begin(), members.end(), [](const PersonPtr& left, const PersonPtr& right) {
+        if (left->isPrimaryCard != right->isPrimaryCard) {
+            return left->isPrimaryCard;
+        }
+        if (left->sortKey() != right->sortKey()) {
+            return left->sortKey() < right->sortKey();
+        }
+        return left->id < right->id;
+    });
+
+    Person::Changes changes;
+    std::vector<std::string> accountIDs;
+    std::vector<std::string> memberIDs;
+    bool hidden = true;
+    std::optional<ContactCircle> circle;
+    for (const auto& member : members) {
+        for (const auto& account : member->accountIDs) {
+            if (std::find(accountIDs.begin(), accountIDs.end(), account) == accountIDs.end()) {
+                accountIDs.push_back(account);
+            }
+        }
+        memberIDs.push_back(member->id);
+        hidden = hidden && member->hidden;
+        if (member->circle && (!circle || *member->circle < *circle)) {
+            circle = member->circle;
+        }
+    }
+    changes.accountIDs = std::move(accountIDs);
+    changes.hidden = hidden;
+    changes.circle = circle;
+    changes.memberIDs = std::move(memberIDs);
+    return members.front()->with(std::move(changes));
+}
+
+JoinedPeople joinPeople(std::vector<PersonPtr> raw) {
+    JoinedPeople joined;
+    joined.raw = std::move(raw);
+
+    // Cards sharing a KinID, in the order the first of each group was read.
+    std::unordered_map<std::string_view, std::size_t> groupIndex;
+    std::vector<std::vector<PersonPtr>> groups;
+    std::vector<PersonPtr> unsorted;
+    unsorted.reserve(joined.raw.size());
+    std::vector<std::size_t> slotOfGroup; // where each group's person goes in `unsorted`
+    for (const auto& card : joined.raw) {
+        if (!card->kinID) {
+            unsorted.push_back(card);
+            continue;
+        }
+        const auto [slot, inserted] = groupIndex.try_emplace(*card->kinID, groups.size());
+        if (inserted) {
+            groups.push_back({card});
+            slotOfGroup.push_back(unsorted.size());
+            unsorted.push_back(card);
+        } else {
+            groups[slot->second].push_back(card);
+        }
+    }
+    for (std::size_t i = 0; i < groups.size(); ++i) {
+        if (groups[i].size() > 1) {
+            unsorted[slotOfGroup[i]] = std::make_shared<const Person>(joinGroup(std::move(groups[i])));
+        }
+    }
+
+    joined.byID.reserve(unsorted.size());
+    // Few accounts, many people: count in a short list, not a map per person.
+    std::vector<std::pair<std::string_view, int>> accountCounts;
+    for (const auto& person : unsorted) {
+        // Two cards can't share an id, but a damaged store might still say
+        // so; the first one read keeps it.
+        joined.byID.try_emplace(person->id, person);
+        if (person->memberIDs.size() > 1) {
+            for (const auto& member : person->memberIDs) {
+                joined.groupOf.try_emplace(member, person->id);
+            }
+        }
+        for (const auto& account : person->accountIDs) {
+            auto counted = std::find_if(accountCounts.begin(), accountCounts.end(),
+                                        [&](const auto& entry) { return entry.first == account; });
+            if (counted == accountCounts.end()) {
+                accountCounts.emplace_back(account, 1);
+            } else {
+                ++counted->second;
+            }
+        }
+        if (person->hidden) {
+            ++joined.hiddenCount;
+        }
+        if (person->circle) {
+            ++joined.circleCounts[*person->circle];
+        }
+    }
+    for (const auto& [account, count] : accountCounts) {
+        joined.accountCounts.emplace(std::string(account), count);
+    }
+
+    sortBySortKey(unsorted);
+    joined.people = std::move(unsorted);
+    return joined;
+}
+
+} // namespace kinbook

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "KinbookKit/people/Sections.h"
+#include "KinbookKit/records/ContactCircle.h"
+#include "KinbookKit/records/Person.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace kinbook {
+
+// The cards of one read joined into the people the list shows, with every
+// look-up the list answers from them. Immutable once made: the list swaps a
+// whole new one in, so that background work (the index, a search) can keep
+// reading the old one safely.
+//
+// The maps' keys and values are views into the ids of the people held in
+// `raw` and `people`, which live as long as this value (or any copy of it).
+struct JoinedPeople {
+    std::vector<PersonPtr> raw;    // one per card, in the order read
+    std::vector<PersonPtr> people; // one per human, by sortKey (stable)
+    std::unordered_map<std::string_view, PersonPtr> byID;
+    // Card id -> the id of the person holding it, for the cards of people
+    // with more than one; a lone card's person has the card's own id.
+    std::unordered_map<std::string_view, std::string_view> groupOf;
+    std::map<std::string, int> accountCounts; // account id -> people with a card in it
+    int hiddenCount = 0;
+    CircleCounts circleCounts;
+
+    // The person with this id, or the person holding the card with this id.
+    PersonPtr find(std::string_view id) const;
+    // The id of the person holding a card; none for an unknown card.
+    std::optional<std::string_view> personIDOf(std::string_view cardID) const;
+};
+
+// Joins the raw per-card people of a read into people. Cards without a KinID
+// stay people of their own; cards sharing a KinID become one person, led by
+// the primary card (else the lowest sortKey, else the lowest id), holding the
+// union of the cards' accounts, hidden only when every card is, and in the
+// closest of the cards' circles. Everything else is the leading card's.
+JoinedPeople joinPeople(std::vector<PersonPtr> raw);
+
+// The people of a group of cards sharing one KinID, joined as above.
+// `members` must not be empty.
+Person joinGroup(std::vector<PersonPtr> members);
+
+} // namespace kinbook
