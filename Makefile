@@ -1,11 +1,11 @@
 # The two commands of the quick start:
-#   make run    set up, build, and run Kinbook on the embedded default address book
+#   make run    set up, build, and open Vellumary Contacts on the embedded default address book
 #   make test   set up, build, and run every test, the sanitizer build included
 # Everything else here is a step of those two.
 
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
-ARGS ?= --version
+ARGS ?=
 
 RELEASE_DIR  := build/release
 SANITIZE_DIR := build/sanitize
@@ -14,7 +14,7 @@ FUZZ_DIR     := build/fuzz
 .PHONY: run test setup build build-sanitize test-release test-sanitize bench fuzz format clean
 
 run: build
-	./$(RELEASE_DIR)/cli/kinbook $(ARGS)
+	./$(RELEASE_DIR)/Kinbook/vellumary-contacts $(ARGS)
 
 test: setup test-release test-sanitize
 

@@ -246,13 +246,13 @@ void ContactPage::rebuildFields() {
         row->setForeground(0, palette().color(QPalette::PlaceholderText));
     };
     auto addRow = [&](const QString& label, const QString& value, const QString& entryID = {},
-                      std::optional<EntryKind> kind = std::nullopt, const QString& storedLabel = {}) {
+                      bool markable = false, const QString& storedLabel = {}) {
         auto* row = new QTreeWidgetItem(m_fields, QStringList{label, value});
         row->setTextAlignment(0, Qt::AlignRight | Qt::AlignTop);
         row->setForeground(0, palette().color(QPalette::PlaceholderText));
         row->setData(0, ContactFields::EntryIDRole, entryID);
-        if (kind) {
-            row->setData(0, ContactFields::EntryKindRole, static_cast<int>(*kind));
+        if (markable) {
+            row->setData(0, ContactFields::MarkableRole, true);
             row->setData(0, ContactFields::LabelRole, storedLabel);
         }
         if (!entryID.isEmpty() && entryID == currentEntry) {
@@ -262,14 +262,14 @@ void ContactPage::rebuildFields() {
     };
     // Phones, e-mails and addresses: former entries after the current ones,
     // drawn quieter, their label saying "ex-".
-    auto addEntries = [&](const QString& title, const std::vector<ContactCard::Item>& items, EntryKind kind) {
+    auto addEntries = [&](const QString& title, const std::vector<ContactCard::Item>& items) {
         if (items.empty()) {
             return;
         }
         addTitle(title);
         for (const auto& item : ExLabel::formerLast(items)) {
             const QString label = qt(item.label.empty() ? std::string() : localizedLabel(item.label));
-            auto* row = addRow(label, qt(item.value), qt(item.id), kind, qt(item.label));
+            auto* row = addRow(label, qt(item.value), qt(item.id), true, qt(item.label));
             if (ExLabel::isFormer(item.label)) {
                 QFont font = m_fields->font();
                 font.setItalic(true);
@@ -282,9 +282,9 @@ void ContactPage::rebuildFields() {
     };
 
     if (card != nullptr) {
-        addEntries("Phone", card->phones, EntryKind::phone);
-        addEntries("E-mail", card->emails, EntryKind::email);
-        addEntries("Address", card->addresses, EntryKind::address);
+        addEntries("Phone", card->phones);
+        addEntries("E-mail", card->emails);
+        addEntries("Address", card->addresses);
 
         // Links: the recognised profiles first, then other web addresses and
         // any profile not already shown as a link.
@@ -359,20 +359,19 @@ void ContactPage::rebuildFields() {
 }
 
 QList<QAction*> ContactPage::entryActions(QTreeWidgetItem* row, QObject* parent) {
-    if (row == nullptr || !m_card || !row->data(0, ContactFields::EntryKindRole).isValid()) {
+    if (row == nullptr || !m_card || !row->data(0, ContactFields::MarkableRole).toBool()) {
         return {};
     }
-    const auto kind = static_cast<EntryKind>(row->data(0, ContactFields::EntryKindRole).toInt());
     const QString entryID = row->data(0, ContactFields::EntryIDRole).toString();
     const QString label = row->data(0, ContactFields::LabelRole).toString();
     const QString cardID = qt(m_card->id);
     const bool former = ExLabel::isFormer(utf8(label));
     auto* action = new QAction(formerMenuText(label), parent);
-    connect(action, &QAction::triggered, this, [this, cardID, kind, entryID, former] {
+    connect(action, &QAction::triggered, this, [this, cardID, entryID, former] {
         if (former) {
-            Q_EMIT markCurrentRequested(cardID, kind, entryID);
+            Q_EMIT markCurrentRequested(cardID, entryID);
         } else {
-            Q_EMIT markFormerRequested(cardID, kind, entryID);
+            Q_EMIT markFormerRequested(cardID, entryID);
         }
     });
     return {action};

@@ -19,9 +19,6 @@ namespace kinbook {
 
 class CirclePicker;
 
-// Which list of a card an entry belongs to, for marking it former.
-enum class EntryKind { phone, email, address };
-
 // The fields of the page, one row per entry, grouped under titles. Up and
 // down move between entries; left asks to go back to the list.
 class ContactFields final : public QTreeWidget {
@@ -29,7 +26,7 @@ class ContactFields final : public QTreeWidget {
 public:
     enum Role {
         EntryIDRole = Qt::UserRole + 1, // QString: the entry's id; empty on titles and fixed rows
-        EntryKindRole,                  // int: EntryKind, for entries that can be marked former
+        MarkableRole,                   // bool: a phone, e-mail or address, which can be marked former
         LabelRole,                      // QString: the entry's label as stored
     };
 
@@ -75,8 +72,8 @@ public:
 
 Q_SIGNALS:
     // `cardID` is the card the page shows; `entryID` the entry's id there.
-    void markFormerRequested(const QString& cardID, kinbook::EntryKind kind, const QString& entryID);
-    void markCurrentRequested(const QString& cardID, kinbook::EntryKind kind, const QString& entryID);
+    void markFormerRequested(const QString& cardID, const QString& entryID);
+    void markCurrentRequested(const QString& cardID, const QString& entryID);
     void hiddenChangeRequested(const QString& personID, bool hidden);
     void leaveLeftRequested();
 

@@ -13,8 +13,10 @@
 
 namespace kinbook {
 
-HelpCommands::HelpCommands(QMenu* helpMenu, QWidget* window, AppLog& log, OpenURL openURL)
-    : QObject(helpMenu), m_window(window), m_log(log), m_openURL(std::move(openURL)) {
+HelpCommands::HelpCommands(QWidget* window, AppLog& log, OpenURL openURL)
+    : QObject(window), m_window(window), m_log(log), m_openURL(std::move(openURL)) {}
+
+void HelpCommands::addTo(QMenu* helpMenu) {
     helpMenu->addAction("Circles", this, &HelpCommands::showCircles);
     helpMenu->addAction("Show App Log", this, &HelpCommands::showAppLog);
 }

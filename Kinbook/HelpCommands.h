@@ -23,9 +23,12 @@ public:
     // Opens a URL with the desktop's handler; false when none took it.
     using OpenURL = std::function<bool(const QUrl&)>;
 
-    // Adds the items to `helpMenu`. `window` parents the help window and any
-    // message. The log must outlive this object.
-    HelpCommands(QMenu* helpMenu, QWidget* window, AppLog& log, OpenURL openURL = defaultOpenURL());
+    // `window` parents the help window and any message. The log must
+    // outlive this object.
+    HelpCommands(QWidget* window, AppLog& log, OpenURL openURL = defaultOpenURL());
+
+    // Adds "Circles" and "Show App Log" to the menu.
+    void addTo(QMenu* helpMenu);
 
     static OpenURL defaultOpenURL();
 

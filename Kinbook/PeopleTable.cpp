@@ -2,6 +2,7 @@
 
 #include "Kinbook/PeopleTableModel.h"
 
+#include <QHeaderView>
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -111,9 +112,19 @@ void PersonRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opt
     painter->restore();
 }
 
-PeopleTable::PeopleTable(QWidget* parent) : QListView(parent) {
+PeopleTable::PeopleTable(QWidget* parent) : QTableView(parent) {
     setObjectName("PeopleTable");
-    setUniformItemSizes(true);
+    horizontalHeader()->hide();
+    horizontalHeader()->setStretchLastSection(true);
+    verticalHeader()->hide();
+    verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    verticalHeader()->setMinimumSectionSize(kRowHeight);
+    verticalHeader()->setDefaultSectionSize(kRowHeight);
+    setShowGrid(false);
+    setWordWrap(false);
+    setTabKeyNavigation(false);
+    setCornerButtonEnabled(false);
+    setSelectionBehavior(QAbstractItemView::SelectRows);
     setSelectionMode(QAbstractItemView::SingleSelection);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
@@ -125,15 +136,14 @@ PeopleTable::PeopleTable(QWidget* parent) : QListView(parent) {
 void PeopleTable::setPeopleModel(PeopleTableModel* model) {
     m_model = model;
     setModel(model);
-    connect(selectionModel(), &QItemSelectionModel::currentChanged, this, [this](const QModelIndex& current) {
-        Q_EMIT selectedPersonChanged(
-            current.isValid() ? current.data(PeopleTableModel::PersonIDRole).toString() : QString());
-    });
-    connect(model, &QAbstractItemModel::modelReset, this,
-            [this] { Q_EMIT selectedPersonChanged(QString()); });
+    // The page follows the selection, not the keyboard's current row: a
+    // list that takes the focus makes its first row current without
+    // choosing anyone.
+    connect(selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            [this] { Q_EMIT selectedPersonChanged(selectedID()); });
 }
 
-void PeopleTable::selectRow(int row) {
+void PeopleTable::selectPersonRow(int row) {
     const QModelIndex index = m_model->index(row);
     if (!index.isValid()) {
         return;
@@ -152,6 +162,16 @@ void PeopleTable::moveSelection(int steps) {
     std::optional<int> target;
     if (row < 0) {
         target = m_model->personRowFrom(0, 1);
+    } else if (!selectionModel()->isSelected(current)) {
+        // A current row nobody chose yet is the first step.
+        target = row;
+        for (int i = 1; i < std::abs(steps); ++i) {
+            const auto next = m_model->personRowFrom(*target + direction, direction);
+            if (!next) {
+                break;
+            }
+            target = next;
+        }
     } else {
         for (int i = 0; i < std::abs(steps); ++i) {
             const auto next = m_model->personRowFrom(row + direction, direction);
@@ -163,7 +183,7 @@ void PeopleTable::moveSelection(int steps) {
         }
     }
     if (target) {
-        selectRow(*target);
+        selectPersonRow(*target);
     }
 }
 
@@ -176,7 +196,7 @@ QString PeopleTable::selectedID() const {
 
 QModelIndex PeopleTable::moveCursor(CursorAction cursorAction, Qt::KeyboardModifiers modifiers) {
     if (m_model == nullptr) {
-        return QListView::moveCursor(cursorAction, modifiers);
+        return QTableView::moveCursor(cursorAction, modifiers);
     }
     const QModelIndex current = currentIndex();
     const int row = current.isValid() ? current.row() : -1;
@@ -204,7 +224,7 @@ QModelIndex PeopleTable::moveCursor(CursorAction cursorAction, Qt::KeyboardModif
         target = m_model->personRowFrom(std::max(row - page, 0), 1);
         break;
     default:
-        return QListView::moveCursor(cursorAction, modifiers);
+        return QTableView::moveCursor(cursorAction, modifiers);
     }
     return target ? m_model->index(*target) : current;
 }
@@ -224,8 +244,17 @@ void PeopleTable::keyPressEvent(QKeyEvent* event) {
             event->accept();
             return;
         }
+        // A current row nobody chose yet (the list just took the focus) is
+        // where up and down start.
+        const QModelIndex current = currentIndex();
+        if ((event->key() == Qt::Key_Down || event->key() == Qt::Key_Up) && current.isValid() &&
+            !selectionModel()->isSelected(current)) {
+            selectPersonRow(current.row());
+            event->accept();
+            return;
+        }
     }
-    QListView::keyPressEvent(event);
+    QTableView::keyPressEvent(event);
 }
 
 } // namespace kinbook

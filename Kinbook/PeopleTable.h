@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QListView>
 #include <QStyledItemDelegate>
+#include <QTableView>
 
 namespace kinbook {
 
@@ -23,7 +23,10 @@ public:
 // The people list. Up and down move the selection from person to person,
 // passing over section titles; right asks to go into the selected person's
 // page and left to go to the column beside the list.
-class PeopleTable final : public QListView {
+//
+// A table of one column with fixed row heights: unlike a list view, it lays
+// nothing out per row, so 100,000 people cost no more to show than a dozen.
+class PeopleTable final : public QTableView {
     Q_OBJECT
 public:
     explicit PeopleTable(QWidget* parent = nullptr);
@@ -32,7 +35,7 @@ public:
     PeopleTableModel* peopleModel() const { return m_model; }
 
     // Selects the person on `row` (a person's row) and scrolls to it.
-    void selectRow(int row);
+    void selectPersonRow(int row);
     // Moves the selection by `steps` people (negative: up), as the arrow keys
     // do; from no selection, down starts at the first person.
     void moveSelection(int steps);

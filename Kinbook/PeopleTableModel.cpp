@@ -9,13 +9,17 @@ namespace kinbook {
 PeopleTableModel::PeopleTableModel(QObject* parent) : QAbstractListModel(parent) {}
 
 void PeopleTableModel::setSections(std::vector<Section> sections) {
+    setSections(std::make_shared<const std::vector<Section>>(std::move(sections)));
+}
+
+void PeopleTableModel::setSections(SharedSections sections) {
     beginResetModel();
-    m_sections = std::move(sections);
+    m_sections = sections ? std::move(sections) : std::make_shared<const std::vector<Section>>();
     m_sectionRows.clear();
-    m_sectionRows.reserve(m_sections.size());
+    m_sectionRows.reserve(m_sections->size());
     int row = 0;
     int people = 0;
-    for (const auto& section : m_sections) {
+    for (const auto& section : *m_sections) {
         m_sectionRows.push_back(row);
         const int size = static_cast<int>(section.people.size());
         row += 1 + size;
@@ -45,7 +49,7 @@ const Person* PeopleTableModel::personAt(int row) const {
     if (!location || location->person < 0) {
         return nullptr;
     }
-    return m_sections[location->section].people[static_cast<std::size_t>(location->person)].get();
+    return (*m_sections)[location->section].people[static_cast<std::size_t>(location->person)].get();
 }
 
 bool PeopleTableModel::isSectionRow(int row) const {
@@ -54,8 +58,8 @@ bool PeopleTableModel::isSectionRow(int row) const {
 }
 
 std::optional<int> PeopleTableModel::rowOf(std::string_view personID) const {
-    for (std::size_t s = 0; s < m_sections.size(); ++s) {
-        const auto& people = m_sections[s].people;
+    for (std::size_t s = 0; s < m_sections->size(); ++s) {
+        const auto& people = (*m_sections)[s].people;
         for (std::size_t p = 0; p < people.size(); ++p) {
             if (people[p]->id == personID) {
                 return m_sectionRows[s] + 1 + static_cast<int>(p);
@@ -75,8 +79,8 @@ std::optional<int> PeopleTableModel::personRowFrom(int row, int direction) const
 }
 
 std::optional<int> PeopleTableModel::sectionRow(std::string_view title) const {
-    for (std::size_t s = 0; s < m_sections.size(); ++s) {
-        if (m_sections[s].letter == title) {
+    for (std::size_t s = 0; s < m_sections->size(); ++s) {
+        if ((*m_sections)[s].letter == title) {
             return m_sectionRows[s];
         }
     }
@@ -96,7 +100,7 @@ QVariant PeopleTableModel::data(const QModelIndex& index, int role) const {
     if (!location) {
         return {};
     }
-    const Section& section = m_sections[location->section];
+    const Section& section = (*m_sections)[location->section];
     if (location->person < 0) {
         switch (role) {
         case Qt::DisplayRole:

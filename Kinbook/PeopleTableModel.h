@@ -5,6 +5,7 @@
 #include <QAbstractListModel>
 #include <QImage>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -31,8 +32,12 @@ public:
 
     explicit PeopleTableModel(QObject* parent = nullptr);
 
+    // The sections are shared with the list, which never changes them in
+    // place: it publishes new ones.
+    using SharedSections = std::shared_ptr<const std::vector<Section>>;
+    void setSections(SharedSections sections);
     void setSections(std::vector<Section> sections);
-    const std::vector<Section>& sections() const { return m_sections; }
+    const std::vector<Section>& sections() const { return *m_sections; }
     void setThumbnailSource(ThumbnailSource source) { m_thumbnails = std::move(source); }
 
     int rowCount(const QModelIndex& parent = QModelIndex()) const override;
@@ -58,7 +63,7 @@ private:
     };
     std::optional<Location> locate(int row) const;
 
-    std::vector<Section> m_sections;
+    SharedSections m_sections = std::make_shared<const std::vector<Section>>();
     std::vector<int> m_sectionRows; // the title row of each section, ascending
     int m_rowCount = 0;
     int m_peopleCount = 0;

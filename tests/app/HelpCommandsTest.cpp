@@ -32,10 +32,12 @@ protected:
     QMenu menu{"Help"};
     std::vector<QUrl> opened;
     bool openSucceeds = true;
-    HelpCommands commands{&menu, &window, log, [this](const QUrl& url) {
+    HelpCommands commands{&window, log, [this](const QUrl& url) {
                               opened.push_back(url);
                               return openSucceeds;
                           }};
+
+    void SetUp() override { commands.addTo(&menu); }
 };
 
 TEST_F(HelpCommandsTest, CirclesOpensOneHelpWindowAndRaisesItAgain) {

@@ -53,7 +53,7 @@ TEST(PeopleTableModel, EachSectionIsATitleRowFollowedByItsPeople) {
 TEST(PeopleTableModel, AnEmptyListHasNoRows) {
     PeopleTableModel model;
     model.setSections(threeSections());
-    model.setSections({});
+    model.setSections(std::vector<Section>());
     EXPECT_EQ(model.rowCount(), 0);
     EXPECT_EQ(model.personAt(0), nullptr);
     EXPECT_EQ(model.personRowFrom(0, 1), std::nullopt);
