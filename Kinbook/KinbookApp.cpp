@@ -1,5 +1,6 @@
 #include "Kinbook/KinbookApp.h"
 
+#include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/addressbook/DemoAddressBook.h"
@@ -32,8 +33,10 @@ constexpr std::chrono::milliseconds kCardWaitLimit{3000};
 KinbookApp::KinbookApp(LaunchOptions options) : m_options(std::move(options)) {}
 
 KinbookApp::~KinbookApp() {
-    // The window observes the list, and the watcher probes the GUI thread;
-    // both go before the list.
+    // The benchmarks and the window observe the list, and the watcher probes
+    // the GUI thread; all go before the list.
+    m_searchBench.reset();
+    m_scrollBench.reset();
     m_watcher.reset();
     m_window.reset();
     m_list.reset();
@@ -53,11 +56,27 @@ bool KinbookApp::start() {
         m_log.info(warning);
     }
 
+    // Opening the address book reads its change journal, a matter of a
+    // second for a large one: it is done off the GUI thread, which stays
+    // free, and the window follows as soon as the book is open.
+    m_watcher = std::make_unique<MainThreadWatcher>(m_log);
     VdirAddressBook::Options bookOptions = m_configuration.addressBookOptions();
     bookOptions.imageScaler = std::make_shared<VipsImageScaler>();
     bookOptions.watcher = std::make_shared<InotifyFolderWatcher>();
-    m_book = std::make_shared<VdirAddressBook>(std::move(bookOptions));
+    Executor* main = &m_main;
+    m_background.post([main, self = QPointer(this), bookOptions = std::move(bookOptions)]() mutable {
+        auto book = std::make_shared<VdirAddressBook>(std::move(bookOptions));
+        main->post([self, book = std::move(book)]() mutable {
+            if (self) {
+                self->open(std::move(book));
+            }
+        });
+    });
+    return true;
+}
 
+void KinbookApp::open(std::shared_ptr<AddressBook> book) {
+    m_book = std::move(book);
     PeopleListOptions listOptions;
     listOptions.cache = std::make_shared<SnapshotCache>(m_configuration.snapshotFile());
     m_list = std::make_unique<PeopleList>(m_main, m_background, m_book, std::move(listOptions));
@@ -72,8 +91,7 @@ bool KinbookApp::start() {
         m_window->resize(*m_options.windowWidth, m_window->height());
     }
     m_window->show();
-
-    m_watcher = std::make_unique<MainThreadWatcher>(m_log);
+    Q_EMIT windowShown();
 
     // A missing address book is not an error on a first run: it is made on
     // request. Anything else is read at once.
@@ -82,7 +100,6 @@ bool KinbookApp::start() {
     } else {
         load();
     }
-    return true;
 }
 
 void KinbookApp::load() {
@@ -161,6 +178,8 @@ void KinbookApp::createAddressBook() {
 }
 
 void KinbookApp::afterLaunchSwitches() {
+    // The switches run one after the other: the selection, the screenshot
+    // (of the window as it first shows), the search bench, the scroll bench.
     bool waitForCard = false;
     if (m_options.selectID && m_loaded) {
         if (m_window->selectPerson(*m_options.selectID)) {
@@ -170,6 +189,7 @@ void KinbookApp::afterLaunchSwitches() {
         }
     }
     if (!m_options.screenshot) {
+        runBenchmarks();
         return;
     }
     if (waitForCard) {
@@ -188,13 +208,34 @@ void KinbookApp::takeScreenshot() {
     m_screenshotTaken = true;
     const QPixmap picture = m_window->grab();
     const std::string file = m_options.screenshot->string();
-    const bool saved = picture.save(qt(file), "PNG");
-    if (saved) {
-        m_log.info(fmt::format("screenshot: {}x{} to {}", picture.width(), picture.height(), file));
-    } else {
+    if (!picture.save(qt(file), "PNG")) {
         m_log.error(fmt::format("screenshot: couldn't write {}", file));
+        QApplication::exit(1);
+        return;
     }
-    QApplication::exit(saved ? 0 : 1);
+    m_log.info(fmt::format("screenshot: {}x{} to {}", picture.width(), picture.height(), file));
+    runBenchmarks();
+}
+
+void KinbookApp::runBenchmarks() {
+    if (m_options.searchBench && !m_searchBench) {
+        m_searchBench =
+            std::make_unique<SearchBench>(*m_window, *m_list, *m_watcher, m_log, [this] { runBenchmarks(); });
+        m_searchBench->start();
+        return;
+    }
+    if (m_options.scrollBench && !m_scrollBench) {
+        m_scrollBench =
+            std::make_unique<ScrollBench>(*m_window, *m_watcher, m_log, [this] { runBenchmarks(); });
+        m_scrollBench->start();
+        return;
+    }
+    // A diagnostic launch ends when its work is done.
+    if (m_options.screenshot || m_options.searchBench || m_options.scrollBench) {
+        m_log.info(fmt::format("main thread: {} stalls, longest {} ms", m_watcher->stallCount(),
+                               m_watcher->longestStall().count()));
+        QApplication::exit(0);
+    }
 }
 
 } // namespace kinbook

@@ -17,6 +17,8 @@ namespace kinbook {
 class AddressBook;
 class MainWindow;
 class PeopleList;
+class ScrollBench;
+class SearchBench;
 
 // The application: reads the configuration, opens the address book, creates
 // the one people list with its main executor on the GUI thread, shows the
@@ -31,11 +33,12 @@ public:
     explicit KinbookApp(LaunchOptions options);
     ~KinbookApp() override;
 
-    // Shows the main window and starts the first load. False when the
-    // application cannot run (the configuration is unreadable; the message
-    // has been shown).
+    // Opens the address book, then shows the main window and starts the
+    // first load. False when the application cannot run (the configuration
+    // is unreadable; the message has been shown).
     bool start();
 
+    // The main window; null until the address book is open (windowShown).
     MainWindow* window() const { return m_window.get(); }
     PeopleList* list() const { return m_list.get(); }
     const Configuration& configuration() const { return m_configuration; }
@@ -43,15 +46,18 @@ public:
     bool isLoaded() const { return m_loaded; }
 
 Q_SIGNALS:
+    void windowShown();
     void firstLoadFinished();
 
 private:
+    void open(std::shared_ptr<AddressBook> book);
     void load();
     void loaded();
     void offerToCreate();
     void createAddressBook();
     void afterLaunchSwitches();
     void takeScreenshot();
+    void runBenchmarks();
 
     LaunchOptions m_options;
     KinLog m_log{"app"};
@@ -64,6 +70,8 @@ private:
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<MainWindow> m_window;
     std::unique_ptr<MainThreadWatcher> m_watcher;
+    std::unique_ptr<SearchBench> m_searchBench;
+    std::unique_ptr<ScrollBench> m_scrollBench;
     bool m_loaded = false;
     bool m_screenshotTaken = false;
 };

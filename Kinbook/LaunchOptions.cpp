@@ -49,7 +49,11 @@ Result<LaunchOptions, std::string> LaunchOptions::parse(std::span<const std::str
         if (isFlag && attached) {
             return failure(fmt::format("{} takes no value", argument));
         }
-        if (argument == "--version") {
+        if (argument == "-KinSearchBench") {
+            options.searchBench = true;
+        } else if (argument == "-KinScrollBench") {
+            options.scrollBench = true;
+        } else if (argument == "--version") {
             options.showVersion = true;
         } else if (argument == "--help" || argument == "-h") {
             options.showHelp = true;
@@ -93,7 +97,9 @@ std::string LaunchOptions::usage() {
                        "Diagnostics:\n"
                        "  -KinScreenshot FILE   wait for the first load, save the window as PNG and quit\n"
                        "  -KinWindowWidth N     open the window N pixels wide\n"
-                       "  -KinSelect ID         select the person with that card id at launch\n",
+                       "  -KinSelect ID         select the person with that card id at launch\n"
+                       "  -KinSearchBench       type into the search field, log the times and quit\n"
+                       "  -KinScrollBench       scroll the list at a fixed rate, log the lateness and quit\n",
                        kProductName);
 }
 

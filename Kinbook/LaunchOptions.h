@@ -17,12 +17,19 @@ namespace kinbook {
 //   -KinScreenshot FILE     waits for the first load, saves the main window as a PNG and quits
 //   -KinWindowWidth N       opens the main window N pixels wide
 //   -KinSelect ID           selects the person with that id (any of their cards' ids) at launch
+//   -KinSearchBench         types into the search field and logs how long keys and results took
+//   -KinScrollBench         scrolls the list at a fixed rate and logs how late the steps came
 //   --version, --help
+//
+// With -KinSearchBench or -KinScrollBench the application quits when they
+// are done (after the screenshot, if one was asked for).
 struct LaunchOptions {
     std::optional<std::filesystem::path> contactsRoot;
     std::optional<std::filesystem::path> screenshot;
     std::optional<int> windowWidth;
     std::optional<std::string> selectID;
+    bool searchBench = false;
+    bool scrollBench = false;
     bool showVersion = false;
     bool showHelp = false;
 

@@ -59,6 +59,7 @@ TEST(KinbookApp, OpensTheAddressBookGivenOnTheCommandLine) {
     options.contactsRoot = home.path() / "book";
     KinbookApp app(options);
     ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.window() != nullptr; }));
 
     ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
     EXPECT_TRUE(app.window()->isShowingList());
@@ -70,6 +71,7 @@ TEST(KinbookApp, AFirstRunOffersTheEmbeddedAddressBookAndFillsItWithExamplePeopl
     FreshHome home;
     KinbookApp app(LaunchOptions{});
     ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.window() != nullptr; }));
     EXPECT_FALSE(app.window()->isShowingList());
     EXPECT_EQ(app.window()->stateTitle(), "Welcome to Vellumary Contacts");
     EXPECT_TRUE(app.window()->stateText().contains(
@@ -89,6 +91,7 @@ TEST(KinbookApp, AMissingFolderGivenOnTheCommandLineIsMadeEmptyOnRequest) {
     options.contactsRoot = home.path() / "new-book";
     KinbookApp app(options);
     ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.window() != nullptr; }));
     EXPECT_TRUE(app.window()->stateText().startsWith("There is no address book at"));
 
     app.window()->findChild<QPushButton*>("StateButton")->click();

@@ -14,12 +14,14 @@ Result<LaunchOptions, std::string> parse(std::vector<std::string> arguments) {
 
 TEST(LaunchOptions, TakesTheDiagnosticSwitchesAndTheAddressBook) {
     auto options = parse({"-KinScreenshot", "/tmp/shot.png", "-KinWindowWidth", "640", "-KinSelect",
-                          "ABC-123", "--contacts", "/home/me/.contacts"});
+                          "ABC-123", "--contacts", "/home/me/.contacts", "-KinScrollBench"});
     ASSERT_TRUE(options) << options.error();
     EXPECT_EQ(options->screenshot, std::filesystem::path("/tmp/shot.png"));
     EXPECT_EQ(options->windowWidth, 640);
     EXPECT_EQ(options->selectID, "ABC-123");
     EXPECT_EQ(options->contactsRoot, std::filesystem::path("/home/me/.contacts"));
+    EXPECT_TRUE(options->scrollBench);
+    EXPECT_FALSE(options->searchBench);
     EXPECT_FALSE(options->showHelp);
 }
 
