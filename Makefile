@@ -5,6 +5,7 @@
 
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+# Arguments for the application, e.g. ARGS="--contacts ~/.contacts".
 ARGS ?=
 
 RELEASE_DIR  := build/release

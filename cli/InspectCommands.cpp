@@ -9,6 +9,7 @@
 #include "KinbookKit/text/AddressParser.h"
 #include "KinbookKit/text/AreaCodes.h"
 #include "KinbookKit/text/Fold.h"
+#include "cli/Failure.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -102,12 +103,6 @@ json addressJson(const std::string& text) {
         {"street", parsed->street},         {"city", parsed->city},       {"state", parsed->state},
         {"postalCode", parsed->postalCode}, {"country", parsed->country},
     };
-}
-
-// A failure the user must see: the message on stderr, exit status 1.
-[[noreturn]] void fail(const std::string& message) {
-    fmt::print(stderr, "kinbook: {}\n", message);
-    throw CLI::RuntimeError(1);
 }
 
 // What Kinbook reads from one card file: the card as the person page shows

@@ -1,6 +1,9 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/text/SystemdJournal.h"
+#include "cli/Failure.h"
 #include "cli/InspectCommands.h"
+#include "cli/PeopleCommands.h"
+#include "cli/ToolOptions.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
@@ -12,7 +15,18 @@ int main(int argc, char** argv) {
     CLI::App app{fmt::format("kinbook: the command-line face of {}", kinbook::kProductName), "kinbook"};
     app.set_version_flag("--version", fmt::format("kinbook {}", kinbook::kVersion));
     app.require_subcommand(0, 1);
+    // The shared options may come before or after the command's name.
+    app.fallthrough();
 
+    kinbook::cli::ToolOptions options;
+    app.add_option_function<std::string>(
+           "--contacts", [&options](const std::string& folder) { options.contacts = folder; },
+           "Use the vdir address book in DIR instead of the configured one")
+        ->type_name("DIR");
+    app.add_flag("--json", options.json, "Print listings as JSON");
+    app.add_flag("--no-cache", options.noCache, "Neither read nor write the snapshot cache in this run");
+
+    kinbook::cli::addPeopleCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {
@@ -23,7 +37,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         // Help and version exit 0; every unusable argument exits 2, as
         // command-line tools usually do.
-        return app.exit(error) == 0 ? 0 : 2;
+        return app.exit(error) == 0 ? 0 : kinbook::cli::kExitUsage;
     }
     if (app.get_subcommands().empty()) {
         fmt::print("{}", app.help());

@@ -109,13 +109,13 @@ Result<void, std::string> readFile(Configuration& configuration,
 
     const fs::path base = file.parent_path();
     auto textOf = [&](std::string_view key, const toml::node& node) -> Result<std::string, std::string> {
-        if (auto value = node.value<std::string>()) {
+        if (auto value = node.value_exact<std::string>()) {
             return *value;
         }
         return failure(fmt::format("{}: \"{}\" must be a text", where(file, node), key));
     };
     auto flagOf = [&](std::string_view key, const toml::node& node) -> Result<bool, std::string> {
-        if (auto value = node.value<bool>()) {
+        if (auto value = node.value_exact<bool>()) {
             return *value;
         }
         return failure(fmt::format("{}: \"{}\" must be true or false", where(file, node), key));
@@ -143,7 +143,7 @@ Result<void, std::string> readFile(Configuration& configuration,
             }
             configuration.notesLocked = *value;
         } else if (name == "sidecar") {
-            if (auto off = node.value<bool>()) {
+            if (auto off = node.value_exact<bool>()) {
                 if (*off) {
                     return failure(fmt::format("{}: \"sidecar\" must be a folder, or false to turn it off",
                                                where(file, node)));

@@ -6,7 +6,9 @@ namespace kinbook {
 
 // Monogram portraits through libvips: the initials in white on a shaded
 // square of the person's colour. Where no font can be found the initials are
-// left out and a head-and-shoulders outline stands in.
+// left out and a head-and-shoulders outline stands in. libvips is opened
+// (dlopen) by the first portrait, so a program that paints none never loads
+// it; without libvips there are no portraits.
 class VipsPortraitPainter final : public PortraitPainter {
 public:
     VipsPortraitPainter();

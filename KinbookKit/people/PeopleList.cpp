@@ -35,6 +35,62 @@ SectionList share(std::vector<Section> sections) {
     return std::make_shared<const std::vector<Section>>(std::move(sections));
 }
 
+// The people of a shown list that `keep(person, position)` accepts, in the
+// same sections and order, with their positions when the list has them.
+// Each person is asked once; the kept ones are counted before they are
+// copied, so that every section is allocated once at its size.
+template <typename List, typename Keep>
+List keepOnly(const List& list, Keep&& keep) {
+    const auto* from = list.positions.get();
+    std::vector<std::uint8_t> kept;
+    kept.reserve(from ? from->size() : 0);
+    std::vector<std::uint32_t> counts;
+    counts.reserve(list.sections->size());
+    std::size_t flat = 0;
+    std::size_t total = 0;
+    for (const auto& section : *list.sections) {
+        std::uint32_t count = 0;
+        for (const auto& person : section.people) {
+            const bool keepIt = keep(*person, from ? (*from)[flat] : 0u);
+            kept.push_back(keepIt ? 1 : 0);
+            count += keepIt ? 1 : 0;
+            ++flat;
+        }
+        counts.push_back(count);
+        total += count;
+    }
+    std::vector<Section> sections;
+    std::vector<std::uint32_t> positions;
+    if (from) {
+        positions.reserve(total);
+    }
+    flat = 0;
+    for (std::size_t index = 0; index < list.sections->size(); ++index) {
+        const auto& section = (*list.sections)[index];
+        if (counts[index] == 0) {
+            flat += section.people.size();
+            continue;
+        }
+        Section narrowed{section.letter, {}};
+        narrowed.people.reserve(counts[index]);
+        for (const auto& person : section.people) {
+            if (kept[flat] != 0) {
+                narrowed.people.push_back(person);
+                if (from) {
+                    positions.push_back((*from)[flat]);
+                }
+            }
+            ++flat;
+        }
+        sections.push_back(std::move(narrowed));
+    }
+    List result{share(std::move(sections)), nullptr};
+    if (from) {
+        result.positions = std::make_shared<const std::vector<std::uint32_t>>(std::move(positions));
+    }
+    return result;
+}
+
 std::vector<std::string> cardIDsOf(const Person& person) {
     return person.memberIDs.empty() ? std::vector<std::string>{person.id} : person.memberIDs;
 }
@@ -932,34 +988,6 @@ SectionList PeopleList::indexed(SortOrder order) const {
     return found == m_index.end() ? nullptr : found->second.sections;
 }
 
-PeopleList::ShownList PeopleList::keepOnly(const ShownList& list, const Keep& keep) {
-    std::vector<Section> kept;
-    std::vector<std::uint32_t> positions;
-    const auto* from = list.positions.get();
-    std::size_t flat = 0;
-    for (const auto& section : *list.sections) {
-        Section narrowed{section.letter, {}};
-        for (const auto& person : section.people) {
-            const std::uint32_t position = from ? (*from)[flat] : 0;
-            ++flat;
-            if (keep(*person, position)) {
-                narrowed.people.push_back(person);
-                if (from) {
-                    positions.push_back(position);
-                }
-            }
-        }
-        if (!narrowed.people.empty()) {
-            kept.push_back(std::move(narrowed));
-        }
-    }
-    ShownList result{share(std::move(kept)), nullptr};
-    if (from) {
-        result.positions = std::make_shared<const std::vector<std::uint32_t>>(std::move(positions));
-    }
-    return result;
-}
-
 std::shared_ptr<const std::vector<std::uint32_t>>
 PeopleList::positionsFor(const std::vector<Section>& sections) const {
     if (!m_searchIndex) {
@@ -1122,6 +1150,9 @@ void PeopleList::rebuild() {
             result = searched(filteredList(), query);
         }
         shown = result.sections;
+        if (m_lastSearch) {
+            releaseLater(std::move(m_lastSearch->sections));
+        }
         m_lastSearch = LastSearch{std::move(key), query.whole, result.sections, result.positions};
     }
 
@@ -1136,7 +1167,7 @@ void PeopleList::rebuild() {
         }
         shown = share(std::move(chosen));
     }
-    m_sections = std::move(shown);
+    releaseLater(std::exchange(m_sections, std::move(shown)));
     ++m_listID;
 
     const auto milliseconds = millisecondsSince(start);
@@ -1147,6 +1178,12 @@ void PeopleList::rebuild() {
     } else if (milliseconds >= kSlowRebuildMs) {
         m_log->info(fmt::format("slow rebuild ({}){} ms for {} people", rawValue(m_sortOrder), milliseconds,
                                 m_joined->people.size()));
+    }
+}
+
+void PeopleList::releaseLater(SectionList list) {
+    if (list && list.use_count() == 1) {
+        m_background.post([list = std::move(list)] {});
     }
 }
 

@@ -336,11 +336,9 @@ private:
         SectionList sections;
         std::shared_ptr<const std::vector<std::uint32_t>> positions;
     };
-    using Keep = std::function<bool(const Person&, std::uint32_t position)>;
     // What the filters test of each person, by search-index position, so
     // that filtering reads a few flat arrays instead of every person.
     struct FilterFacts;
-    static ShownList keepOnly(const ShownList& list, const Keep& keep);
 
     // The shown list.
     std::shared_ptr<const std::vector<std::uint32_t>>
@@ -351,6 +349,9 @@ private:
     std::string filterKey() const;
     std::string lastSearchKey() const;
     void rebuild();
+    // Lets a list go on the background executor when this was its last
+    // holder: freeing 100,000 shared people is not the keystroke's work.
+    void releaseLater(SectionList list);
     bool recomputePastJobText(); // true when the text changed
     void placePastJobs();
     const std::string* pastJobsOf(const Person& person) const;

@@ -148,6 +148,8 @@ TEST_F(ConfigurationTest, MistakesNameTheFileAndTheLine) {
         // The place is the value's.
         {"\nnotes_locked = \"yes\"\n", ":2:16: \"notes_locked\" must be true or false"},
         {"contacts = 3\n", ":1:12: \"contacts\" must be a text"},
+        // No number stands in for a flag.
+        {"notes_locked = 1\n", ":1:16: \"notes_locked\" must be true or false"},
         {"sidecar = true\n", "\"sidecar\" must be a folder, or false to turn it off"},
         {"[accounts.work]\nkind = \"imap\"\n",
          ":2:8: unknown account kind \"imap\" (local, carddav or exchange)"},

@@ -5,6 +5,8 @@
 #include "KinbookKit/addressbook/VipsPortraitPainter.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/PastJob.h"
+#include "KinbookKit/text/AppLog.h"
+#include "KinbookKit/text/KinLog.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>
@@ -39,6 +41,8 @@ protected:
         VdirAddressBook::Options options;
         options.root = root;
         options.stateFolder = folder / "state";
+        // The store's log goes to the test's folder, never the user's.
+        options.log = std::make_shared<KinLog>("store", appLog);
         book = std::make_unique<VdirAddressBook>(options);
         auto read = book->readAll({});
         EXPECT_TRUE(read.ok());
@@ -57,6 +61,7 @@ protected:
     }
 
     TempFolder folder;
+    AppLog appLog{folder / "log" / "app.log"};
     FakePainter painter;
     std::unique_ptr<VdirAddressBook> book;
     std::vector<Account> accounts;

@@ -1,0 +1,341 @@
+#include "cli/PeopleSession.h"
+
+#include "KinbookKit/addressbook/DemoAddressBook.h"
+#include "KinbookKit/addressbook/VipsPortraitPainter.h"
+#include "KinbookKit/people/PeopleList.h"
+#include "KinbookKit/people/SnapshotCache.h"
+#include "KinbookKit/text/AppLog.h"
+#include "KinbookKit/text/Fold.h"
+#include "cli/Failure.h"
+#include "cli/SidecarPastJobs.h"
+
+#include <fmt/core.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+
+namespace kinbook::cli {
+
+namespace {
+
+std::string digitsOf(std::string_view text) {
+    std::string digits;
+    for (char c : text) {
+        if (std::isdigit(static_cast<unsigned char>(c)) != 0) {
+            digits += c;
+        }
+    }
+    return digits;
+}
+
+// Whether an entry is the one the user named by its value: the value itself
+// (any case and accents), the same digits for a phone number, or one line of
+// a postal address.
+bool valueNames(const ContactCard::Item& item, const std::string& argument, bool phone) {
+    const std::string wanted = fold(argument);
+    if (fold(item.value) == wanted) {
+        return true;
+    }
+    if (phone) {
+        const std::string digits = digitsOf(argument);
+        return digits.size() >= 3 && digits == digitsOf(item.value);
+    }
+    std::size_t start = 0;
+    while (start <= item.value.size()) {
+        const auto end = item.value.find('\n', start);
+        const auto line = std::string_view(item.value).substr(start, end - start);
+        if (!line.empty() && fold(line) == wanted) {
+            return true;
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+} // namespace
+
+PeopleSession::PeopleSession(const ToolOptions& options) {
+    Configuration::Overrides overrides;
+    if (options.contacts) {
+        overrides.contacts = *options.contacts;
+    }
+    auto configuration = Configuration::load(Configuration::processEnvironment(), overrides);
+    if (!configuration) {
+        fail(configuration.error());
+    }
+    m_configuration = std::move(*configuration);
+    for (const auto& warning : m_configuration.warnings) {
+        warn(warning);
+    }
+
+    // A new user's first run shows what Kinbook does at once.
+    VipsPortraitPainter painter;
+    auto seeded = seedDemoAddressBookOnFirstRun(m_configuration, &painter);
+    if (!seeded) {
+        fail(fmt::format("couldn't make the demo address book: {}", seeded.error()));
+    }
+    if (*seeded) {
+        warn(fmt::format(
+            "made a demo address book of {} people in {}; delete its cards (*.vcf) to start empty, "
+            "or set \"contacts\" in {} to use your own",
+            (*seeded)->people, m_configuration.contacts.string(), m_configuration.configFile.string()));
+        for (const auto& warning : (*seeded)->warnings) {
+            warn(warning);
+        }
+    }
+
+    auto addressBookOptions = m_configuration.addressBookOptions();
+    m_addressBook = std::make_shared<VdirAddressBook>(std::move(addressBookOptions));
+    switch (m_addressBook->access()) {
+    case AddressBookAccess::notDetermined:
+        // A folder the user named that isn't there: a typo, or a share that
+        // isn't mounted. Making it would hide either.
+        fail(fmt::format("there is no address book at {}", m_configuration.contacts.string()));
+    case AddressBookAccess::denied:
+        fail(fmt::format("can't read the address book at {}", m_configuration.contacts.string()));
+    case AddressBookAccess::granted:
+    case AddressBookAccess::limited:
+        break;
+    }
+
+    if (!options.noCache) {
+        m_cache = std::make_shared<SnapshotCache>(m_configuration.snapshotFile());
+    }
+    m_pool = std::make_unique<ThreadPool>();
+    PeopleListOptions listOptions;
+    listOptions.cache = m_cache;
+    if (m_configuration.sidecar && SidecarPastJobs::hasPeople(*m_configuration.sidecar)) {
+        listOptions.pastJobs = std::make_shared<SidecarPastJobs>(*m_configuration.sidecar);
+    }
+    m_list = std::make_unique<PeopleList>(m_loop, *m_pool, m_addressBook, std::move(listOptions));
+}
+
+PeopleSession::~PeopleSession() {
+    // The list first: its last background tasks (the cache write) then run
+    // as the pool winds down, and post nothing back that anyone waits for.
+    m_list.reset();
+    m_pool.reset();
+}
+
+void PeopleSession::finish() {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    // After a full read the cache is being written: let it land, and end
+    // the ordinary way.
+    if (m_cache && m_list->timings().refreshKind == std::optional<std::string>("full")) {
+        return;
+    }
+    // Otherwise nothing the user needs is left to do. Freeing a hundred
+    // thousand people one by one, and waiting for the list's index of the
+    // sort orders no one asked for, would cost a large address book a
+    // noticeable part of the run: the operating system takes the memory back
+    // at once.
+    AppLog::shared().flush();
+    std::_Exit(0);
+}
+
+void PeopleSession::waitUntil(const std::function<bool()>& finished) {
+    m_loop.runUntil(finished);
+}
+
+void PeopleSession::check(const std::optional<std::string>& failure) {
+    if (failure) {
+        fail(*failure);
+    }
+}
+
+void PeopleSession::load() {
+    bool loaded = false;
+    m_list->load([&loaded] { loaded = true; });
+    waitUntil([&loaded] { return loaded; });
+    if (m_list->errorMessage() && m_list->people().empty()) {
+        fail(fmt::format("Couldn't Load Contacts: {}", *m_list->errorMessage()));
+    }
+    // Past jobs are read beside the load; a search must see them.
+    bool jobsRead = false;
+    m_list->reloadPastJobs([&jobsRead] { jobsRead = true; });
+    waitUntil([&jobsRead] { return jobsRead; });
+}
+
+PeopleSession::Shown PeopleSession::show(const ListView& view) {
+    m_list->setSortOrder(view.order);
+    m_list->setDescending(view.descending);
+    m_list->setAccountFilter(view.accountID);
+    m_list->setCircleFilter(view.circle);
+    m_list->setShowingHidden(view.showingHidden);
+    m_list->setSearchText(view.searchText);
+    m_loop.runPending();
+    return {m_list->sections(), m_list->matchCount()};
+}
+
+std::vector<Account> PeopleSession::accounts() {
+    return m_list->accounts();
+}
+
+std::map<std::string, int> PeopleSession::accountCounts() {
+    return m_list->accountCounts();
+}
+
+Person PeopleSession::resolve(const std::string& argument) {
+    if (auto person = m_list->person(argument)) {
+        return *person;
+    }
+    std::string upper = argument;
+    std::transform(upper.begin(), upper.end(), upper.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    for (const auto& person : m_list->people()) {
+        if (person->kinID && *person->kinID == upper) {
+            return *person;
+        }
+    }
+    // A search that finds one person, among the listed people first, then
+    // among the hidden ones.
+    std::vector<PersonPtr> found;
+    for (const bool hidden : {false, true}) {
+        ListView view;
+        view.showingHidden = hidden;
+        view.searchText = argument;
+        for (const auto& section : show(view).sections) {
+            found.insert(found.end(), section.people.begin(), section.people.end());
+        }
+        if (!found.empty()) {
+            break;
+        }
+    }
+    if (found.size() == 1) {
+        return *found.front();
+    }
+    if (found.empty()) {
+        fail(fmt::format("no one matches \"{}\"", argument));
+    }
+    std::vector<std::string> candidates;
+    for (std::size_t i = 0; i < found.size() && i < 10; ++i) {
+        candidates.push_back(fmt::format("  {}  {}", found[i]->displayName(), found[i]->id));
+    }
+    if (found.size() > 10) {
+        candidates.push_back(fmt::format("  … and {} more", found.size() - 10));
+    }
+    fail(fmt::format("{} people match \"{}\"; name one by its id:\n{}", found.size(), argument,
+                     fmt::join(candidates, "\n")));
+}
+
+std::vector<ShownCard> PeopleSession::cards(const Person& person) {
+    std::vector<std::string> ids = person.memberIDs;
+    if (ids.empty()) {
+        ids.push_back(person.id);
+    }
+    std::vector<std::optional<ContactCard>> read(ids.size());
+    std::size_t answered = 0;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        m_list->card(ids[i], [&read, &answered, i](std::optional<ContactCard> card) {
+            read[i] = std::move(card);
+            ++answered;
+        });
+    }
+    waitUntil([&] { return answered == ids.size(); });
+
+    // Which account holds each card, and which is primary, as the last read said.
+    std::map<std::string, const Person*> rawByID;
+    for (const auto& raw : m_list->raw()) {
+        rawByID[raw->id] = raw.get();
+    }
+    std::vector<ShownCard> shown;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (!read[i]) {
+            continue;
+        }
+        ShownCard card{std::move(*read[i]), {}, false};
+        if (const auto raw = rawByID.find(ids[i]); raw != rawByID.end()) {
+            card.accountID =
+                raw->second->accountIDs.empty() ? std::string() : raw->second->accountIDs.front();
+            card.primary = raw->second->isPrimaryCard;
+        }
+        shown.push_back(std::move(card));
+    }
+    return shown;
+}
+
+void PeopleSession::setCircle(const Person& person, std::optional<ContactCircle> circle) {
+    std::optional<std::string> failure;
+    bool finished = false;
+    m_list->setCircle(person.id, circle, [&](ActionResult result) {
+        if (!result) {
+            failure = result.error().description();
+        }
+        finished = true;
+    });
+    waitUntil([&finished] { return finished; });
+    check(failure);
+}
+
+void PeopleSession::setHidden(const Person& person, bool hidden) {
+    std::optional<std::string> failure;
+    bool finished = false;
+    m_list->setHidden(person.id, hidden, [&](ActionResult result) {
+        if (!result) {
+            failure = result.error().description();
+        }
+        finished = true;
+    });
+    waitUntil([&finished] { return finished; });
+    check(failure);
+}
+
+void PeopleSession::setFormer(const Person& person, const std::string& entry, bool former) {
+    struct Candidate {
+        std::string cardID;
+        ContactCard::Item item;
+    };
+    std::vector<Candidate> byID;
+    std::vector<Candidate> byValue;
+    for (const auto& shown : cards(person)) {
+        const std::pair<const std::vector<ContactCard::Item>*, bool> lists[] = {
+            {&shown.card.phones, true}, {&shown.card.emails, false}, {&shown.card.addresses, false}};
+        for (const auto& [items, phone] : lists) {
+            for (const auto& item : *items) {
+                if (item.id == entry) {
+                    byID.push_back({shown.card.id, item});
+                } else if (valueNames(item, entry, phone)) {
+                    byValue.push_back({shown.card.id, item});
+                }
+            }
+        }
+    }
+    const auto& found = byID.empty() ? byValue : byID;
+    if (found.empty()) {
+        fail(fmt::format("{} has no phone, e-mail or address \"{}\"", person.displayName(), entry));
+    }
+    if (found.size() > 1) {
+        std::vector<std::string> candidates;
+        for (const auto& candidate : found) {
+            candidates.push_back(
+                fmt::format("  {}  {}  {}", candidate.item.id, candidate.item.label,
+                            candidate.item.value.substr(0, candidate.item.value.find('\n'))));
+        }
+        fail(fmt::format("{} entries match \"{}\"; name one by its id:\n{}", found.size(), entry,
+                         fmt::join(candidates, "\n")));
+    }
+    std::optional<std::string> failure;
+    bool finished = false;
+    auto done = [&](ActionResult result) {
+        if (!result) {
+            failure = result.error().description();
+        }
+        finished = true;
+    };
+    if (former) {
+        m_list->markFormer(found.front().cardID, found.front().item.id, done);
+    } else {
+        m_list->markCurrent(found.front().cardID, found.front().item.id, done);
+    }
+    waitUntil([&finished] { return finished; });
+    check(failure);
+}
+
+} // namespace kinbook::cli

@@ -1,0 +1,106 @@
+#pragma once
+
+#include "KinbookKit/Executor.h"
+#include "KinbookKit/RunLoop.h"
+#include "KinbookKit/addressbook/Configuration.h"
+#include "KinbookKit/addressbook/VdirAddressBook.h"
+#include "KinbookKit/people/Sections.h"
+#include "KinbookKit/people/SortOrder.h"
+#include "KinbookKit/records/Account.h"
+#include "KinbookKit/records/ContactCircle.h"
+#include "KinbookKit/records/Person.h"
+#include "cli/PeopleOutput.h"
+#include "cli/ToolOptions.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kinbook {
+class PeopleList;
+class SnapshotCache;
+} // namespace kinbook
+
+namespace kinbook::cli {
+
+// What the list shows, as the window's sidebar, sort menu and search field set it.
+struct ListView {
+    SortOrder order = SortOrder::lastName;
+    bool descending = false;
+    std::optional<std::string> accountID;
+    std::optional<ContactCircle> circle;
+    bool showingHidden = false;
+    std::string searchText;
+};
+
+// One run of the tool on the people list: the configuration, the address
+// book, the snapshot cache and the same PeopleList the application runs,
+// with its main actor on this thread (a RunLoop) and its background work on
+// a thread pool. Every method blocks, pumping the run loop until the list
+// has answered, so that the commands read as straight-line code.
+//
+// Failures the user must see (no address book, a read that failed, a refused
+// change) end the command through fail(), with the product's message.
+class PeopleSession {
+public:
+    // Reads the configuration (warnings to stderr), seeds the embedded default
+    // address book on its first run, and opens the address book and the cache.
+    explicit PeopleSession(const ToolOptions& options);
+    ~PeopleSession();
+
+    PeopleSession(const PeopleSession&) = delete;
+    PeopleSession& operator=(const PeopleSession&) = delete;
+
+    const Configuration& configuration() const { return m_configuration; }
+
+    // Loads the list: from the snapshot cache when there is one, then
+    // brought up to date with the address book (the changes since the
+    // cache, or a full read), and the cache refreshed.
+    void load();
+
+    // The sections and match count for a view of the list.
+    struct Shown {
+        std::vector<Section> sections;
+        int matchCount = 0;
+    };
+    Shown show(const ListView& view);
+
+    std::vector<Account> accounts();
+    std::map<std::string, int> accountCounts();
+
+    // The person a command-line argument names: any card id of the person or
+    // a retired one, else a KinID, else a search that finds exactly one
+    // person. Fails with a message listing the candidates otherwise.
+    Person resolve(const std::string& argument);
+
+    // The person's cards in full, leading card first, with their accounts.
+    std::vector<ShownCard> cards(const Person& person);
+
+    // Ends a command that succeeded, its output written: when nothing is left
+    // to save, the process ends here at once, without taking the list apart.
+    void finish();
+
+    // Changes through the list; each ends with the list refreshed.
+    void setCircle(const Person& person, std::optional<ContactCircle> circle);
+    void setHidden(const Person& person, bool hidden);
+    // Marks the entry former (or current again): `entry` is its id or its value.
+    void setFormer(const Person& person, const std::string& entry, bool former);
+
+private:
+    // Runs the main actor until `finished` holds.
+    void waitUntil(const std::function<bool()>& finished);
+    // Fails with the action's message when it was refused.
+    void check(const std::optional<std::string>& failure);
+
+    Configuration m_configuration;
+    // The loop outlives the pool, whose last tasks may still post to it.
+    RunLoop m_loop;
+    std::unique_ptr<ThreadPool> m_pool;
+    std::shared_ptr<VdirAddressBook> m_addressBook;
+    std::shared_ptr<SnapshotCache> m_cache;
+    std::unique_ptr<PeopleList> m_list;
+};
+
+} // namespace kinbook::cli

@@ -1,0 +1,49 @@
+#pragma once
+
+// Runs the real `kinbook` binary as a user would, in a home of its own: HOME
+// and every XDG folder point into a temporary folder, so no test reads or
+// writes the user's configuration, address book, cache or log.
+
+#include "tests/support/TempFolder.h"
+
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kinbook::testing {
+
+struct KinbookRun {
+    int exitCode = -1; // -1: did not start, or ended by a signal
+    std::string out;
+    std::string err;
+
+    // Standard output as JSON; a discarded value when it is not JSON.
+    nlohmann::json json() const { return nlohmann::json::parse(out, nullptr, false); }
+};
+
+class KinbookHome {
+public:
+    KinbookHome();
+
+    const std::filesystem::path& path() const { return m_folder.path(); }
+    std::filesystem::path home() const { return path() / "home"; }
+    std::filesystem::path config() const { return path() / "config"; }
+    std::filesystem::path data() const { return path() / "data"; }
+    std::filesystem::path state() const { return path() / "state"; }
+    std::filesystem::path cache() const { return path() / "cache"; }
+
+    // Further environment variables for every run (KINBOOK_CONTACTS, …).
+    void setVariable(const std::string& name, const std::string& value) { m_variables[name] = value; }
+
+    // Runs kinbook with the arguments and waits for it to end.
+    KinbookRun run(const std::vector<std::string>& arguments) const;
+
+private:
+    TempFolder m_folder;
+    std::map<std::string, std::string> m_variables;
+};
+
+} // namespace kinbook::testing
