@@ -1,13 +1,12 @@
 # The two commands of the quick start:
-#   make run    set up, build, and run Kinbook on the embedded default address book
+#   make run    set up, build, and open Vellumary Contacts on the embedded default address book
 #   make test   set up, build, and run every test, the sanitizer build included
 # Everything else here is a step of those two.
 
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
-# What `make run` shows: the people of the address book (on a first run, the
-# demo address book Kinbook makes).
-ARGS ?= list
+# Arguments for the application, e.g. ARGS="--contacts ~/.contacts".
+ARGS ?=
 
 RELEASE_DIR  := build/release
 SANITIZE_DIR := build/sanitize
@@ -16,7 +15,7 @@ FUZZ_DIR     := build/fuzz
 .PHONY: run test setup build build-sanitize test-release test-sanitize bench fuzz format clean
 
 run: build
-	./$(RELEASE_DIR)/cli/kinbook $(ARGS)
+	./$(RELEASE_DIR)/Kinbook/vellumary-contacts $(ARGS)
 
 test: setup test-release test-sanitize
 

@@ -11,6 +11,10 @@ packages=(
   libcli11-dev libutf8proc-dev libicu-dev libpcre2-dev libfmt-dev
   libtomlplusplus-dev nlohmann-json3-dev libsimdjson-dev libsystemd-dev libvips-dev
   radicale vdirsyncer
+  # The desktop application: Qt 6 Widgets (Qt's CMake files need the GL
+  # headers), the SVG plugin for its icon, a font, and a virtual X server for
+  # its screenshot test.
+  qt6-base-dev libgl-dev libqt6svg6 fonts-dejavu-core xvfb xauth
 )
 
 missing=()

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "Kinbook/LaunchOptions.h"
+#include "Kinbook/MainThreadWatcher.h"
+#include "Kinbook/QtMainExecutor.h"
+#include "KinbookKit/addressbook/Configuration.h"
+#include "KinbookKit/text/KinLog.h"
+
+#include <QObject>
+#include <memory>
+#include <optional>
+
+class QSettings;
+
+namespace kinbook {
+
+class AddressBook;
+class MainWindow;
+class PeopleList;
+class ScrollBench;
+class SearchBench;
+
+// The application: reads the configuration, opens the address book, creates
+// the one people list with its main executor on the GUI thread, shows the
+// main window over it and starts the first load (the cached people show at
+// once). It watches the GUI thread for stalls, offers to create the address
+// book on a first run, and runs the diagnostic launch switches.
+//
+// Lives on the GUI thread for the process's life.
+class KinbookApp final : public QObject {
+    Q_OBJECT
+public:
+    explicit KinbookApp(LaunchOptions options);
+    ~KinbookApp() override;
+
+    // Opens the address book, then shows the main window and starts the
+    // first load. False when the application cannot run (the configuration
+    // is unreadable; the message has been shown).
+    bool start();
+
+    // The main window; null until the address book is open (windowShown).
+    MainWindow* window() const { return m_window.get(); }
+    PeopleList* list() const { return m_list.get(); }
+    const Configuration& configuration() const { return m_configuration; }
+    // Whether the first load has finished.
+    bool isLoaded() const { return m_loaded; }
+
+Q_SIGNALS:
+    void windowShown();
+    void firstLoadFinished();
+
+private:
+    void open(std::shared_ptr<AddressBook> book);
+    void load();
+    void loaded();
+    void offerToCreate();
+    void createAddressBook();
+    void afterLaunchSwitches();
+    void takeScreenshot();
+    void runBenchmarks();
+
+    LaunchOptions m_options;
+    KinLog m_log{"app"};
+    Configuration m_configuration;
+    // Declared before everything that posts to them, so that they outlive it.
+    QtMainExecutor m_main;
+    ThreadPool m_background{2};
+    std::shared_ptr<AddressBook> m_book;
+    std::unique_ptr<PeopleList> m_list;
+    std::unique_ptr<QSettings> m_settings;
+    std::unique_ptr<MainWindow> m_window;
+    std::unique_ptr<MainThreadWatcher> m_watcher;
+    std::unique_ptr<SearchBench> m_searchBench;
+    std::unique_ptr<ScrollBench> m_scrollBench;
+    bool m_loaded = false;
+    bool m_screenshotTaken = false;
+};
+
+} // namespace kinbook

@@ -1,0 +1,107 @@
+// The application as it starts: configuration, address book, list and
+// window together, with the XDG folders of each test its own.
+
+#include "Kinbook/KinbookApp.h"
+
+#include "Kinbook/MainWindow.h"
+#include "Kinbook/PeopleTableModel.h"
+#include "KinbookKit/people/PeopleList.h"
+#include "tests/app/AppTestSupport.h"
+#include "tests/app/TestAddressBook.h"
+
+#include <gtest/gtest.h>
+
+#include <QPushButton>
+#include <cstdlib>
+
+namespace kinbook {
+namespace {
+
+using testing::runEventsUntil;
+
+// Points the XDG folders at a fresh temporary home for one test, and back.
+class FreshHome {
+public:
+    FreshHome() {
+        for (const char* name : kNames) {
+            const char* value = std::getenv(name);
+            m_saved.emplace_back(name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
+            const auto path = m_folder / name;
+            std::filesystem::create_directories(path);
+            ::setenv(name, path.c_str(), 1);
+        }
+        ::unsetenv("KINBOOK_CONFIG");
+        ::unsetenv("KINBOOK_CONTACTS");
+        ::unsetenv("KINBOOK_SIDECAR");
+    }
+    ~FreshHome() {
+        for (const auto& [name, value] : m_saved) {
+            if (value) {
+                ::setenv(name, value->c_str(), 1);
+            } else {
+                ::unsetenv(name);
+            }
+        }
+    }
+    const std::filesystem::path& path() const { return m_folder.path(); }
+
+private:
+    static constexpr const char* kNames[] = {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME",
+                                             "XDG_DATA_HOME"};
+    testing::TempFolder m_folder;
+    std::vector<std::pair<const char*, std::optional<std::string>>> m_saved;
+};
+
+TEST(KinbookApp, OpensTheAddressBookGivenOnTheCommandLine) {
+    FreshHome home;
+    testing::writeSmallAddressBook(home.path() / "book");
+    LaunchOptions options;
+    options.contactsRoot = home.path() / "book";
+    KinbookApp app(options);
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.window() != nullptr; }));
+
+    ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
+    EXPECT_TRUE(app.window()->isShowingList());
+    EXPECT_EQ(app.window()->tableModel()->peopleCount(), 10);
+    EXPECT_EQ(app.window()->objectName(), "People");
+}
+
+TEST(KinbookApp, AFirstRunOffersTheEmbeddedAddressBookAndFillsItWithExamplePeople) {
+    FreshHome home;
+    KinbookApp app(LaunchOptions{});
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.window() != nullptr; }));
+    EXPECT_FALSE(app.window()->isShowingList());
+    EXPECT_EQ(app.window()->stateTitle(), "Welcome to Vellumary Contacts");
+    EXPECT_TRUE(app.window()->stateText().contains(
+        QString::fromStdString((home.path() / "XDG_DATA_HOME" / "kinbook" / "contacts").string())));
+
+    app.window()->findChild<QPushButton*>("StateButton")->click();
+
+    ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
+    EXPECT_TRUE(app.window()->isShowingList());
+    EXPECT_GT(app.window()->tableModel()->peopleCount(), 20);
+    EXPECT_GE(app.list()->accounts().size(), 2u);
+}
+
+TEST(KinbookApp, AMissingFolderGivenOnTheCommandLineIsMadeEmptyOnRequest) {
+    FreshHome home;
+    LaunchOptions options;
+    options.contactsRoot = home.path() / "new-book";
+    KinbookApp app(options);
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.window() != nullptr; }));
+    EXPECT_TRUE(app.window()->stateText().startsWith("There is no address book at"));
+
+    app.window()->findChild<QPushButton*>("StateButton")->click();
+
+    ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
+    EXPECT_TRUE(app.window()->isShowingList());
+    EXPECT_EQ(app.window()->tableModel()->peopleCount(), 0);
+    ASSERT_EQ(app.list()->accounts().size(), 1u);
+    EXPECT_EQ(app.list()->accounts()[0].name, "On My Computer");
+}
+
+} // namespace
+} // namespace kinbook
