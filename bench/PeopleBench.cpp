@@ -271,7 +271,8 @@ BENCHMARK(BM_CacheEncodeThroughTree)->Apply(sizes);
 class BenchFolder {
 public:
     BenchFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kinbook-people-bench-XXXXXX").string();
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "kinbook-people-bench-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) {
             std::abort();
         }
