@@ -12,7 +12,7 @@
 namespace kinbook {
 namespace {
 
-struct PersonSpec {
+struct PersonFields {
     std::string id;
     std::string given;
     std::string family;
@@ -23,16 +23,16 @@ struct PersonSpec {
     bool hasImage = false;
 };
 
-PersonPtr make(PersonSpec spec) {
+PersonPtr make(PersonFields fields) {
     Person person;
-    person.id = std::move(spec.id);
-    person.givenName = std::move(spec.given);
-    person.familyName = std::move(spec.family);
-    person.phoneNumbers = std::move(spec.phones);
-    person.postalCodes = std::move(spec.postalCodes);
-    person.circle = spec.circle;
-    person.filledCount = spec.filledCount;
-    person.hasImage = spec.hasImage;
+    person.id = std::move(fields.id);
+    person.givenName = std::move(fields.given);
+    person.familyName = std::move(fields.family);
+    person.phoneNumbers = std::move(fields.phones);
+    person.postalCodes = std::move(fields.postalCodes);
+    person.circle = fields.circle;
+    person.filledCount = fields.filledCount;
+    person.hasImage = fields.hasImage;
     person.derive();
     return std::make_shared<const Person>(std::move(person));
 }
