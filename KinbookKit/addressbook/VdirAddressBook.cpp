@@ -3,6 +3,7 @@
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardEntries.h"
+#include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
 #include "KinbookKit/addressbook/CardReader.h"
 #include "KinbookKit/addressbook/CardScanner.h"
@@ -16,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -104,82 +106,6 @@ enum class ReadOutcome : std::uint8_t {
     group,      // a group card: kept, never shown as a person
     person,
 };
-
-// Reads the card file `name` of the folder open as `folderFD` into
-// `buffer`, which the read thread keeps from file to file, and sets
-// `length`. `stamp` (when given) gets the file's state if it can be had
-// (`stamped`), even when the file can't be read. False when the file is not
-// read; `problem` then says why, or is empty when the file is simply gone.
-bool readCardFile(int folderFD, const char* name, bool knownRegular, std::vector<char>& buffer,
-                  std::size_t& length, FileStamp* stamp, bool& stamped, std::string& problem) {
-    stamped = false;
-    const int fd = ::openat(folderFD, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0) {
-        const int error = errno;
-        if (error == ENOENT) {
-            return false;
-        }
-        struct stat info {};
-        if (stamp != nullptr && ::fstatat(folderFD, name, &info, 0) == 0 && S_ISREG(info.st_mode)) {
-            *stamp = FileStamp{info.st_ino, info.st_size,
-                               static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
-                                   info.st_mtim.tv_nsec};
-            stamped = true;
-        }
-        problem = std::strerror(error);
-        return false;
-    }
-    // The size, when known, lets one read take the whole file.
-    std::size_t expected = 0;
-    bool sized = false;
-    if (stamp != nullptr || !knownRegular) {
-        struct stat info {};
-        if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-            ::close(fd); // a folder or a device behind a link: not a card
-            return false;
-        }
-        if (stamp != nullptr) {
-            *stamp = FileStamp{info.st_ino, info.st_size,
-                               static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
-                                   info.st_mtim.tv_nsec};
-            stamped = true;
-        }
-        if (static_cast<std::uint64_t>(info.st_size) > kLargestCard) {
-            ::close(fd);
-            problem = "file too large";
-            return false;
-        }
-        expected = static_cast<std::size_t>(info.st_size);
-        sized = true;
-        if (buffer.size() < expected + 1) {
-            buffer.resize(expected + 1);
-        }
-    }
-    length = 0;
-    while (!sized || length < expected) {
-        if (length == buffer.size()) {
-            if (buffer.size() > kLargestCard) {
-                ::close(fd);
-                problem = "file too large";
-                return false;
-            }
-            buffer.resize(std::min<std::size_t>(buffer.size() * 2, kLargestCard + 1));
-        }
-        // A file that grew since fstat is read as it was then, as a card is
-        // read everywhere else.
-        const std::size_t room = sized ? expected - length : buffer.size() - length;
-        const ssize_t got = ::read(fd, buffer.data() + length, room);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            break; // the end, or a file that shrank: keep what was there
-        }
-        length += static_cast<std::size_t>(got);
-    }
-    ::close(fd);
-    return true;
-}
 
 std::string readMetadata(const fs::path& file) {
     auto text = readWholeFile(file);
@@ -386,36 +312,48 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     const std::size_t count = files.size();
     std::vector<Person> people(count);
     std::vector<ReadOutcome> outcomes(count, ReadOutcome::gone);
-    std::vector<FileStamp> stamps(token != nullptr ? count : 0);
+    std::vector<CardFileReader::Stamp> stamps(token != nullptr ? count : 0);
     std::vector<std::size_t> hashes(count); // of each card id, for the index
     const unsigned threads = std::min<unsigned>(m_options.readThreads, static_cast<unsigned>(count / 64 + 1));
     std::vector<std::vector<std::pair<std::size_t, std::string>>> problems(threads);
     std::atomic<std::size_t> next{0};
     auto work = [&](unsigned thread) {
-        constexpr std::size_t kFilesPerTake = 32;
-        std::vector<char> buffer(64 * 1024);
-        std::string problem;
+        constexpr std::size_t kBatchSize = CardFileReader::kBatchSize;
+        CardFileReader reader(token != nullptr);
+        std::array<CardFileReader::File, kBatchSize> batch;
+        std::array<CardFileReader::Result, kBatchSize> results;
         for (;;) {
-            const std::size_t begin = next.fetch_add(kFilesPerTake);
+            const std::size_t begin = next.fetch_add(kBatchSize);
             if (begin >= count) {
                 return;
             }
-            for (std::size_t i = begin; i < std::min(count, begin + kFilesPerTake); ++i) {
-                const CardListing::File& file = files[i];
-                std::size_t length = 0;
-                bool stamped = false;
-                problem.clear();
-                if (!readCardFile(listing->folderFD(file), listing->cName(file), file.knownRegular, buffer,
-                                  length, token != nullptr ? &stamps[i] : nullptr, stamped, problem)) {
-                    outcomes[i] = stamped ? ReadOutcome::unreadable : ReadOutcome::gone;
-                    if (!problem.empty()) {
-                        problems[thread].emplace_back(i, problem);
-                    }
+            const std::size_t size = std::min(count - begin, kBatchSize);
+            for (std::size_t k = 0; k < size; ++k) {
+                const CardListing::File& file = files[begin + k];
+                batch[k] = {listing->folderFD(file), listing->cName(file), file.knownRegular};
+            }
+            reader.read(std::span(batch.data(), size), std::span(results.data(), size));
+            for (std::size_t k = 0; k < size; ++k) {
+                const std::size_t i = begin + k;
+                const CardFileReader::Result& read = results[k];
+                if (token != nullptr && read.stamp) {
+                    stamps[i] = *read.stamp;
+                }
+                if (!read.problem.empty()) {
+                    problems[thread].emplace_back(i, read.problem);
+                }
+                if (read.outcome != CardFileReader::Outcome::read) {
+                    // A file that is there but can't be read still counts for
+                    // the journal, with its state.
+                    outcomes[i] = read.outcome == CardFileReader::Outcome::unreadable && read.stamp
+                                      ? ReadOutcome::unreadable
+                                      : ReadOutcome::gone;
                     continue;
                 }
+                const CardListing::File& file = files[i];
                 bool isGroup = false;
-                if (!scanPersonInto(people[i], std::string_view(buffer.data(), length), listing->name(file),
-                                    listing->accountName(file), details, &isGroup)) {
+                if (!scanPersonInto(people[i], read.bytes, listing->name(file), listing->accountName(file),
+                                    details, &isGroup)) {
                     outcomes[i] = ReadOutcome::notCard;
                     problems[thread].emplace_back(i, "not a vCard");
                     continue;
@@ -455,8 +393,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
             const bool hasCard = outcomes[i] == ReadOutcome::person || outcomes[i] == ReadOutcome::group;
             survey.files.push_back({listing->accountName(files[i]), listing->name(files[i]),
                                     hasCard ? std::string_view(people[i].id) : std::string_view(),
-                                    static_cast<std::uint64_t>(stamps[i].inode),
-                                    static_cast<std::uint64_t>(stamps[i].size), stamps[i].mtimeNs});
+                                    stamps[i].inode, stamps[i].size, stamps[i].mtimeNs});
         }
         *token = m_journal->tokenAfterSurvey(survey, ticket);
     }
