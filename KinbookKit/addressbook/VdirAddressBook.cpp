@@ -131,6 +131,67 @@ AddressBookError conflictError() {
     return AddressBookError::store("The card changed on disk while it was being saved. Try again.");
 }
 
+// The first eight bytes of a text as one number that sorts as the text does.
+std::uint64_t sortPrefix(std::string_view text) {
+    std::uint64_t prefix = 0;
+    for (std::size_t i = 0; i < 8; ++i) {
+        prefix = (prefix << 8) | (i < text.size() ? static_cast<unsigned char>(text[i]) : 0u);
+    }
+    return prefix;
+}
+
+// Which accounts hold each person, for a full read of a large address book:
+// the people are put in id order by a sort that mostly compares numbers,
+// each half of the map is filled on its own thread, every entry at the end,
+// and the second half's entries are moved over without allocating again.
+// For one id held twice, the later person's accounts count, as they would
+// had each been set in turn.
+Membership membershipOf(const std::vector<Person>& people, unsigned threads) {
+    struct Entry {
+        std::uint64_t prefix;
+        std::uint32_t index;
+    };
+    std::vector<Entry> order(people.size());
+    for (std::size_t i = 0; i < people.size(); ++i) {
+        order[i] = {sortPrefix(people[i].id), static_cast<std::uint32_t>(i)};
+    }
+    std::stable_sort(order.begin(), order.end(), [&](const Entry& a, const Entry& b) {
+        if (a.prefix != b.prefix) {
+            return a.prefix < b.prefix;
+        }
+        return people[a.index].id < people[b.index].id;
+    });
+    // An id held twice keeps only its last entry.
+    std::vector<Entry> unique;
+    unique.reserve(order.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        if (i + 1 < order.size() && people[order[i].index].id == people[order[i + 1].index].id) {
+            continue;
+        }
+        unique.push_back(order[i]);
+    }
+    auto fill = [&](std::size_t begin, std::size_t end, Membership& part) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const Person& person = people[unique[i].index];
+            part.emplace_hint(part.end(), person.id, person.accountIDs);
+        }
+    };
+    Membership membership;
+    if (threads < 2 || unique.size() < 4096) {
+        fill(0, unique.size(), membership);
+        return membership;
+    }
+    const std::size_t half = unique.size() / 2;
+    Membership upper;
+    std::thread other(fill, half, unique.size(), std::ref(upper));
+    fill(0, half, membership);
+    other.join();
+    while (!upper.empty()) {
+        membership.insert(membership.end(), upper.extract(upper.begin()));
+    }
+    return membership;
+}
+
 } // namespace
 
 struct VdirAddressBook::Loaded {
@@ -294,7 +355,22 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         std::lock_guard lock(m_mutex);
         ticket = m_journal->surveyTicket();
     }
+    // The people are read into slots made beforehand. While the folders are
+    // listed, another thread makes as many as the last read found (and room
+    // for some more), so that a read of much the same book doesn't wait
+    // for them.
+    std::vector<Person> people;
+    std::thread slotMaker;
+    if (const std::size_t expected = m_lastCardCount.load(); expected > 0 && m_options.readThreads > 1) {
+        slotMaker = std::thread([&people, expected] {
+            people.reserve(expected + expected / 8);
+            people.resize(expected);
+        });
+    }
     std::optional<CardListing> listing = CardListing::list(m_options.root, m_options.readThreads);
+    if (slotMaker.joinable()) {
+        slotMaker.join();
+    }
     if (!listing) {
         std::lock_guard lock(m_mutex);
         m_index = CardIndex();
@@ -303,22 +379,72 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         }
         return {};
     }
-
-    // Each read thread takes the next few files, reads each with one open
-    // relative to its folder into a buffer it keeps, and puts the person in
-    // the file's own slot, so the people come out in listing order however
-    // the work was shared.
     const auto& files = listing->files();
     const std::size_t count = files.size();
-    std::vector<Person> people(count);
+    people.resize(count);
+    m_lastCardCount = count;
+    std::vector<std::uint32_t> accountIndexes;
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& account : listing->accounts()) {
+            accountIndexes.push_back(accountIndex(account.name));
+        }
+    }
+
+    // Each read thread takes the next batch of files, reads it in one go
+    // (CardFileReader) and puts each person in its file's own slot, so the
+    // people come out in listing order however the work was shared.
+    constexpr std::size_t kBatchSize = CardFileReader::kBatchSize;
+    const std::size_t batches = (count + kBatchSize - 1) / kBatchSize;
     std::vector<ReadOutcome> outcomes(count, ReadOutcome::gone);
     std::vector<CardFileReader::Stamp> stamps(token != nullptr ? count : 0);
     std::vector<std::size_t> hashes(count); // of each card id, for the index
+    std::vector<std::atomic<bool>> batchRead(batches);
+    for (auto& read : batchRead) {
+        read.store(false, std::memory_order_relaxed);
+    }
     const unsigned threads = std::min<unsigned>(m_options.readThreads, static_cast<unsigned>(count / 64 + 1));
     std::vector<std::vector<std::pair<std::size_t, std::string>>> problems(threads);
     std::atomic<std::size_t> next{0};
+
+    // The index is made in listing order, batch by batch as batches are
+    // read, between the main thread's own batches. A second file with one
+    // UID is known by an id made from its account and file name; the people
+    // take those ids only after the journal has seen the ids as read.
+    CardIndex index(count);
+    std::vector<std::pair<std::size_t, std::string>> renamed;
+    std::size_t indexed = 0;
+    auto indexReadBatches = [&](bool waitForAll) {
+        while (indexed < batches) {
+            std::atomic<bool>& read = batchRead[indexed];
+            if (!read.load(std::memory_order_acquire)) {
+                if (!waitForAll) {
+                    return;
+                }
+                read.wait(false, std::memory_order_acquire);
+                continue;
+            }
+            for (std::size_t i = indexed * kBatchSize; i < std::min(count, (indexed + 1) * kBatchSize); ++i) {
+                if (outcomes[i] != ReadOutcome::person) {
+                    continue;
+                }
+                const CardListing::File& file = files[i];
+                const std::uint32_t account = accountIndexes[file.account];
+                // Two files with one UID (a copy made by hand, a broken sync)
+                // would be one card to everyone else; Kinbook keeps both
+                // visible, the second under an id made from its account and
+                // file name.
+                if (!index.insert(people[i].id, hashes[i], account, listing->name(file))) {
+                    std::string id = cardIDFromFileName(listing->accountName(file) + "-" +
+                                                        std::string(listing->name(file)));
+                    index.insert(id, account, listing->name(file));
+                    renamed.emplace_back(i, std::move(id));
+                }
+            }
+            ++indexed;
+        }
+    };
     auto work = [&](unsigned thread) {
-        constexpr std::size_t kBatchSize = CardFileReader::kBatchSize;
         CardFileReader reader(token != nullptr);
         std::array<CardFileReader::File, kBatchSize> batch;
         std::array<CardFileReader::Result, kBatchSize> results;
@@ -362,6 +488,12 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
                 outcomes[i] = isGroup ? ReadOutcome::group : ReadOutcome::person;
                 hashes[i] = CardIndex::hashOf(people[i].id);
             }
+            std::atomic<bool>& read = batchRead[begin / kBatchSize];
+            read.store(true, std::memory_order_release);
+            read.notify_all();
+            if (thread == 0) {
+                indexReadBatches(false);
+            }
         }
     };
     std::vector<std::thread> workers;
@@ -369,6 +501,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         workers.emplace_back(work, t);
     }
     work(0);
+    indexReadBatches(true);
     for (auto& worker : workers) {
         worker.join();
     }
@@ -397,28 +530,9 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         }
         *token = m_journal->tokenAfterSurvey(survey, ticket);
     }
-
-    std::vector<std::uint32_t> accountIndexes;
-    for (const auto& account : listing->accounts()) {
-        accountIndexes.push_back(accountIndex(account.name));
-    }
-    CardIndex index(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        if (outcomes[i] != ReadOutcome::person) {
-            continue;
-        }
-        Person& person = people[i];
-        const CardListing::File& file = files[i];
-        const std::uint32_t account = accountIndexes[file.account];
-        // Two files with one UID (a copy made by hand, a broken sync) would be
-        // one card to everyone else; Kinbook keeps both visible, the second
-        // under an id made from its account and file name.
-        if (!index.insert(person.id, hashes[i], account, listing->name(file))) {
-            person.id =
-                cardIDFromFileName(listing->accountName(file) + "-" + std::string(listing->name(file)));
-            person.memberIDs = {person.id};
-            index.insert(person.id, account, listing->name(file));
-        }
+    for (auto& [i, id] : renamed) {
+        people[i].id = std::move(id);
+        people[i].memberIDs = {people[i].id};
     }
     // Groups and files without a card leave holes, filled from the end: the
     // order stays the same from one read of the same files to the next, and
@@ -476,17 +590,7 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
     }
     if (options.membership) {
         const auto membershipStart = Clock::now();
-        // Inserted in id order, each at the end of the map.
-        std::vector<const Person*> byID;
-        byID.reserve(result.snapshot.people.size());
-        for (const auto& person : result.snapshot.people) {
-            byID.push_back(&person);
-        }
-        std::stable_sort(byID.begin(), byID.end(),
-                         [](const Person* a, const Person* b) { return a->id < b->id; });
-        for (const Person* person : byID) {
-            result.membership.insert_or_assign(result.membership.end(), person->id, person->accountIDs);
-        }
+        result.membership = membershipOf(result.snapshot.people, m_options.readThreads);
         m_log->info(fmt::format("step membership: {} accounts in {} ms", result.snapshot.accounts.size(),
                                 millisecondsSince(membershipStart)));
     }
