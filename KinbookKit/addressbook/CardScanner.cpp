@@ -452,6 +452,7 @@ struct Buffers {
     std::vector<PhysicalLine> lines;
     std::string logical;
     std::string value;
+    RawPersonBuilder::Lists lists;
 };
 
 Buffers& buffers() {
@@ -614,7 +615,7 @@ bool scanPersonInto(Person& person, std::string_view bytes, std::string_view fil
         return readThroughParser(person, bytes, fileName, accountID, details, isGroup);
     }
 
-    RawPersonBuilder builder(details);
+    RawPersonBuilder builder(details, scratch.lists);
     walk = walkLogicalLines(bytes, lines, beginIndex, scratch.logical, [&](std::string_view text) {
         ScannedLine line;
         if (!scanName(text, line)) {

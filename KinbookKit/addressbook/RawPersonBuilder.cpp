@@ -4,6 +4,7 @@
 #include "KinbookKit/text/Ascii.h"
 
 #include <array>
+#include <iterator>
 #include <vector>
 
 namespace kinbook {
@@ -218,10 +219,10 @@ void RawPersonBuilder::addFields(PersonLine line, const StructuredValue& value) 
             placeText(trimmedCopy(value.joined(3, " ")), trimmedCopy(value.joined(4, " ")),
                       trimmedCopy(value.joined(6, " ")));
         if (!code.empty()) {
-            m_postalCodes.push_back(code);
+            m_lists->postalCodes.push_back(code);
         }
         if (!place.empty()) {
-            m_places.push_back(place);
+            m_lists->places.push_back(place);
         }
         m_filledEntries += value.isFilled() ? 1 : 0;
         break;
@@ -262,7 +263,7 @@ void RawPersonBuilder::addText(PersonLine line, std::string_view text) {
     case PersonLine::email: {
         const std::string_view value = trimAsciiSpace(text);
         if (!value.empty()) {
-            (line == PersonLine::tel ? m_phones : m_emails).emplace_back(value);
+            (line == PersonLine::tel ? m_lists->phones : m_lists->emails).emplace_back(value);
         }
         m_filledEntries += isFilledValue(value) ? 1 : 0;
         break;
@@ -270,7 +271,7 @@ void RawPersonBuilder::addText(PersonLine line, std::string_view text) {
     case PersonLine::url: {
         const std::string_view value = trimAsciiSpace(text);
         if (KinID::isAnchorURL(value)) {
-            m_anchors.emplace_back(value);
+            m_lists->anchors.emplace_back(value);
         } else if (m_details) {
             m_filledEntries += isFilledValue(value) ? 1 : 0;
         }
@@ -289,6 +290,12 @@ void RawPersonBuilder::addText(PersonLine line, std::string_view text) {
 
 void RawPersonBuilder::addPhoto(bool hasInlineData) {
     m_image = m_image || hasInlineData;
+}
+
+RawPersonBuilder::RawPersonBuilder(bool details, Lists& reused) : m_details(details), m_lists(&reused) {
+    for (auto* list : {&reused.phones, &reused.emails, &reused.postalCodes, &reused.places, &reused.anchors}) {
+        list->clear();
+    }
 }
 
 Person RawPersonBuilder::finish(std::string_view cardID, std::string_view accountID) && {
@@ -322,23 +329,27 @@ void RawPersonBuilder::finishInto(Person& person, std::string_view cardID, std::
     person.memberIDs.reserve(1);
     person.memberIDs.emplace_back(person.id);
     person.detailed = m_details;
-    if (!m_anchors.empty()) {
+    Lists& lists = *m_lists;
+    if (!lists.anchors.empty()) {
         // The first anchor URL, when its id reads, is both the KinID and the
         // anchor; only a damaged first anchor sends readID further.
-        if (auto anchor = KinID::Anchor::read(m_anchors)) {
+        if (auto anchor = KinID::Anchor::read(lists.anchors)) {
             person.kinID = std::move(anchor->id);
             person.hidden = anchor->hidden;
             person.circle = anchor->circle;
             person.isPrimaryCard = anchor->primary;
         } else {
-            person.kinID = KinID::readID(m_anchors);
+            person.kinID = KinID::readID(lists.anchors);
         }
     }
     if (m_details) {
-        person.phoneNumbers = std::move(m_phones);
-        person.emailAddresses = std::move(m_emails);
-        person.postalCodes = std::move(m_postalCodes);
-        person.places = std::move(m_places);
+        const auto take = [](std::vector<std::string>& gathered, std::vector<std::string>& into) {
+            into.assign(std::make_move_iterator(gathered.begin()), std::make_move_iterator(gathered.end()));
+        };
+        take(lists.phones, person.phoneNumbers);
+        take(lists.emails, person.emailAddresses);
+        take(lists.postalCodes, person.postalCodes);
+        take(lists.places, person.places);
         person.hasImage = m_image;
         int filled = m_filledEntries + (m_birthday ? 1 : 0) + (m_image ? 1 : 0);
         for (const auto* text : {&person.givenName, &person.middleName, &person.familyName, &person.nickname,

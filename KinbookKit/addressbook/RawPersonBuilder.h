@@ -98,7 +98,22 @@ enum class PersonLine : unsigned char {
 // everything else stays empty and filledCount 0.
 class RawPersonBuilder {
 public:
-    explicit RawPersonBuilder(bool details) : m_details(details) {}
+    // The lists a card's entries are gathered in before they go to the
+    // person. A reader of many cards hands every builder the same ones, so
+    // they keep their room from card to card and each person's lists are
+    // allocated once, at their final size.
+    struct Lists {
+        std::vector<std::string> phones;
+        std::vector<std::string> emails;
+        std::vector<std::string> postalCodes;
+        std::vector<std::string> places;
+        std::vector<std::string> anchors;
+    };
+
+    explicit RawPersonBuilder(bool details) : m_details(details), m_lists(&m_ownLists) {}
+    RawPersonBuilder(bool details, Lists& reused);
+    RawPersonBuilder(const RawPersonBuilder&) = delete;
+    RawPersonBuilder& operator=(const RawPersonBuilder&) = delete;
 
     // What the line is to the person, or ignored when its value is not
     // needed (a second N, a phone in a names-only pass). Names compare
@@ -135,11 +150,8 @@ private:
     bool m_birthday = false;
     bool m_image = false;
     int m_filledEntries = 0;
-    std::vector<std::string> m_phones;
-    std::vector<std::string> m_emails;
-    std::vector<std::string> m_postalCodes;
-    std::vector<std::string> m_places;
-    std::vector<std::string> m_anchors;
+    Lists m_ownLists;
+    Lists* m_lists;
 };
 
 // Whether an entry's value counts as filled: anything but white space, ";"

@@ -3,6 +3,7 @@
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardEntries.h"
+#include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
 #include "KinbookKit/addressbook/CardReader.h"
 #include "KinbookKit/addressbook/CardScanner.h"
@@ -17,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -106,82 +108,6 @@ enum class ReadOutcome : std::uint8_t {
     person,
 };
 
-// Reads the card file `name` of the folder open as `folderFD` into
-// `buffer`, which the read thread keeps from file to file, and sets
-// `length`. `stamp` (when given) gets the file's state if it can be had
-// (`stamped`), even when the file can't be read. False when the file is not
-// read; `problem` then says why, or is empty when the file is simply gone.
-bool readCardFile(int folderFD, const char* name, bool knownRegular, std::vector<char>& buffer,
-                  std::size_t& length, FileStamp* stamp, bool& stamped, std::string& problem) {
-    stamped = false;
-    const int fd = ::openat(folderFD, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0) {
-        const int error = errno;
-        if (error == ENOENT) {
-            return false;
-        }
-        struct stat info {};
-        if (stamp != nullptr && ::fstatat(folderFD, name, &info, 0) == 0 && S_ISREG(info.st_mode)) {
-            *stamp = FileStamp{info.st_ino, info.st_size,
-                               static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
-                                   info.st_mtim.tv_nsec};
-            stamped = true;
-        }
-        problem = std::strerror(error);
-        return false;
-    }
-    // The size, when known, lets one read take the whole file.
-    std::size_t expected = 0;
-    bool sized = false;
-    if (stamp != nullptr || !knownRegular) {
-        struct stat info {};
-        if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-            ::close(fd); // a folder or a device behind a link: not a card
-            return false;
-        }
-        if (stamp != nullptr) {
-            *stamp = FileStamp{info.st_ino, info.st_size,
-                               static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
-                                   info.st_mtim.tv_nsec};
-            stamped = true;
-        }
-        if (static_cast<std::uint64_t>(info.st_size) > kLargestCard) {
-            ::close(fd);
-            problem = "file too large";
-            return false;
-        }
-        expected = static_cast<std::size_t>(info.st_size);
-        sized = true;
-        if (buffer.size() < expected + 1) {
-            buffer.resize(expected + 1);
-        }
-    }
-    length = 0;
-    while (!sized || length < expected) {
-        if (length == buffer.size()) {
-            if (buffer.size() > kLargestCard) {
-                ::close(fd);
-                problem = "file too large";
-                return false;
-            }
-            buffer.resize(std::min<std::size_t>(buffer.size() * 2, kLargestCard + 1));
-        }
-        // A file that grew since fstat is read as it was then, as a card is
-        // read everywhere else.
-        const std::size_t room = sized ? expected - length : buffer.size() - length;
-        const ssize_t got = ::read(fd, buffer.data() + length, room);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            break; // the end, or a file that shrank: keep what was there
-        }
-        length += static_cast<std::size_t>(got);
-    }
-    ::close(fd);
-    return true;
-}
-
 std::string readMetadata(const fs::path& file) {
     auto text = readWholeFile(file);
     if (!text) {
@@ -234,6 +160,67 @@ bool mentionsNote(std::string_view bytes) {
         }
     }
     return false;
+}
+
+// The first eight bytes of a text as one number that sorts as the text does.
+std::uint64_t sortPrefix(std::string_view text) {
+    std::uint64_t prefix = 0;
+    for (std::size_t i = 0; i < 8; ++i) {
+        prefix = (prefix << 8) | (i < text.size() ? static_cast<unsigned char>(text[i]) : 0u);
+    }
+    return prefix;
+}
+
+// Which accounts hold each person, for a full read of a large address book:
+// the people are put in id order by a sort that mostly compares numbers,
+// each half of the map is filled on its own thread, every entry at the end,
+// and the second half's entries are moved over without allocating again.
+// For one id held twice, the later person's accounts count, as they would
+// had each been set in turn.
+Membership membershipOf(const std::vector<Person>& people, unsigned threads) {
+    struct Entry {
+        std::uint64_t prefix;
+        std::uint32_t index;
+    };
+    std::vector<Entry> order(people.size());
+    for (std::size_t i = 0; i < people.size(); ++i) {
+        order[i] = {sortPrefix(people[i].id), static_cast<std::uint32_t>(i)};
+    }
+    std::stable_sort(order.begin(), order.end(), [&](const Entry& a, const Entry& b) {
+        if (a.prefix != b.prefix) {
+            return a.prefix < b.prefix;
+        }
+        return people[a.index].id < people[b.index].id;
+    });
+    // An id held twice keeps only its last entry.
+    std::vector<Entry> unique;
+    unique.reserve(order.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        if (i + 1 < order.size() && people[order[i].index].id == people[order[i + 1].index].id) {
+            continue;
+        }
+        unique.push_back(order[i]);
+    }
+    auto fill = [&](std::size_t begin, std::size_t end, Membership& part) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const Person& person = people[unique[i].index];
+            part.emplace_hint(part.end(), person.id, person.accountIDs);
+        }
+    };
+    Membership membership;
+    if (threads < 2 || unique.size() < 4096) {
+        fill(0, unique.size(), membership);
+        return membership;
+    }
+    const std::size_t half = unique.size() / 2;
+    Membership upper;
+    std::thread other(fill, half, unique.size(), std::ref(upper));
+    fill(0, half, membership);
+    other.join();
+    while (!upper.empty()) {
+        membership.insert(membership.end(), upper.extract(upper.begin()));
+    }
+    return membership;
 }
 
 } // namespace
@@ -402,7 +389,22 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         std::lock_guard lock(m_mutex);
         ticket = m_journal->surveyTicket();
     }
+    // The people are read into slots made beforehand. While the folders are
+    // listed, another thread makes as many as the last read found (and room
+    // for some more), so that a read of much the same book doesn't wait
+    // for them.
+    std::vector<Person> people;
+    std::thread slotMaker;
+    if (const std::size_t expected = m_lastCardCount.load(); expected > 0 && m_options.readThreads > 1) {
+        slotMaker = std::thread([&people, expected] {
+            people.reserve(expected + expected / 8);
+            people.resize(expected);
+        });
+    }
     std::optional<CardListing> listing = CardListing::list(m_options.root, m_options.readThreads);
+    if (slotMaker.joinable()) {
+        slotMaker.join();
+    }
     if (!listing) {
         std::lock_guard lock(m_mutex);
         m_index = CardIndex();
@@ -411,45 +413,107 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         }
         return {};
     }
-
-    // Each read thread takes the next few files, reads each with one open
-    // relative to its folder into a buffer it keeps, and puts the person in
-    // the file's own slot, so the people come out in listing order however
-    // the work was shared.
     const auto& files = listing->files();
     const std::size_t count = files.size();
-    std::vector<Person> people(count);
+    people.resize(count);
+    m_lastCardCount = count;
+    std::vector<std::uint32_t> accountIndexes;
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& account : listing->accounts()) {
+            accountIndexes.push_back(accountIndex(account.name));
+        }
+    }
+
+    // Each read thread takes the next batch of files, reads it in one go
+    // (CardFileReader) and puts each person in its file's own slot, so the
+    // people come out in listing order however the work was shared.
+    constexpr std::size_t kBatchSize = CardFileReader::kBatchSize;
+    const std::size_t batches = (count + kBatchSize - 1) / kBatchSize;
     std::vector<ReadOutcome> outcomes(count, ReadOutcome::gone);
-    std::vector<FileStamp> stamps(token != nullptr ? count : 0);
+    std::vector<CardFileReader::Stamp> stamps(token != nullptr ? count : 0);
     std::vector<std::size_t> hashes(count); // of each card id, for the index
+    std::vector<std::atomic<bool>> batchRead(batches);
+    for (auto& read : batchRead) {
+        read.store(false, std::memory_order_relaxed);
+    }
     const unsigned threads = std::min<unsigned>(m_options.readThreads, static_cast<unsigned>(count / 64 + 1));
     std::vector<std::vector<std::pair<std::size_t, std::string>>> problems(threads);
     std::atomic<std::size_t> next{0};
+
+    // The index is made in listing order, batch by batch as batches are
+    // read, between the main thread's own batches. A second file with one
+    // UID is known by an id made from its account and file name; the people
+    // take those ids only after the journal has seen the ids as read.
+    CardIndex index(count);
+    std::vector<std::pair<std::size_t, std::string>> renamed;
+    std::size_t indexed = 0;
+    auto indexReadBatches = [&](bool waitForAll) {
+        while (indexed < batches) {
+            std::atomic<bool>& read = batchRead[indexed];
+            if (!read.load(std::memory_order_acquire)) {
+                if (!waitForAll) {
+                    return;
+                }
+                read.wait(false, std::memory_order_acquire);
+                continue;
+            }
+            for (std::size_t i = indexed * kBatchSize; i < std::min(count, (indexed + 1) * kBatchSize); ++i) {
+                if (outcomes[i] != ReadOutcome::person) {
+                    continue;
+                }
+                const CardListing::File& file = files[i];
+                const std::uint32_t account = accountIndexes[file.account];
+                // Two files with one UID (a copy made by hand, a broken sync)
+                // would be one card to everyone else; Kinbook keeps both
+                // visible, the second under an id made from its account and
+                // file name.
+                if (!index.insert(people[i].id, hashes[i], account, listing->name(file))) {
+                    std::string id = cardIDFromFileName(listing->accountName(file) + "-" +
+                                                        std::string(listing->name(file)));
+                    index.insert(id, account, listing->name(file));
+                    renamed.emplace_back(i, std::move(id));
+                }
+            }
+            ++indexed;
+        }
+    };
     auto work = [&](unsigned thread) {
-        constexpr std::size_t kFilesPerTake = 32;
-        std::vector<char> buffer(64 * 1024);
-        std::string problem;
+        CardFileReader reader(token != nullptr);
+        std::array<CardFileReader::File, kBatchSize> batch;
+        std::array<CardFileReader::Result, kBatchSize> results;
         for (;;) {
-            const std::size_t begin = next.fetch_add(kFilesPerTake);
+            const std::size_t begin = next.fetch_add(kBatchSize);
             if (begin >= count) {
                 return;
             }
-            for (std::size_t i = begin; i < std::min(count, begin + kFilesPerTake); ++i) {
-                const CardListing::File& file = files[i];
-                std::size_t length = 0;
-                bool stamped = false;
-                problem.clear();
-                if (!readCardFile(listing->folderFD(file), listing->cName(file), file.knownRegular, buffer,
-                                  length, token != nullptr ? &stamps[i] : nullptr, stamped, problem)) {
-                    outcomes[i] = stamped ? ReadOutcome::unreadable : ReadOutcome::gone;
-                    if (!problem.empty()) {
-                        problems[thread].emplace_back(i, problem);
-                    }
+            const std::size_t size = std::min(count - begin, kBatchSize);
+            for (std::size_t k = 0; k < size; ++k) {
+                const CardListing::File& file = files[begin + k];
+                batch[k] = {listing->folderFD(file), listing->cName(file), file.knownRegular};
+            }
+            reader.read(std::span(batch.data(), size), std::span(results.data(), size));
+            for (std::size_t k = 0; k < size; ++k) {
+                const std::size_t i = begin + k;
+                const CardFileReader::Result& read = results[k];
+                if (token != nullptr && read.stamp) {
+                    stamps[i] = *read.stamp;
+                }
+                if (!read.problem.empty()) {
+                    problems[thread].emplace_back(i, read.problem);
+                }
+                if (read.outcome != CardFileReader::Outcome::read) {
+                    // A file that is there but can't be read still counts for
+                    // the journal, with its state.
+                    outcomes[i] = read.outcome == CardFileReader::Outcome::unreadable && read.stamp
+                                      ? ReadOutcome::unreadable
+                                      : ReadOutcome::gone;
                     continue;
                 }
+                const CardListing::File& file = files[i];
                 bool isGroup = false;
-                if (!scanPersonInto(people[i], std::string_view(buffer.data(), length), listing->name(file),
-                                    listing->accountName(file), details, &isGroup)) {
+                if (!scanPersonInto(people[i], read.bytes, listing->name(file), listing->accountName(file),
+                                    details, &isGroup)) {
                     outcomes[i] = ReadOutcome::notCard;
                     problems[thread].emplace_back(i, "not a vCard");
                     continue;
@@ -458,6 +522,12 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
                 outcomes[i] = isGroup ? ReadOutcome::group : ReadOutcome::person;
                 hashes[i] = CardIndex::hashOf(people[i].id);
             }
+            std::atomic<bool>& read = batchRead[begin / kBatchSize];
+            read.store(true, std::memory_order_release);
+            read.notify_all();
+            if (thread == 0) {
+                indexReadBatches(false);
+            }
         }
     };
     std::vector<std::thread> workers;
@@ -465,6 +535,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         workers.emplace_back(work, t);
     }
     work(0);
+    indexReadBatches(true);
     for (auto& worker : workers) {
         worker.join();
     }
@@ -489,33 +560,13 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
             const bool hasCard = outcomes[i] == ReadOutcome::person || outcomes[i] == ReadOutcome::group;
             survey.files.push_back({listing->accountName(files[i]), listing->name(files[i]),
                                     hasCard ? std::string_view(people[i].id) : std::string_view(),
-                                    static_cast<std::uint64_t>(stamps[i].inode),
-                                    static_cast<std::uint64_t>(stamps[i].size), stamps[i].mtimeNs});
+                                    stamps[i].inode, stamps[i].size, stamps[i].mtimeNs});
         }
         *token = m_journal->tokenAfterSurvey(survey, ticket);
     }
-
-    std::vector<std::uint32_t> accountIndexes;
-    for (const auto& account : listing->accounts()) {
-        accountIndexes.push_back(accountIndex(account.name));
-    }
-    CardIndex index(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        if (outcomes[i] != ReadOutcome::person) {
-            continue;
-        }
-        Person& person = people[i];
-        const CardListing::File& file = files[i];
-        const std::uint32_t account = accountIndexes[file.account];
-        // Two files with one UID (a copy made by hand, a broken sync) would be
-        // one card to everyone else; Kinbook keeps both visible, the second
-        // under an id made from its account and file name.
-        if (!index.insert(person.id, hashes[i], account, listing->name(file))) {
-            person.id =
-                cardIDFromFileName(listing->accountName(file) + "-" + std::string(listing->name(file)));
-            person.memberIDs = {person.id};
-            index.insert(person.id, account, listing->name(file));
-        }
+    for (auto& [i, id] : renamed) {
+        people[i].id = std::move(id);
+        people[i].memberIDs = {people[i].id};
     }
     // Groups and files without a card leave holes, filled from the end: the
     // order stays the same from one read of the same files to the next, and
@@ -574,17 +625,7 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
     }
     if (options.membership) {
         const auto membershipStart = Clock::now();
-        // Inserted in id order, each at the end of the map.
-        std::vector<const Person*> byID;
-        byID.reserve(result.snapshot.people.size());
-        for (const auto& person : result.snapshot.people) {
-            byID.push_back(&person);
-        }
-        std::stable_sort(byID.begin(), byID.end(),
-                         [](const Person* a, const Person* b) { return a->id < b->id; });
-        for (const Person* person : byID) {
-            result.membership.insert_or_assign(result.membership.end(), person->id, person->accountIDs);
-        }
+        result.membership = membershipOf(result.snapshot.people, m_options.readThreads);
         m_log->info(fmt::format("step membership: {} accounts in {} ms", result.snapshot.accounts.size(),
                                 millisecondsSince(membershipStart)));
     }

@@ -12,6 +12,7 @@
 #include "KinbookKit/addressbook/ScriptHost.h"
 #include "KinbookKit/text/KinLog.h"
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -161,9 +162,10 @@ private:
     Options m_options;
     std::shared_ptr<KinLog> m_log;
 
-    std::mutex m_mutex;                    // guards everything below
-    CardIndex m_index;                     // card id to its file, as last read
-    std::vector<std::string> m_accountIDs; // the accounts the index's places refer to
+    std::mutex m_mutex;                          // guards everything below
+    std::atomic<std::size_t> m_lastCardCount{0}; // card files the last full read found
+    CardIndex m_index;                           // card id to its file, as last read
+    std::vector<std::string> m_accountIDs;       // the accounts the index's places refer to
     std::unique_ptr<ChangeJournal> m_journal;
     EntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex

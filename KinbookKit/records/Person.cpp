@@ -89,6 +89,7 @@ void Person::derive() {
     keys.firstNameSectionLetter = sectionLetterOf(keys.firstNameSortKey);
 
     keys.phoneDigits.reserve(phoneNumbers.size());
+    keys.areaCodes.reserve(phoneNumbers.size());
     for (const auto& phone : phoneNumbers) {
         if (auto code = AreaCodes::areaCode(phone)) {
             keys.areaCodes.push_back(std::move(*code));
