@@ -87,6 +87,21 @@ std::uint8_t putString(Entry& entry, std::size_t at, std::size_t count, std::str
     return wordsSettle(text, 8 * count) ? kSettled : static_cast<std::uint8_t>(at + count - 1);
 }
 
+// The text that settled words hold: their bytes up to the padding.
+std::string textOfWords(const Entry& entry, std::size_t at, std::size_t count) {
+    std::string text;
+    for (std::size_t i = at; i < at + count; ++i) {
+        for (int shift = 56; shift >= 0; shift -= 8) {
+            const auto byte = static_cast<char>((entry.words[i] >> shift) & 0xff);
+            if (byte == '\0') {
+                return text;
+            }
+            text += byte;
+        }
+    }
+    return text;
+}
+
 // Circles sort from closest to farthest; people without one come after
 // every circle.
 constexpr std::uint64_t kNoCircleRank = 99;
@@ -102,14 +117,24 @@ constexpr std::string_view kNoSecondCode = "~";
 // The zip key: the first postal code cut before its first "-" (a ZIP+4 code
 // sorts and files with its five-digit part), upper-cased. Postal codes that
 // have letters use ASCII ones ("SW1A 1AA", "K1A 0B1").
-std::string zipKeyOf(const Person& person) {
-    std::string key = person.postalCodes.front().substr(0, person.postalCodes.front().find('-'));
-    for (auto& c : key) {
+std::string_view zipKeyView(const Person& person, std::string& buffer) {
+    std::string_view key = person.postalCodes.front();
+    key = key.substr(0, key.find('-'));
+    if (std::none_of(key.begin(), key.end(), [](char c) { return c >= 'a' && c <= 'z'; })) {
+        return key;
+    }
+    buffer.assign(key);
+    for (auto& c : buffer) {
         if (c >= 'a' && c <= 'z') {
             c = static_cast<char>(c - 'a' + 'A');
         }
     }
-    return key;
+    return buffer;
+}
+
+std::string zipKeyOf(const Person& person) {
+    std::string buffer;
+    return std::string(zipKeyView(person, buffer));
 }
 
 std::string_view secondCodeOf(const Person& person) {
@@ -128,6 +153,7 @@ Entry sortKeyEntryOf(const Person& person, std::uint32_t index) {
 
 Entry entryOf(SortOrder order, const Person& person, std::uint32_t index) {
     Entry entry{{}, index, kSettled, '\0'};
+    std::string zipBuffer;
     switch (order) {
     case SortOrder::lastName:
         entry.letter = oneByteLetter(person.sectionLetter());
@@ -155,7 +181,7 @@ Entry entryOf(SortOrder order, const Person& person, std::uint32_t index) {
         if (person.postalCodes.empty()) {
             entry.words[0] = 1;
         } else {
-            entry.fallbackAt = putString(entry, 1, kWords - 1, zipKeyOf(person));
+            entry.fallbackAt = putString(entry, 1, kWords - 1, zipKeyView(person, zipBuffer));
         }
         break;
     case SortOrder::completeness:
@@ -274,19 +300,25 @@ public:
                 return "Other Numbers";
             case noPhone:
                 return "No Phone";
-            default:
-                if (!m_hasTitle || person.areaCodes().front() != m_key) {
-                    m_key = person.areaCodes().front();
+            default: {
+                // Most codes are in the words; the label is made once per code.
+                const std::string code =
+                    entry.fallbackAt == kSettled ? textOfWords(entry, 1, 1) : person.areaCodes().front();
+                if (!m_hasTitle || code != m_key) {
+                    m_key = code;
                     m_title = AreaCodes::label(m_key);
                     m_hasTitle = true;
                 }
                 return m_title;
             }
+            }
         case SortOrder::zip:
             if (entry.words[0] != 0) {
                 return "No Address";
             }
-            m_title = zipKeyOf(person);
+            // A zip order has a section for nearly every code; its title comes
+            // from the words rather than from the person, far off in memory.
+            m_title = entry.fallbackAt == kSettled ? textOfWords(entry, 1, kWords - 1) : zipKeyOf(person);
             return m_title;
         case SortOrder::completeness:
             m_title = person.filledCount == 1 ? std::string("1 field")
@@ -387,9 +419,14 @@ public:
 private:
     std::vector<Section> cut(SortOrder order, const std::vector<Entry>& entries) const {
         std::vector<Section> sections;
-        // Titles come in runs; the map is asked only when a title changes,
-        // and finds a section created earlier (a "#" of digits before "A"
-        // and of non-Latin names after "Z").
+        // Titles come in runs. In the name orders a title can come back
+        // (a "#" of digits before "A" and of non-Latin names after "Z"), and
+        // so can an area code's label when stored codes look like labels; a
+        // map finds the section made earlier. In the other orders a title
+        // stands for one value of the leading key, so a run never comes
+        // back, and a zip order's tens of thousands of sections need no map.
+        const bool titlesReturn =
+            order == SortOrder::lastName || order == SortOrder::firstName || order == SortOrder::areaCode;
         std::unordered_map<std::string, std::size_t> sectionOfTitle;
         SectionTitler titler(order, m_people);
         std::size_t current = 0;
@@ -401,12 +438,17 @@ private:
             if (i == 0 || titler.titleMayChange(entries[i - 1], entry)) {
                 const std::string_view title = titler.titleOf(entry);
                 if (sections.empty() || sections[current].letter != title) {
-                    const auto [found, inserted] =
-                        sectionOfTitle.try_emplace(std::string(title), sections.size());
-                    if (inserted) {
+                    if (!titlesReturn) {
+                        current = sections.size();
                         sections.push_back(Section{std::string(title), {}});
+                    } else if (const auto [found, inserted] =
+                                   sectionOfTitle.try_emplace(std::string(title), sections.size());
+                               inserted) {
+                        current = sections.size();
+                        sections.push_back(Section{std::string(title), {}});
+                    } else {
+                        current = found->second;
                     }
-                    current = found->second;
                 }
             }
             sections[current].people.push_back(m_people[entry.index]);
@@ -437,6 +479,79 @@ std::map<SortOrder, std::vector<Section>> buildIndex(std::span<const PersonPtr> 
         index.emplace(order, keys.sections(order));
     }
     return index;
+}
+
+namespace {
+
+// A position some people ahead of the filter, across section borders: in a
+// zip order most sections hold one or two people.
+class Lookahead {
+public:
+    Lookahead(std::span<const Section> sections, std::size_t distance) : m_sections(sections) {
+        skipEmptySections();
+        for (std::size_t i = 0; i < distance; ++i) {
+            advance();
+        }
+    }
+
+    const PersonPtr* current() const {
+        return m_section < m_sections.size() ? &m_sections[m_section].people[m_index] : nullptr;
+    }
+
+    void advance() {
+        if (m_section >= m_sections.size()) {
+            return;
+        }
+        ++m_index;
+        skipEmptySections();
+    }
+
+private:
+    void skipEmptySections() {
+        while (m_section < m_sections.size() && m_index >= m_sections[m_section].people.size()) {
+            ++m_section;
+            m_index = 0;
+        }
+    }
+
+    std::span<const Section> m_sections;
+    std::size_t m_section = 0;
+    std::size_t m_index = 0;
+};
+
+} // namespace
+
+std::vector<Section> filterSections(std::span<const Section> sections,
+                                    const std::function<bool(const Person&)>& keep) {
+    std::vector<Section> kept;
+    // What a filter reads of the people ahead: the flags and the search
+    // text, whose own text is asked for once its header has come.
+    Lookahead far(sections, 2 * kPrefetchDistance);
+    Lookahead near(sections, kPrefetchDistance);
+    for (const auto& section : sections) {
+        Section narrowed{section.letter, {}};
+        for (const auto& person : section.people) {
+            if (const auto* ahead = far.current()) {
+                __builtin_prefetch(&(*ahead)->searchText());
+                __builtin_prefetch(&(*ahead)->hidden);
+            }
+            if (const auto* ahead = near.current()) {
+                const std::string& text = (*ahead)->searchText();
+                __builtin_prefetch(text.data());
+                __builtin_prefetch(text.data() + 64);
+                prefetchShareCount(*ahead);
+            }
+            far.advance();
+            near.advance();
+            if (keep(*person)) {
+                narrowed.people.push_back(person);
+            }
+        }
+        if (!narrowed.people.empty()) {
+            kept.push_back(std::move(narrowed));
+        }
+    }
+    return kept;
 }
 
 std::vector<Section> inDirection(std::vector<Section> sections, bool descending) {

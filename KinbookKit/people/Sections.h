@@ -57,24 +57,10 @@ std::vector<Heading> headingsOf(std::span<const Section> sections);
 // How many people the sections hold.
 int peopleCount(std::span<const Section> sections);
 
-// The sections with only the people `keep(const Person&)` accepts, in the
-// same order, sections left empty dropped: what the list's filters and its
-// search show. The kept people are shared, not copied.
-template <typename Keep>
-std::vector<Section> filterSections(std::span<const Section> sections, Keep&& keep) {
-    std::vector<Section> kept;
-    for (const auto& section : sections) {
-        Section narrowed{section.letter, {}};
-        for (const auto& person : section.people) {
-            if (keep(*person)) {
-                narrowed.people.push_back(person);
-            }
-        }
-        if (!narrowed.people.empty()) {
-            kept.push_back(std::move(narrowed));
-        }
-    }
-    return kept;
-}
+// The sections with only the people `keep` accepts, in the same order,
+// sections left empty dropped: what the list's filters and its search show.
+// The kept people are shared, not copied.
+std::vector<Section> filterSections(std::span<const Section> sections,
+                                    const std::function<bool(const Person&)>& keep);
 
 } // namespace kinbook

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace kinbook {
 namespace {
 
@@ -98,6 +100,31 @@ TEST(SearchQuery, PastJobTextIsSearchedForTheWholeQueryAndForWords) {
     EXPECT_TRUE(finds("ann initech", ann, &pastJobs));
     EXPECT_FALSE(finds("initech", ann));
     EXPECT_FALSE(finds("ann hooli", ann, &pastJobs));
+}
+
+TEST(SearchQuery, ByteSearchAgreesWithAPlainFindAtEveryLengthAndPosition) {
+    // Texts from a small alphabet, so that near misses abound, at lengths
+    // around the sixteen-byte blocks the search works in.
+    std::mt19937 random(7);
+    const std::string alphabet[] = {"a", "b", "c", "ø"}; // all as folding leaves them
+    const auto text = [&](std::size_t pieces) {
+        std::string result;
+        for (std::size_t i = 0; i < pieces; ++i) {
+            result += alphabet[random() % 4];
+        }
+        return result;
+    };
+    for (int round = 0; round < 4000; ++round) {
+        Person person;
+        person.derive();
+        PersonKeys keys = person.keys();
+        keys.searchText = text(random() % 70);
+        person.adoptKeys(keys);
+        const auto needle = text(random() % 20 + 1);
+        ASSERT_EQ(SearchQuery::parse(needle).matches(person, nullptr),
+                  keys.searchText.find(needle) != std::string::npos)
+            << "'" << needle << "' in '" << keys.searchText << "'";
+    }
 }
 
 } // namespace

@@ -191,6 +191,10 @@ TEST(Sections, HeadingsCountsAndFilteringDropEmptySections) {
     EXPECT_EQ(shapeOf(onlyB), (Shape{{"B", {"bo"}}}));
     EXPECT_EQ(onlyB.front().people.front(), people[2]);
     EXPECT_TRUE(filterSections(sections, [](const Person&) { return false; }).empty());
+
+    // Sections a caller put together may be empty; they are dropped too.
+    const std::vector<Section> withEmpty{{"X", {}}, sections[0], {"Y", {}}, sections[1], {"Z", {}}};
+    EXPECT_EQ(shapeOf(filterSections(withEmpty, [](const Person&) { return true; })), shapeOf(sections));
 }
 
 TEST(Sections, EqualityComparesPeopleByValue) {

@@ -23,7 +23,7 @@ Person samplePerson(std::string id) {
     person.familyName = "Ørsted-Łukasz";
     person.nickname = "tab\there";
     person.organization = "Ünïcode GmbH \u0001 ctl";
-    person.jobTitle = "乐队指挥";
+    person.jobTitle = "乐队指挥 🎻";
     person.department = "";
     person.phoneNumbers = {"+1 (212) 555-0100", "+44 20 7946 0958", "ext. 12"};
     person.emailAddresses = {"zoe@example.com"};
@@ -104,9 +104,14 @@ TEST_F(SnapshotCacheTest, TheFileIsTheSnapshotsOwnJSONUnderFormatTen) {
     EXPECT_EQ(json.at("format"), 10);
     EXPECT_EQ(AddressBookSnapshot::fromJSON(json.at("snapshot")), snapshot);
 
-    // And a file made from that JSON by a general encoder reads back too.
+    // And a file made from that JSON by a general encoder reads back too,
+    // also when it escapes every character outside ASCII.
     const nlohmann::json file = {{"format", 10}, {"snapshot", snapshot.toJSON()}};
     EXPECT_EQ(readText(file.dump()), snapshot);
+    const auto escaped = file.dump(-1, ' ', true);
+    ASSERT_NE(escaped.find("\\ud83c\\udfbb"), std::string::npos)
+        << "the violin is written as a surrogate pair";
+    EXPECT_EQ(SnapshotCache::decode(escaped), snapshot);
 }
 
 TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
@@ -153,6 +158,16 @@ TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
         {"a damaged token", badToken.dump()},
         {"trailing text", valid.dump() + " {}"},
     };
+    // Escapes that are not JSON's, in a text the reader takes apart itself.
+    const std::string badEscapes[] = {"\\x41",    "\\u12G4",        "\\udc00", "\\ud83c",
+                                      "\\ud83cx", "\\ud83c\\u0041", "\\'"};
+    for (const auto& escape : badEscapes) {
+        auto text = valid.dump();
+        const auto at = text.find("card-1");
+        ASSERT_NE(at, std::string::npos);
+        text.insert(at, escape);
+        EXPECT_EQ(SnapshotCache::decode(text), std::nullopt) << escape;
+    }
     for (const auto& [what, text] : cases) {
         EXPECT_EQ(SnapshotCache::decode(text), std::nullopt) << what;
     }
