@@ -207,16 +207,20 @@ void prefetchPerson(const Person& person) {
     __builtin_prefetch(&person.circle);
 }
 
+constexpr std::uint32_t bitOf(SortOrder order) {
+    return 1u << static_cast<unsigned>(order);
+}
+
 // The heap text of the keys, once the person's own lines have arrived.
 void prefetchKeyText(const Person& person, std::uint32_t orders) {
     __builtin_prefetch(person.sortKey().data());
-    if (orders & (1u << static_cast<unsigned>(SortOrder::firstName))) {
+    if (orders & bitOf(SortOrder::firstName)) {
         __builtin_prefetch(person.firstNameSortKey().data());
     }
-    if (orders & (1u << static_cast<unsigned>(SortOrder::areaCode))) {
+    if (orders & bitOf(SortOrder::areaCode)) {
         __builtin_prefetch(person.areaCodes().data());
     }
-    if (orders & (1u << static_cast<unsigned>(SortOrder::zip))) {
+    if (orders & bitOf(SortOrder::zip)) {
         __builtin_prefetch(person.postalCodes.data());
     }
 }
@@ -347,10 +351,6 @@ bool Section::operator==(const Section& other) const {
 }
 
 namespace {
-
-constexpr std::uint32_t bitOf(SortOrder order) {
-    return 1u << static_cast<unsigned>(order);
-}
 
 // The keys of the requested orders, read in one pass over the people, and
 // the people's sort-key order.

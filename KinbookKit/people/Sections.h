@@ -36,7 +36,9 @@ struct Heading {
 
 // Sorts `people` in `order` (ascending) and cuts them into sections, each
 // created when its title is first met. Stable: people with equal keys keep
-// the order they came in.
+// the order they came in. Quickest when the people come in sort-key order,
+// as the list keeps them. Reads the people only, so it may run on any
+// thread while nobody changes them.
 std::vector<Section> buildSections(SortOrder order, std::span<const PersonPtr> people);
 
 // The sections of every sort order, as the list's index keeps them: the same
