@@ -149,15 +149,20 @@ void runCompletion(const ToolOptions& options, const std::string& query, Complet
     ListView view;
     view.searchText = query;
     const auto shown = session.show(view);
-    std::vector<Completion> lines;
-    int people = 0;
+    std::vector<const Person*> matched;
     for (const auto& section : shown.sections) {
         for (const auto& person : section.people) {
-            auto cards = session.cards(*person);
-            auto found = completions(*person, cards, kind);
-            people += found.empty() ? 0 : 1;
-            lines.insert(lines.end(), found.begin(), found.end());
+            matched.push_back(person.get());
         }
+    }
+    // The labels, and which entries are former, are on the cards.
+    const auto cards = session.cards(matched);
+    std::vector<Completion> lines;
+    int people = 0;
+    for (std::size_t i = 0; i < matched.size(); ++i) {
+        auto found = completions(*matched[i], cards[i], kind);
+        people += found.empty() ? 0 : 1;
+        lines.insert(lines.end(), found.begin(), found.end());
     }
     if (options.json) {
         print(jsonText(completionJson(lines)));

@@ -226,37 +226,55 @@ Person PeopleSession::resolve(const std::string& argument) {
 }
 
 std::vector<ShownCard> PeopleSession::cards(const Person& person) {
-    std::vector<std::string> ids = person.memberIDs;
-    if (ids.empty()) {
-        ids.push_back(person.id);
+    return std::move(cards(std::vector<const Person*>{&person}).front());
+}
+
+std::vector<std::vector<ShownCard>> PeopleSession::cards(const std::vector<const Person*>& people) {
+    // Every card asked for at once, so the reads run side by side on the pool.
+    struct Wanted {
+        std::size_t person;
+        std::string cardID;
+        std::optional<ContactCard> card;
+    };
+    std::vector<Wanted> wanted;
+    for (std::size_t p = 0; p < people.size(); ++p) {
+        if (people[p]->memberIDs.empty()) {
+            wanted.push_back({p, people[p]->id, std::nullopt});
+        }
+        for (const auto& id : people[p]->memberIDs) {
+            wanted.push_back({p, id, std::nullopt});
+        }
     }
-    std::vector<std::optional<ContactCard>> read(ids.size());
     std::size_t answered = 0;
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        m_list->card(ids[i], [&read, &answered, i](std::optional<ContactCard> card) {
-            read[i] = std::move(card);
+    for (auto& entry : wanted) {
+        m_list->card(entry.cardID, [&entry, &answered](std::optional<ContactCard> card) {
+            entry.card = std::move(card);
             ++answered;
         });
     }
-    waitUntil([&] { return answered == ids.size(); });
+    waitUntil([&] { return answered == wanted.size(); });
 
-    // Which account holds each card, and which is primary, as the last read said.
-    std::map<std::string, const Person*> rawByID;
-    for (const auto& raw : m_list->raw()) {
-        rawByID[raw->id] = raw.get();
+    // Which account holds each card, and which is primary, as the last read
+    // said; worked out once per reading of the address book.
+    if (m_rawVersion != m_list->peopleVersion() || m_rawByID.empty()) {
+        m_rawByID.clear();
+        for (const auto& raw : m_list->raw()) {
+            m_rawByID[raw->id] = raw;
+        }
+        m_rawVersion = m_list->peopleVersion();
     }
-    std::vector<ShownCard> shown;
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        if (!read[i]) {
+    std::vector<std::vector<ShownCard>> shown(people.size());
+    for (auto& entry : wanted) {
+        if (!entry.card) {
             continue;
         }
-        ShownCard card{std::move(*read[i]), {}, false};
-        if (const auto raw = rawByID.find(ids[i]); raw != rawByID.end()) {
+        ShownCard card{std::move(*entry.card), {}, false};
+        if (const auto raw = m_rawByID.find(entry.cardID); raw != m_rawByID.end()) {
             card.accountID =
                 raw->second->accountIDs.empty() ? std::string() : raw->second->accountIDs.front();
             card.primary = raw->second->isPrimaryCard;
         }
-        shown.push_back(std::move(card));
+        shown[entry.person].push_back(std::move(card));
     }
     return shown;
 }

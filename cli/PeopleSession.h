@@ -12,10 +12,12 @@
 #include "cli/PeopleOutput.h"
 #include "cli/ToolOptions.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace kinbook {
@@ -77,6 +79,8 @@ public:
 
     // The person's cards in full, leading card first, with their accounts.
     std::vector<ShownCard> cards(const Person& person);
+    // The same for several people, read side by side.
+    std::vector<std::vector<ShownCard>> cards(const std::vector<const Person*>& people);
 
     // Ends a command that succeeded, its output written: when nothing is left
     // to save, the process ends here at once, without taking the list apart.
@@ -101,6 +105,9 @@ private:
     std::shared_ptr<VdirAddressBook> m_addressBook;
     std::shared_ptr<SnapshotCache> m_cache;
     std::unique_ptr<PeopleList> m_list;
+    // Card id to its raw person, for the account each card is in.
+    std::unordered_map<std::string, PersonPtr> m_rawByID;
+    std::uint64_t m_rawVersion = 0;
 };
 
 } // namespace kinbook::cli

@@ -16,7 +16,9 @@
 #   WORK=/tmp/kinbook-bench    where the generated vdirs and the tool's
 #                              isolated cache and state live (reused)
 #   MICRO=1                    also run the microbenchmarks (text folding,
-#                              LZFSE, vCard parsing, card scanning, change scan)
+#                              LZFSE, vCard parsing, card scanning, change
+#                              scan, the people list's sort orders, search
+#                              keystrokes and snapshot cache)
 set -euo pipefail
 export LC_ALL=C
 
