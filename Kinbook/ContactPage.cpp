@@ -1,6 +1,7 @@
 #include "Kinbook/ContactPage.h"
 
 #include "Kinbook/CirclePicker.h"
+#include "Kinbook/PeopleTableModel.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/LinkService.h"
@@ -156,13 +157,46 @@ void ContactPage::showCard(const ContactCard& card) {
 
 void ContactPage::showPicture(const QImage& picture) {
     m_pictureImage = picture;
-    rebuildFields();
+    drawPicture();
 }
 
 QString ContactPage::formerMenuText(const QString& label) {
     const std::string stored = utf8(label);
     return ExLabel::isFormer(stored) ? qt(ExLabel::markAsCurrentTitle)
                                      : qt(ExLabel::markAsFormerTitle(stored));
+}
+
+// The picture, round, or the initials on a disc.
+void ContactPage::drawPicture() {
+    if (!m_person) {
+        return;
+    }
+    const int side = qRound(kPictureSize * devicePixelRatio());
+    QPixmap picture(side, side);
+    picture.setDevicePixelRatio(devicePixelRatio());
+    picture.fill(Qt::transparent);
+    {
+        QPainter painter(&picture);
+        painter.setRenderHint(QPainter::Antialiasing);
+        const QRectF disc(0, 0, kPictureSize, kPictureSize);
+        if (!m_pictureImage.isNull()) {
+            QPainterPath clip;
+            clip.addEllipse(disc);
+            painter.setClipPath(clip);
+            painter.drawImage(disc, m_pictureImage);
+        } else {
+            painter.setPen(Qt::NoPen);
+            painter.setBrush(palette().color(QPalette::Mid));
+            painter.drawEllipse(disc);
+            QFont font = this->font();
+            font.setPointSizeF(font.pointSizeF() * 1.8);
+            font.setBold(true);
+            painter.setFont(font);
+            painter.setPen(Qt::white);
+            painter.drawText(disc, Qt::AlignCenter, initialsOf(*m_person));
+        }
+    }
+    m_picture->setPixmap(picture);
 }
 
 void ContactPage::rebuildFields() {
@@ -198,36 +232,7 @@ void ContactPage::rebuildFields() {
     m_details->setVisible(!m_details->text().isEmpty());
     m_work->setVisible(!m_work->text().isEmpty());
 
-    // The picture, round, or the initials.
-    const int side = qRound(kPictureSize * devicePixelRatio());
-    QPixmap picture(side, side);
-    picture.setDevicePixelRatio(devicePixelRatio());
-    picture.fill(Qt::transparent);
-    {
-        QPainter painter(&picture);
-        painter.setRenderHint(QPainter::Antialiasing);
-        const QRectF disc(0, 0, kPictureSize, kPictureSize);
-        if (!m_pictureImage.isNull()) {
-            QPainterPath clip;
-            clip.addEllipse(disc);
-            painter.setClipPath(clip);
-            painter.drawImage(disc, m_pictureImage);
-        } else {
-            painter.setPen(Qt::NoPen);
-            painter.setBrush(palette().color(QPalette::Mid));
-            painter.drawEllipse(disc);
-            QFont font = this->font();
-            font.setPointSizeF(font.pointSizeF() * 1.8);
-            font.setBold(true);
-            painter.setFont(font);
-            painter.setPen(Qt::white);
-            const QString initials = QString::fromStdString(person.givenName).left(1).toUpper() +
-                                     QString::fromStdString(person.familyName).left(1).toUpper();
-            painter.drawText(disc, Qt::AlignCenter,
-                             initials.isEmpty() ? qt(person.displayName()).left(1).toUpper() : initials);
-        }
-    }
-    m_picture->setPixmap(picture);
+    drawPicture();
 
     // Keep the row the keyboard is on, by its entry, across a rebuild.
     const QString currentEntry = m_fields->currentItem() != nullptr

@@ -79,6 +79,7 @@ Q_SIGNALS:
 
 private:
     void rebuildFields();
+    void drawPicture();
     void showEntryMenu(const QPoint& position);
 
     std::optional<Person> m_person;

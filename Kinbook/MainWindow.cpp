@@ -418,6 +418,9 @@ void MainWindow::refreshPage() {
     for (const Account& account : m_list.accounts()) {
         accountNames[account.id] = account.name;
     }
+    if (person->id != m_pagePictureID) {
+        m_pagePictureBytes.reset();
+    }
     m_page->showPerson(*person, accountNames);
     m_page->circlePicker()->setPerson(person->circle, m_list.circleCounts(), std::nullopt);
     if (const ContactCard* card = m_list.cachedCard(person->id)) {
@@ -431,7 +434,12 @@ void MainWindow::showPagePicture() {
     if (!person || !person->hasImage) {
         return;
     }
-    if (const auto bytes = m_list.thumbnail(person->id)) {
+    // Thumbnails arrive in batches for the rows; the page's own is decoded
+    // once, and again only when its bytes change.
+    const auto bytes = m_list.thumbnail(person->id);
+    if (bytes && (bytes != m_pagePictureBytes || person->id != m_pagePictureID)) {
+        m_pagePictureBytes = bytes;
+        m_pagePictureID = person->id;
         m_page->showPicture(ThumbnailImages::decodeSquare(*bytes, kPagePicturePixels));
     }
 }

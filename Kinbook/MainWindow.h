@@ -136,6 +136,9 @@ private:
 
     bool m_showHeadings = true;
     std::string m_pagePersonID; // the person the page shows
+    // The thumbnail the page's picture was made from.
+    std::shared_ptr<const std::vector<std::uint8_t>> m_pagePictureBytes;
+    std::string m_pagePictureID;
     std::uint64_t m_scrollToTopToken = 0;
     std::uint64_t m_peopleVersion = 0;
 };
