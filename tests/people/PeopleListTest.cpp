@@ -63,7 +63,7 @@ public:
     void stop() override { m_onChange = nullptr; }
     void fire() {
         if (m_onChange) {
-            m_executor->post(m_onChange);
+            m_executor->post([onChange = m_onChange] { onChange(FolderChange{{}, true}); });
         }
     }
     bool watching() const { return m_onChange != nullptr; }
