@@ -205,7 +205,10 @@ QWidget* MainWindow::buildStatePane() {
     m_stateText->setObjectName("StateText");
     m_stateText->setWordWrap(true);
     m_stateText->setAlignment(Qt::AlignCenter);
+    // A wrapped label is only as tall as the layout asks; in a centred
+    // column of its own width it gets the height its lines need.
     m_stateText->setMaximumWidth(560);
+    m_stateText->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::MinimumExpanding);
     m_stateText->setTextInteractionFlags(Qt::TextSelectableByMouse);
     m_stateButton = new QPushButton;
     m_stateButton->setObjectName("StateButton");
@@ -217,7 +220,11 @@ QWidget* MainWindow::buildStatePane() {
         }
     });
     layout->addWidget(m_stateTitle);
-    layout->addWidget(m_stateText, 0, Qt::AlignHCenter);
+    auto* textRow = new QHBoxLayout;
+    textRow->addStretch(1);
+    textRow->addWidget(m_stateText, 4);
+    textRow->addStretch(1);
+    layout->addLayout(textRow);
     layout->addSpacing(12);
     layout->addWidget(m_stateButton, 0, Qt::AlignHCenter);
     layout->addStretch(2);
