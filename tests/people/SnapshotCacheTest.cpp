@@ -202,6 +202,32 @@ TEST(SnapshotCacheDecode, DamagedBytesNeverCrashIt) {
     EXPECT_LT(decoded, tried / 2);
 }
 
+// A large address book is decoded in two halves at once; each person must
+// land in their own place, and damage in either half spoils the whole read.
+TEST(SnapshotCacheDecode, ALargeBookReadsBackInOrderAndDamageInEitherHalfIsNone) {
+    AddressBookSnapshot snapshot = sampleSnapshot();
+    for (int i = 0; i < 6000; ++i) {
+        auto person = samplePerson("card-" + std::to_string(i + 3));
+        person.givenName = "Person " + std::to_string(i);
+        person.derive();
+        snapshot.people.push_back(std::move(person));
+    }
+    const auto whole = SnapshotCache::encode(snapshot);
+    ASSERT_TRUE(whole.has_value());
+    const auto decoded = SnapshotCache::decode(*whole);
+    ASSERT_TRUE(decoded.has_value());
+    EXPECT_EQ(*decoded, snapshot);
+
+    for (const std::string id : {"card-10", "card-5999"}) {
+        auto damaged = *whole;
+        // The person keeps valid JSON but loses a field every person has.
+        const auto at = damaged.find("\"id\":\"" + id + "\"");
+        ASSERT_NE(at, std::string::npos);
+        damaged.replace(at, 4, "\"xx\"");
+        EXPECT_EQ(SnapshotCache::decode(damaged), std::nullopt) << id;
+    }
+}
+
 TEST_F(SnapshotCacheTest, PeopleStoredWithoutKeysGetThemWorkedOutAndUnknownCirclesReadAsNone) {
     const auto person = samplePerson("card-1");
     auto json = person.toJSON();
