@@ -2,6 +2,7 @@
 
 #include "KinbookKit/people/Sections.h"
 #include "KinbookKit/records/Person.h"
+#include "KinbookKit/records/PersonJsonWriter.h"
 
 #include <cstdio>
 #include <span>
@@ -21,12 +22,5 @@ namespace kinbook::cli {
 //     {"id":"…","givenName":"Ann",…},
 //     {"id":"…",…}]}]}
 void writeSectionsJson(std::FILE* stream, std::span<const Section> sections, int matchCount);
-
-// Appends one person's JSON object.
-void appendPersonJson(std::string& out, const Person& person);
-
-// Appends text as a JSON string; bytes that are not valid UTF-8 are replaced
-// by U+FFFD so that the output is always valid JSON.
-void appendJsonString(std::string& out, std::string_view text);
 
 } // namespace kinbook::cli

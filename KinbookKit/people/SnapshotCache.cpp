@@ -2,6 +2,7 @@
 
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/records/Iso8601.h"
+#include "KinbookKit/records/PersonJsonWriter.h"
 #include "KinbookKit/text/Base64.h"
 
 #include <fcntl.h>
@@ -46,7 +47,7 @@ public:
             if (i > 0) {
                 m_out += ',';
             }
-            person(snapshot.people[i]);
+            appendPersonJson(m_out, snapshot.people[i], InvalidUTF8::copy);
         }
         m_out += "],\"accounts\":[";
         for (std::size_t i = 0; i < snapshot.accounts.size(); ++i) {
@@ -72,72 +73,6 @@ public:
     }
 
 private:
-    void person(const Person& person) {
-        m_out += "{\"id\":";
-        string(person.id);
-        field("givenName", person.givenName);
-        field("middleName", person.middleName);
-        field("familyName", person.familyName);
-        field("nickname", person.nickname);
-        field("organization", person.organization);
-        field("jobTitle", person.jobTitle);
-        field("department", person.department);
-        field("phoneNumbers", person.phoneNumbers);
-        field("emailAddresses", person.emailAddresses);
-        field("accountIDs", person.accountIDs);
-        field("hasImage", person.hasImage);
-        field("postalCodes", person.postalCodes);
-        field("places", person.places);
-        key("filledCount");
-        number(person.filledCount);
-        field("detailed", person.detailed);
-        if (person.kinID) {
-            field("kinID", *person.kinID);
-        }
-        field("hidden", person.hidden);
-        if (person.circle) {
-            key("circle");
-            number(rawValue(*person.circle));
-        }
-        field("isPrimaryCard", person.isPrimaryCard);
-        field("memberIDs", person.memberIDs);
-        const PersonKeys& keys = person.keys();
-        field("displayName", keys.displayName);
-        field("sortKey", keys.sortKey);
-        field("sectionLetter", keys.sectionLetter);
-        field("firstNameSortKey", keys.firstNameSortKey);
-        field("firstNameSectionLetter", keys.firstNameSectionLetter);
-        field("areaCodes", keys.areaCodes);
-        field("searchText", keys.searchText);
-        field("phoneDigits", keys.phoneDigits);
-        m_out += '}';
-    }
-
-    void key(std::string_view name) {
-        m_out += ",\"";
-        m_out += name;
-        m_out += "\":";
-    }
-    void field(std::string_view name, const std::string& value) {
-        key(name);
-        string(value);
-    }
-    void field(std::string_view name, bool value) {
-        key(name);
-        m_out += value ? "true" : "false";
-    }
-    void field(std::string_view name, const std::vector<std::string>& values) {
-        key(name);
-        m_out += '[';
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            if (i > 0) {
-                m_out += ',';
-            }
-            string(values[i]);
-        }
-        m_out += ']';
-    }
-
     template <typename Number>
     void number(Number value) {
         // The shortest text that reads back as the same number.
@@ -146,52 +81,9 @@ private:
         m_out.append(buffer.data(), result.ptr);
     }
 
-    // A JSON string. Bytes from 0x80 up are copied as they are; the whole
-    // file is checked for valid UTF-8 once it is written.
-    void string(std::string_view text) {
-        static constexpr char kHex[] = "0123456789abcdef";
-        m_out += '"';
-        std::size_t runStart = 0;
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            const auto byte = static_cast<unsigned char>(text[i]);
-            if (byte >= 0x20 && byte != '"' && byte != '\\') {
-                continue;
-            }
-            m_out.append(text.data() + runStart, i - runStart);
-            runStart = i + 1;
-            m_out += '\\';
-            switch (byte) {
-            case '"':
-                m_out += '"';
-                break;
-            case '\\':
-                m_out += '\\';
-                break;
-            case '\n':
-                m_out += 'n';
-                break;
-            case '\r':
-                m_out += 'r';
-                break;
-            case '\t':
-                m_out += 't';
-                break;
-            case '\b':
-                m_out += 'b';
-                break;
-            case '\f':
-                m_out += 'f';
-                break;
-            default:
-                m_out += "u00";
-                m_out += kHex[byte >> 4];
-                m_out += kHex[byte & 0xf];
-                break;
-            }
-        }
-        m_out.append(text.data() + runStart, text.size() - runStart);
-        m_out += '"';
-    }
+    // Bytes from 0x80 up are copied as they are; the whole file is checked
+    // for valid UTF-8 once it is written.
+    void string(std::string_view text) { appendJsonString(m_out, text, InvalidUTF8::copy); }
 
     std::string& m_out;
 };
