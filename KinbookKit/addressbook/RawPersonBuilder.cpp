@@ -293,7 +293,8 @@ void RawPersonBuilder::addPhoto(bool hasInlineData) {
 }
 
 RawPersonBuilder::RawPersonBuilder(bool details, Lists& reused) : m_details(details), m_lists(&reused) {
-    for (auto* list : {&reused.phones, &reused.emails, &reused.postalCodes, &reused.places, &reused.anchors}) {
+    for (auto* list :
+         {&reused.phones, &reused.emails, &reused.postalCodes, &reused.places, &reused.anchors}) {
         list->clear();
     }
 }
