@@ -387,7 +387,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     std::uint64_t ticket = 0;
     if (token != nullptr) {
         std::lock_guard lock(m_mutex);
-        ticket = m_journal->surveyTicket();
+        ticket = journal().surveyTicket();
     }
     // The people are read into slots made beforehand. While the folders are
     // listed, another thread makes as many as the last read found (and room
@@ -409,7 +409,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         std::lock_guard lock(m_mutex);
         m_index = CardIndex();
         if (token != nullptr) {
-            *token = m_journal->currentToken();
+            *token = journal().currentToken();
         }
         return {};
     }
@@ -562,7 +562,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
                                     hasCard ? std::string_view(people[i].id) : std::string_view(),
                                     stamps[i].inode, stamps[i].size, stamps[i].mtimeNs});
         }
-        *token = m_journal->tokenAfterSurvey(survey, ticket);
+        *token = journal().tokenAfterSurvey(survey, ticket);
     }
     for (auto& [i, id] : renamed) {
         people[i].id = std::move(id);
@@ -642,7 +642,7 @@ VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
     ChangeSet changes;
     {
         std::lock_guard lock(m_mutex);
-        changes = m_journal->changesSince(std::vector<std::uint8_t>(token.begin(), token.end()));
+        changes = journal().changesSince(std::vector<std::uint8_t>(token.begin(), token.end()));
     }
     AddressBookChanges result;
     if (changes.dropEverything()) {
@@ -842,7 +842,7 @@ Result<VdirAddressBook::EditStatus, AddressBookError> VdirAddressBook::editOnce(
     }
     auto written = VCard::parse(bytes);
     std::lock_guard lock(m_mutex);
-    m_journal->recordWrite(id, loaded->file.accountID, loaded->file.path);
+    journal().recordWrite(id, loaded->file.accountID, loaded->file.path);
     if (written.ok()) {
         recordWrittenEntries(card, applied->entryIDs.empty() ? kept : applied.value(), written.value(), id,
                              m_entries);
@@ -887,7 +887,7 @@ VdirAddressBook::createCard(const std::string& accountID, std::string_view bytes
     }
     std::lock_guard lock(m_mutex);
     m_index.set(uid, accountIndex(accountID), path.filename().native());
-    m_journal->recordWrite(uid, accountID, path);
+    journal().recordWrite(uid, accountID, path);
     return uid;
 }
 
@@ -1048,7 +1048,7 @@ Result<void, AddressBookError> VdirAddressBook::deleteLoaded(const std::string& 
             fmt::format("Couldn't delete {}: {}", loaded.file.path.string(), std::strerror(errno))));
     }
     std::lock_guard lock(m_mutex);
-    m_journal->recordDelete(cardID, loaded.file.path);
+    journal().recordDelete(cardID, loaded.file.path);
     m_entries.forget(cardID);
     m_index.erase(cardID);
     return {};
@@ -1354,11 +1354,10 @@ Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,
     auto started = m_options.watcher->start(
         m_options.root, executor, [this, onChange = std::move(onChange)](const FolderChange& change) {
             {
-                std::lock_guard lock(m_mutex);
-                if (change.unnamed) {
-                    m_journal->unnamedChanges();
-                } else {
-                    m_journal->filesChanged(change.files);
+                std::lock_guard lock(m_noticeMutex);
+                m_notices.unnamed = m_notices.unnamed || change.unnamed;
+                if (!change.unnamed) {
+                    m_notices.files.insert(m_notices.files.end(), change.files.begin(), change.files.end());
                 }
             }
             onChange();
@@ -1369,15 +1368,29 @@ Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,
     // Only now is every change named; the next scan still covers the time
     // before the watch began.
     std::lock_guard lock(m_mutex);
-    m_journal->followNamedChanges(true);
+    journal().followNamedChanges(true);
     return {};
+}
+
+ChangeJournal& VdirAddressBook::journal() {
+    FolderChange notices;
+    {
+        std::lock_guard lock(m_noticeMutex);
+        notices = std::exchange(m_notices, FolderChange{});
+    }
+    if (notices.unnamed) {
+        m_journal->unnamedChanges();
+    } else if (!notices.files.empty()) {
+        m_journal->filesChanged(notices.files);
+    }
+    return *m_journal;
 }
 
 void VdirAddressBook::stopObserving() {
     if (m_options.watcher) {
         m_options.watcher->stop();
         std::lock_guard lock(m_mutex);
-        m_journal->followNamedChanges(false);
+        journal().followNamedChanges(false);
     }
 }
 

@@ -158,6 +158,9 @@ private:
     bool nameLinksToNotedCard(const ContactDraft& draft);
     ContactsAppScript& contactsApp();
     void restoreHeldNotesOnce();
+    // The journal, told first of the watcher's notices that came since it
+    // was last used. Call with m_mutex held.
+    ChangeJournal& journal();
 
     Options m_options;
     std::shared_ptr<KinLog> m_log;
@@ -169,6 +172,13 @@ private:
     std::unique_ptr<ChangeJournal> m_journal;
     EntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex
+
+    // Notices wait here until the journal is next used. A notice arrives on
+    // the caller's executor (the window's main thread); a scan holds m_mutex
+    // for a large address book's whole stat pass, and the notice must not
+    // wait for it.
+    std::mutex m_noticeMutex; // guards m_notices only; never held while taking m_mutex
+    FolderChange m_notices;
 
     NoteGuard m_noteGuard;
     std::once_flag m_recoveryOnce;
