@@ -889,8 +889,12 @@ void PeopleList::startIndex() {
             m_index = std::move(built.index);
             m_visibleIndex = std::move(built.visible);
             // Lists made before the index lack positions; they are made again on demand.
+            // So is the last result: a search narrowing it would pass the index by.
             m_descendingIndex.clear();
             m_filtered.clear();
+            if (m_lastSearch && !m_lastSearch->positions) {
+                m_lastSearch.reset();
+            }
             placePastJobs();
             m_log->info(fmt::format("index: {} sorts in {} ms", m_index.size(), built.milliseconds));
             notify(Change::index);

@@ -733,6 +733,29 @@ TEST_F(PeopleListShownTest, SearchAnswersTheSameBeforeAndAfterTheIndexIsBuilt) {
                           {"BOB-1"}, {"BOB-1"}, {"BOB-1", "DAN-1"}, {"DAN-1"}, {"BOB-1"}, {"BOB-1"}}));
 }
 
+// The list first shown (hidden people make it a filtered one) is made
+// before the index; the first keystroke after the index arrives must not
+// narrow that result, which knows nothing of the index.
+TEST_F(PeopleListShownTest, TheFirstSearchAfterTheIndexArrivesUsesIt) {
+    auto list = makeList();
+    loadAndWait(*list);
+    list->refetch({"BOB-1"});
+    while (!list->isIndexing()) {
+        m_background.runUntilIdle();
+        m_main.runUntilIdle();
+    }
+    list->setSearchText("");
+    ASSERT_TRUE(list->lastSearch().has_value());
+    EXPECT_EQ(list->lastSearch()->positions, nullptr);
+    run();
+    ASSERT_FALSE(list->isIndexing());
+
+    list->setSearchText("s");
+    EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"ANN-1", "BOB-1"}));
+    ASSERT_TRUE(list->lastSearch().has_value());
+    EXPECT_NE(list->lastSearch()->positions, nullptr);
+}
+
 TEST_F(PeopleListShownTest, TypingSettlesBeforeTheListIsSearched) {
     auto list = makeList();
     loadAndWait(*list);
