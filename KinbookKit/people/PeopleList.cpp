@@ -768,6 +768,9 @@ void PeopleList::applyUpdate(std::shared_ptr<const RawUpdate> update, std::funct
                 return;
             }
             install(*update, std::move(prepared));
+            // The people just replaced may be the last hold on a whole read:
+            // freeing 100,000 people is not the main thread's work.
+            m_background.post([replaced = std::move(base), read = std::move(update)] {});
             if (then) {
                 then();
             }
