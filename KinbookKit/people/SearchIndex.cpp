@@ -1,5 +1,6 @@
 #include "KinbookKit/people/SearchIndex.h"
 
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -20,6 +21,25 @@ std::size_t slotOf(const Person* person, std::size_t mask) {
 bool occursIn(std::string_view haystack, std::string_view needle) {
     return findBytes(haystack, needle) != std::string_view::npos;
 }
+
+// The bit of each byte a folded search text is mostly made of: the
+// lowercase letters, the digits and the punctuation of addresses and
+// numbers. Other bytes have none and constrain nothing.
+constexpr std::array<std::uint64_t, 256> kLetterBits = [] {
+    std::array<std::uint64_t, 256> bits{};
+    int next = 0;
+    const auto give = [&](unsigned char byte) { bits[byte] = std::uint64_t{1} << next++; };
+    for (unsigned char c = 'a'; c <= 'z'; ++c) {
+        give(c);
+    }
+    for (unsigned char c = '0'; c <= '9'; ++c) {
+        give(c);
+    }
+    for (const unsigned char c : {' ', '.', '@', '-', '+', ',', '\'', '/', '(', ')', '_', '\n'}) {
+        give(c);
+    }
+    return bits;
+}();
 
 } // namespace
 
@@ -81,6 +101,10 @@ SearchIndex::SearchIndex(std::span<const PersonPtr> people) {
         m_text.push_back('\0');
     }
     m_starts.push_back(static_cast<std::uint32_t>(m_text.size()));
+    m_letters.reserve(people.size());
+    for (std::uint32_t position = 0; position < m_people.size(); ++position) {
+        m_letters.push_back(lettersOf(searchText(position)));
+    }
 
     m_slots.assign(std::bit_ceil(people.size() * 2 + 2), {nullptr, 0});
     const std::size_t mask = m_slots.size() - 1;
@@ -93,6 +117,14 @@ SearchIndex::SearchIndex(std::span<const PersonPtr> people) {
             m_slots[slot] = {m_people[position], position};
         }
     }
+}
+
+std::uint64_t SearchIndex::lettersOf(std::string_view text) {
+    std::uint64_t letters = 0;
+    for (const char c : text) {
+        letters |= kLetterBits[static_cast<unsigned char>(c)];
+    }
+    return letters;
 }
 
 std::string_view SearchIndex::searchText(std::uint32_t position) const {
@@ -155,8 +187,14 @@ void SearchIndex::match(const SearchQuery& query, std::span<const std::uint32_t>
                         std::span<const std::string* const> pastJobs,
                         std::vector<std::uint8_t>& matched) const {
     const std::string_view whole = query.wholeBytes();
-    // A NUL in the query could match across two people's texts in the block.
-    const bool onePass = everyone && !whole.empty() && whole.find('\0') == std::string_view::npos;
+    // A one-letter query is answered by the letters each text holds. A
+    // longer one is looked for in one pass over everyone's text, or, for a
+    // few candidates, in the texts that hold all its letters. (A NUL in the
+    // query could match across two people's texts in the block.)
+    const std::uint64_t needed = lettersOf(whole);
+    const bool byLetterAlone = whole.size() == 1 && needed != 0;
+    const bool onePass =
+        everyone && !byLetterAlone && !whole.empty() && whole.find('\0') == std::string_view::npos;
     if (onePass) {
         std::size_t from = 0;
         std::uint32_t position = 0;
@@ -182,7 +220,8 @@ void SearchIndex::match(const SearchQuery& query, std::span<const std::uint32_t>
         if (matched[position] != 0) {
             return;
         }
-        if (!onePass && occursIn(searchText(position), whole)) {
+        if (!onePass && (m_letters[position] & needed) == needed &&
+            (byLetterAlone || occursIn(searchText(position), whole))) {
             matched[position] = 1;
             return;
         }

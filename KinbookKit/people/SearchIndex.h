@@ -46,11 +46,18 @@ public:
                std::span<const std::string* const> pastJobs, std::vector<std::uint8_t>& matched) const;
 
 private:
+    // Which of the bytes letterBit() knows occur in a text, one bit each.
+    static std::uint64_t lettersOf(std::string_view text);
+
     bool matchesWords(const SearchQuery& query, std::uint32_t position, const std::string* pastJobs) const;
 
     std::vector<const Person*> m_people;
     std::string m_text;                  // every search text, each followed by a NUL
     std::vector<std::uint32_t> m_starts; // where each text begins; one more at the end
+    // For each person, lettersOf(search text): a text lacking a byte of the
+    // query is passed over without being read, and a one-letter query is
+    // answered by the bit alone.
+    std::vector<std::uint64_t> m_letters;
     // Open addressing from a person's address to its position.
     std::vector<std::pair<const Person*, std::uint32_t>> m_slots;
 };
