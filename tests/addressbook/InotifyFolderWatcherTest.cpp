@@ -39,6 +39,9 @@ protected:
         auto started = m_watcher.start(m_folder.path(), m_executor, record());
         ASSERT_TRUE(started.ok()) << started.error();
     }
+    // The watcher's thread may be delivering a notice into the members below
+    // it, which go before it does.
+    void TearDown() override { m_watcher.stop(); }
 
     FolderWatcher::Callback record() {
         return [this](const FolderChange& change) {
