@@ -46,7 +46,8 @@ public:
                std::span<const std::string* const> pastJobs, std::vector<std::uint8_t>& matched) const;
 
 private:
-    // Which of the bytes letterBit() knows occur in a text, one bit each.
+    // Which of the bytes that have a bit of their own (lowercase letters,
+    // digits, common punctuation) occur in a text.
     static std::uint64_t lettersOf(std::string_view text);
 
     bool matchesWords(const SearchQuery& query, std::uint32_t position, const std::string* pastJobs) const;
@@ -54,9 +55,9 @@ private:
     std::vector<const Person*> m_people;
     std::string m_text;                  // every search text, each followed by a NUL
     std::vector<std::uint32_t> m_starts; // where each text begins; one more at the end
-    // For each person, lettersOf(search text): a text lacking a byte of the
-    // query is passed over without being read, and a one-letter query is
-    // answered by the bit alone.
+    // For each person, lettersOf(search text): a candidate whose text lacks
+    // a byte of the query is passed over without being read, and a one-letter
+    // query is answered by the bit alone.
     std::vector<std::uint64_t> m_letters;
     // Open addressing from a person's address to its position.
     std::vector<std::pair<const Person*, std::uint32_t>> m_slots;
