@@ -1,7 +1,9 @@
 #include "KinbookKit/people/SnapshotCache.h"
 
 #include "KinbookKit/AtomicFile.h"
+#include "KinbookKit/SideBySide.h"
 #include "KinbookKit/records/Iso8601.h"
+#include "KinbookKit/records/PersonJsonReader.h"
 #include "KinbookKit/records/PersonJsonWriter.h"
 #include "KinbookKit/text/Base64.h"
 
@@ -17,7 +19,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <span>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -94,126 +95,15 @@ private:
 // for it.
 using simdjson::SUCCESS;
 
-// Sets `out` to the JSON string whose text starts at `raw`, just past its opening
-// quote, undoing its escapes. Strings are read this way rather than through
-// the parser's own buffer: at 100,000 people that buffer would be tens of
-// megabytes of fresh memory, touched once. The parser has checked that the
-// string is closed, holds valid UTF-8 and no raw control characters; the
-// escapes are checked here.
-bool appendString(const char* raw, std::string& out) {
-    const auto hexValue = [](char c) -> int {
-        if (c >= '0' && c <= '9') {
-            return c - '0';
-        }
-        if (c >= 'a' && c <= 'f') {
-            return c - 'a' + 10;
-        }
-        if (c >= 'A' && c <= 'F') {
-            return c - 'A' + 10;
-        }
-        return -1;
-    };
-    const auto readHex4 = [&](const char*& at, std::uint32_t& value) {
-        value = 0;
-        for (int i = 0; i < 4; ++i) {
-            const int digit = hexValue(*at);
-            if (digit < 0) {
-                return false;
-            }
-            value = value * 16 + static_cast<std::uint32_t>(digit);
-            ++at;
-        }
-        return true;
-    };
-    const char* at = raw;
-    while (*at != '"' && *at != '\\') {
-        ++at;
-    }
-    // Most strings have no escapes: one copy of the right size.
-    out.assign(raw, at);
-    for (;;) {
-        if (*at == '"') {
-            return true;
-        }
-        ++at; // the backslash
-        switch (*at++) {
-        case '"':
-            out += '"';
-            break;
-        case '\\':
-            out += '\\';
-            break;
-        case '/':
-            out += '/';
-            break;
-        case 'b':
-            out += '\b';
-            break;
-        case 'f':
-            out += '\f';
-            break;
-        case 'n':
-            out += '\n';
-            break;
-        case 'r':
-            out += '\r';
-            break;
-        case 't':
-            out += '\t';
-            break;
-        case 'u': {
-            std::uint32_t code = 0;
-            if (!readHex4(at, code)) {
-                return false;
-            }
-            if (code >= 0xdc00 && code <= 0xdfff) {
-                return false; // a second half without its first
-            }
-            if (code >= 0xd800 && code <= 0xdbff) {
-                std::uint32_t low = 0;
-                if (at[0] != '\\' || at[1] != 'u') {
-                    return false;
-                }
-                at += 2;
-                if (!readHex4(at, low) || low < 0xdc00 || low > 0xdfff) {
-                    return false;
-                }
-                code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
-            }
-            if (code < 0x80) {
-                out += static_cast<char>(code);
-            } else if (code < 0x800) {
-                out += static_cast<char>(0xc0 | (code >> 6));
-                out += static_cast<char>(0x80 | (code & 0x3f));
-            } else if (code < 0x10000) {
-                out += static_cast<char>(0xe0 | (code >> 12));
-                out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
-                out += static_cast<char>(0x80 | (code & 0x3f));
-            } else {
-                out += static_cast<char>(0xf0 | (code >> 18));
-                out += static_cast<char>(0x80 | ((code >> 12) & 0x3f));
-                out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
-                out += static_cast<char>(0x80 | (code & 0x3f));
-            }
-            break;
-        }
-        default:
-            return false;
-        }
-        const char* run = at;
-        while (*at != '"' && *at != '\\') {
-            ++at;
-        }
-        out.append(run, at);
-    }
-}
-
+// Strings are taken from the file's own bytes rather than through the
+// parser's string buffer: at 100,000 people that buffer would be tens of
+// megabytes of fresh memory, touched once.
 bool readString(ondemand::value& value, std::string& out) {
     ondemand::raw_json_string raw;
     if (value.get_raw_json_string().get(raw) != SUCCESS) {
         return false;
     }
-    return appendString(raw.raw(), out);
+    return readJsonString(raw.raw(), out) != nullptr;
 }
 
 bool readStrings(ondemand::value& value, std::vector<std::string>& out) {
@@ -230,7 +120,7 @@ bool readStrings(ondemand::value& value, std::vector<std::string>& out) {
     const auto takeFound = [&] {
         out.reserve(out.size() + count);
         for (std::size_t i = 0; i < count; ++i) {
-            if (!appendString(found[i], out.emplace_back())) {
+            if (readJsonString(found[i], out.emplace_back()) == nullptr) {
                 return false;
             }
         }
@@ -579,16 +469,10 @@ bool readPeople(ondemand::array& array, const char* end, std::vector<Person>& pe
         return decodePeople(all, end, people);
     }
     const std::size_t half = texts.size() / 2;
+    bool lowerRead = false;
     bool upperRead = false;
-    std::thread other;
-    try {
-        other = std::thread(
-            [&] { upperRead = decodePeople(all.subspan(half), end, std::span(people).subspan(half)); });
-    } catch (const std::system_error&) {
-        return decodePeople(all, end, people); // no thread to be had: one does it all
-    }
-    const bool lowerRead = decodePeople(all.first(half), end, std::span(people).first(half));
-    other.join();
+    runSideBySide([&] { lowerRead = decodePeople(all.first(half), end, std::span(people).first(half)); },
+                  [&] { upperRead = decodePeople(all.subspan(half), end, std::span(people).subspan(half)); });
     return lowerRead && upperRead;
 }
 
@@ -668,7 +552,8 @@ bool readSnapshot(ondemand::value& value, const char* end, AddressBookSnapshot& 
     return hasPeople && hasAccounts;
 }
 
-std::optional<AddressBookSnapshot> decodeFile(simdjson::padded_string_view json) {
+// Any JSON with the snapshot's fields, in any order and layout.
+std::optional<AddressBookSnapshot> decodeAnyFile(simdjson::padded_string_view json) {
     ondemand::parser parser;
     ondemand::document document;
     if (parser.iterate(json).get(document) != SUCCESS) {
@@ -705,6 +590,111 @@ std::optional<AddressBookSnapshot> decodeFile(simdjson::padded_string_view json)
         return std::nullopt;
     }
     return snapshot;
+}
+
+// What the writer puts before the first person.
+constexpr std::string_view kWrittenHead = "{\"format\":10,\"snapshot\":{\"people\":[";
+// Where one written person ends and the next begins. Outside a string a
+// quote is never escaped, and inside one every quote is: in valid JSON this
+// text only ever stands between two objects of a list.
+constexpr std::string_view kBetweenPeople = "},{\"id\":\"";
+// Below this size one thread reads the whole list.
+constexpr std::size_t kBytesForTwoThreads = std::size_t{2} << 20;
+// A person takes 700 to 1,000 bytes as written; the list is made for that
+// many up front, and grows like any list if there are more.
+constexpr std::size_t kTypicalPersonBytes = 700;
+
+// Reads written people one after another from `at`, until the comma at
+// `stop` or the bracket that closes the list. Returns where it ended: `stop`,
+// or just past the bracket; null when a person is not as written.
+const char* readWrittenPeople(const char* at, const char* stop, std::vector<Person>& people) {
+    if (*at == ']') {
+        return at + 1;
+    }
+    for (;;) {
+        at = readWrittenPerson(at, people.emplace_back());
+        if (at == nullptr || at == stop) {
+            return at;
+        }
+        if (*at == ']') {
+            return at + 1;
+        }
+        if (*at != ',') {
+            return nullptr;
+        }
+        ++at;
+    }
+}
+
+// The file exactly as this program writes it, read without a JSON parser
+// walking every person: the list of people is read by hand, in two halves
+// side by side when it is large, and what follows it (accounts, token, read
+// time) by the general reader. None for anything else, which the general
+// reader then judges on its own.
+std::optional<AddressBookSnapshot> decodeWrittenFile(simdjson::padded_string_view json) {
+    const std::string_view text(json.data(), json.size());
+    if (!text.starts_with(kWrittenHead)) {
+        return std::nullopt;
+    }
+    const char* const begin = text.data() + kWrittenHead.size();
+    const char* const end = text.data() + text.size();
+    // The second half starts at the first person boundary past the middle.
+    const char* split = end;
+    if (text.size() >= kBytesForTwoThreads && std::thread::hardware_concurrency() >= 2) {
+        const auto boundary = text.find(kBetweenPeople, text.size() / 2);
+        if (boundary != std::string_view::npos) {
+            split = text.data() + boundary + 2;
+        }
+    }
+
+    std::vector<Person> lower;
+    lower.reserve(static_cast<std::size_t>(end - begin) / kTypicalPersonBytes + 1);
+    std::vector<Person> upper;
+    const char* lowerEnd = nullptr;
+    const char* upperEnd = nullptr;
+    const auto readLower = [&] {
+        if (simdjson::validate_utf8(text.data(), static_cast<std::size_t>(split - text.data()))) {
+            lowerEnd = readWrittenPeople(begin, split == end ? nullptr : split - 1, lower);
+        }
+    };
+    const auto readUpper = [&] {
+        upper.reserve(static_cast<std::size_t>(end - split) / kTypicalPersonBytes + 1);
+        if (simdjson::validate_utf8(split, static_cast<std::size_t>(end - split))) {
+            upperEnd = readWrittenPeople(split, nullptr, upper);
+        }
+    };
+    if (split == end) {
+        readLower();
+    } else {
+        runSideBySide(readLower, readUpper);
+        // The lower half must end exactly where the upper one begins.
+        if (lowerEnd != split - 1 || upperEnd == nullptr) {
+            return std::nullopt;
+        }
+        lowerEnd = upperEnd;
+    }
+    if (lowerEnd == nullptr) {
+        return std::nullopt;
+    }
+
+    // The rest of the file, behind an empty list of people.
+    std::string rest;
+    rest.reserve(kWrittenHead.size() + 1 + static_cast<std::size_t>(end - lowerEnd));
+    rest.append(kWrittenHead).append("]").append(lowerEnd, end);
+    auto snapshot = decodeAnyFile(simdjson::padded_string(rest));
+    if (!snapshot) {
+        return std::nullopt;
+    }
+    lower.insert(lower.end(), std::make_move_iterator(upper.begin()), std::make_move_iterator(upper.end()));
+    snapshot->people = std::move(lower);
+    return snapshot;
+}
+
+std::optional<AddressBookSnapshot> decodeFile(simdjson::padded_string_view json) {
+    if (auto snapshot = decodeWrittenFile(json)) {
+        return snapshot;
+    }
+    return decodeAnyFile(json);
 }
 
 // A file's bytes followed by the zeroed padding the parser reads past the

@@ -209,6 +209,10 @@ TEST(SnapshotCacheDecode, ALargeBookReadsBackInOrderAndDamageInEitherHalfIsNone)
     for (int i = 0; i < 6000; ++i) {
         auto person = samplePerson("card-" + std::to_string(i + 3));
         person.givenName = "Person " + std::to_string(i);
+        if (i == 3000) {
+            // Written escaped, this is no boundary between two people.
+            person.nickname = "},{\"id\":\"card-3\"";
+        }
         person.derive();
         snapshot.people.push_back(std::move(person));
     }

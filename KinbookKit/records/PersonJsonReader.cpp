@@ -1,0 +1,323 @@
+#include "KinbookKit/records/PersonJsonReader.h"
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <string_view>
+#include <vector>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace kinbook {
+namespace {
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+bool readHex4(const char*& at, std::uint32_t& value) {
+    value = 0;
+    for (int i = 0; i < 4; ++i) {
+        const int digit = hexValue(*at);
+        if (digit < 0) {
+            return false;
+        }
+        value = value * 16 + static_cast<std::uint32_t>(digit);
+        ++at;
+    }
+    return true;
+}
+
+void appendUTF8(std::string& out, std::uint32_t code) {
+    if (code < 0x80) {
+        out += static_cast<char>(code);
+    } else if (code < 0x800) {
+        out += static_cast<char>(0xc0 | (code >> 6));
+        out += static_cast<char>(0x80 | (code & 0x3f));
+    } else if (code < 0x10000) {
+        out += static_cast<char>(0xe0 | (code >> 12));
+        out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
+        out += static_cast<char>(0x80 | (code & 0x3f));
+    } else {
+        out += static_cast<char>(0xf0 | (code >> 18));
+        out += static_cast<char>(0x80 | ((code >> 12) & 0x3f));
+        out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
+        out += static_cast<char>(0x80 | (code & 0x3f));
+    }
+}
+
+// The end of a run of bytes that stand for themselves: the first quote,
+// backslash or control character. Sixteen bytes at a time where the
+// processor has SSE2 (every x86-64 does); the text's padding makes reading
+// past its end safe.
+const char* plainRun(const char* at) {
+#ifdef __SSE2__
+    const __m128i quote = _mm_set1_epi8('"');
+    const __m128i backslash = _mm_set1_epi8('\\');
+    // A byte below 0x20 is one from which a saturating subtraction of 0x1F
+    // leaves zero.
+    const __m128i controlLimit = _mm_set1_epi8(0x1F);
+    for (;;) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+        const __m128i special =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash)),
+                         _mm_cmpeq_epi8(_mm_subs_epu8(bytes, controlLimit), _mm_setzero_si128()));
+        const int mask = _mm_movemask_epi8(special);
+        if (mask != 0) {
+            return at + __builtin_ctz(static_cast<unsigned>(mask));
+        }
+        at += 16;
+    }
+#else
+    while (*at != '"' && *at != '\\' && static_cast<unsigned char>(*at) >= 0x20) {
+        ++at;
+    }
+    return at;
+#endif
+}
+
+// Reads a person field by field, each key checked as the literal text the
+// writer puts before it.
+class WrittenPersonReader {
+public:
+    WrittenPersonReader(const char* at, std::vector<std::string>& scratch) : m_at(at), m_scratch(scratch) {}
+
+    const char* person(Person& person) {
+        PersonKeys keys;
+        const bool read =
+            literal("{\"id\":") && string(person.id) && literal(",\"givenName\":") &&
+            string(person.givenName) && literal(",\"middleName\":") && string(person.middleName) &&
+            literal(",\"familyName\":") && string(person.familyName) && literal(",\"nickname\":") &&
+            string(person.nickname) && literal(",\"organization\":") && string(person.organization) &&
+            literal(",\"jobTitle\":") && string(person.jobTitle) && literal(",\"department\":") &&
+            string(person.department) && literal(",\"phoneNumbers\":") && strings(person.phoneNumbers) &&
+            literal(",\"emailAddresses\":") && strings(person.emailAddresses) &&
+            literal(",\"accountIDs\":") && strings(person.accountIDs) && literal(",\"hasImage\":") &&
+            boolean(person.hasImage) && literal(",\"postalCodes\":") && strings(person.postalCodes) &&
+            literal(",\"places\":") && strings(person.places) && literal(",\"filledCount\":") &&
+            integer(person.filledCount) && literal(",\"detailed\":") && boolean(person.detailed) &&
+            kinID(person) && literal(",\"hidden\":") && boolean(person.hidden) && circle(person) &&
+            literal(",\"isPrimaryCard\":") && boolean(person.isPrimaryCard) && literal(",\"memberIDs\":") &&
+            strings(person.memberIDs) && literal(",\"displayName\":") && string(keys.displayName) &&
+            literal(",\"sortKey\":") && string(keys.sortKey) && literal(",\"sectionLetter\":") &&
+            string(keys.sectionLetter) && literal(",\"firstNameSortKey\":") &&
+            string(keys.firstNameSortKey) && literal(",\"firstNameSectionLetter\":") &&
+            string(keys.firstNameSectionLetter) && literal(",\"areaCodes\":") && strings(keys.areaCodes) &&
+            literal(",\"searchText\":") && string(keys.searchText) && literal(",\"phoneDigits\":") &&
+            strings(keys.phoneDigits) && literal("}");
+        if (!read) {
+            return nullptr;
+        }
+        person.adoptKeys(std::move(keys));
+        return m_at;
+    }
+
+private:
+    // Compares the whole literal even past a NUL; the caller's padding makes
+    // that safe.
+    bool literal(std::string_view text) {
+        if (std::memcmp(m_at, text.data(), text.size()) != 0) {
+            return false;
+        }
+        m_at += text.size();
+        return true;
+    }
+
+    bool string(std::string& out) {
+        if (*m_at != '"') {
+            return false;
+        }
+        m_at = readJsonString(m_at + 1, out);
+        return m_at != nullptr;
+    }
+
+    // Most lists hold one to three texts: they are read into a scratch list
+    // first, so that the person's own list is made once at its size.
+    bool strings(std::vector<std::string>& out) {
+        if (*m_at != '[') {
+            return false;
+        }
+        ++m_at;
+        out.clear();
+        if (*m_at == ']') {
+            ++m_at;
+            return true;
+        }
+        std::size_t count = 0;
+        for (;;) {
+            if (count == m_scratch.size()) {
+                m_scratch.emplace_back();
+            }
+            if (!string(m_scratch[count++])) {
+                return false;
+            }
+            if (*m_at == ']') {
+                ++m_at;
+                break;
+            }
+            if (*m_at++ != ',') {
+                return false;
+            }
+        }
+        out.reserve(count);
+        out.insert(out.end(), std::make_move_iterator(m_scratch.begin()),
+                   std::make_move_iterator(m_scratch.begin() + static_cast<std::ptrdiff_t>(count)));
+        return true;
+    }
+
+    bool boolean(bool& out) {
+        if (std::memcmp(m_at, "true", 4) == 0) {
+            out = true;
+            m_at += 4;
+            return true;
+        }
+        if (std::memcmp(m_at, "false", 5) == 0) {
+            out = false;
+            m_at += 5;
+            return true;
+        }
+        return false;
+    }
+
+    // A JSON integer within the range of an int: no leading zeros, no
+    // fraction, no exponent.
+    bool integer(int& out) {
+        const bool negative = *m_at == '-';
+        const char* digits = m_at + (negative ? 1 : 0);
+        const char* end = digits;
+        long long value = 0;
+        while (*end >= '0' && *end <= '9' && end - digits < 11) {
+            value = value * 10 + (*end - '0');
+            ++end;
+        }
+        if (end == digits || (*digits == '0' && end - digits > 1) || *end == '.' || *end == 'e' ||
+            *end == 'E' || (*end >= '0' && *end <= '9')) {
+            return false;
+        }
+        value = negative ? -value : value;
+        if (value < INT_MIN || value > INT_MAX) {
+            return false;
+        }
+        out = static_cast<int>(value);
+        m_at = end;
+        return true;
+    }
+
+    bool kinID(Person& person) {
+        if (*m_at == ',' && std::memcmp(m_at, ",\"kinID\":", 9) == 0) {
+            m_at += 9;
+            return string(person.kinID.emplace());
+        }
+        person.kinID.reset();
+        return true;
+    }
+
+    bool circle(Person& person) {
+        person.circle.reset();
+        if (*m_at == ',' && std::memcmp(m_at, ",\"circle\":", 10) == 0) {
+            m_at += 10;
+            int raw = 0;
+            if (!integer(raw)) {
+                return false;
+            }
+            // A circle this version doesn't know reads as none.
+            person.circle = circleFromRawValue(raw);
+        }
+        return true;
+    }
+
+    const char* m_at;
+    std::vector<std::string>& m_scratch;
+};
+
+} // namespace
+
+const char* readJsonString(const char* at, std::string& out) {
+    const char* run = plainRun(at);
+    // Most strings have no escapes: one copy of the right size.
+    out.assign(at, run);
+    at = run;
+    for (;;) {
+        if (*at == '"') {
+            return at + 1;
+        }
+        if (*at != '\\') {
+            return nullptr; // a raw control character, or the end of the text
+        }
+        ++at;
+        switch (*at++) {
+        case '"':
+            out += '"';
+            break;
+        case '\\':
+            out += '\\';
+            break;
+        case '/':
+            out += '/';
+            break;
+        case 'b':
+            out += '\b';
+            break;
+        case 'f':
+            out += '\f';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        case 't':
+            out += '\t';
+            break;
+        case 'u': {
+            std::uint32_t code = 0;
+            if (!readHex4(at, code)) {
+                return nullptr;
+            }
+            if (code >= 0xdc00 && code <= 0xdfff) {
+                return nullptr; // a second half without its first
+            }
+            if (code >= 0xd800 && code <= 0xdbff) {
+                std::uint32_t low = 0;
+                if (at[0] != '\\' || at[1] != 'u') {
+                    return nullptr;
+                }
+                at += 2;
+                if (!readHex4(at, low) || low < 0xdc00 || low > 0xdfff) {
+                    return nullptr;
+                }
+                code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
+            }
+            appendUTF8(out, code);
+            break;
+        }
+        default:
+            return nullptr;
+        }
+        run = plainRun(at);
+        out.append(at, run);
+        at = run;
+    }
+}
+
+const char* readWrittenPerson(const char* at, Person& person) {
+    // Kept from person to person: the scratch texts' lists are not made anew
+    // for each of 100,000 people.
+    thread_local std::vector<std::string> scratch;
+    return WrittenPersonReader(at, scratch).person(person);
+}
+
+} // namespace kinbook
