@@ -204,7 +204,11 @@ PeopleList::Prepared PeopleList::prepare(const JoinedPeople& base, const RawUpda
     }
 
     Prepared prepared;
-    auto joined = std::make_shared<JoinedPeople>(joinPeople(std::move(raw)));
+    prepared.order = order;
+    auto joined =
+        std::make_shared<JoinedPeople>(joinPeople(std::move(raw), [&](std::span<const PersonPtr> people) {
+            prepared.sections = share(buildSections(order, people));
+        }));
     // A person whose id is no longer a person's id (another card of theirs
     // leads now) is still found by it.
     for (const auto& [id, person] : base.byID) {
@@ -215,8 +219,6 @@ PeopleList::Prepared PeopleList::prepare(const JoinedPeople& base, const RawUpda
             prepared.aliases.emplace_back(std::string(id), std::string(*personID));
         }
     }
-    prepared.order = order;
-    prepared.sections = share(buildSections(order, joined->people));
     prepared.joined = std::move(joined);
     return prepared;
 }

@@ -1,5 +1,7 @@
 #include "KinbookKit/people/PersonJoin.h"
 
+#include "KinbookKit/SideBySide.h"
+
 #include <algorithm>
 #include <cstdint>
 
@@ -16,8 +18,12 @@ std::uint64_t prefixOf(std::string_view key) {
     return prefix;
 }
 
-// Sorts people by sortKey, keeping the order of people with equal keys.
-void sortBySortKey(std::vector<PersonPtr>& people) {
+// Below this many cards one thread joins them all: a second would cost more
+// to start than it saves.
+constexpr std::size_t kCardsForTwoThreads = 4096;
+
+// The people in sortKey order, keeping the order of people with equal keys.
+std::vector<PersonPtr> sortedBySortKey(const std::vector<PersonPtr>& people) {
     struct Entry {
         std::uint64_t prefix;
         std::uint32_t index;
@@ -40,9 +46,43 @@ void sortBySortKey(std::vector<PersonPtr>& people) {
     std::vector<PersonPtr> sorted;
     sorted.reserve(people.size());
     for (const auto& entry : entries) {
-        sorted.push_back(std::move(people[entry.index]));
+        sorted.push_back(people[entry.index]);
     }
-    people = std::move(sorted);
+    return sorted;
+}
+
+void buildLookUps(const std::vector<PersonPtr>& people, JoinedPeople& joined) {
+    joined.byID.reserve(people.size());
+    // Few accounts, many people: count in a short list, not a map per person.
+    std::vector<std::pair<std::string_view, int>> accountCounts;
+    for (const auto& person : people) {
+        // Two cards can't share an id, but a damaged store might still say
+        // so; the first one read keeps it.
+        joined.byID.try_emplace(person->id, person);
+        if (person->memberIDs.size() > 1) {
+            for (const auto& member : person->memberIDs) {
+                joined.groupOf.try_emplace(member, person->id);
+            }
+        }
+        for (const auto& account : person->accountIDs) {
+            auto counted = std::find_if(accountCounts.begin(), accountCounts.end(),
+                                        [&](const auto& entry) { return entry.first == account; });
+            if (counted == accountCounts.end()) {
+                accountCounts.emplace_back(account, 1);
+            } else {
+                ++counted->second;
+            }
+        }
+        if (person->hidden) {
+            ++joined.hiddenCount;
+        }
+        if (person->circle) {
+            ++joined.circleCounts[*person->circle];
+        }
+    }
+    for (const auto& [account, count] : accountCounts) {
+        joined.accountCounts.emplace(std::string(account), count);
+    }
 }
 
 } // namespace
@@ -100,9 +140,19 @@ Person joinGroup(std::vector<PersonPtr> members) {
     return members.front()->with(std::move(changes));
 }
 
-JoinedPeople joinPeople(std::vector<PersonPtr> raw) {
+JoinedPeople joinPeople(std::vector<PersonPtr> raw,
+                        const std::function<void(std::span<const PersonPtr>)>& whileSorted) {
     JoinedPeople joined;
     joined.raw = std::move(raw);
+    const bool twoThreads = joined.raw.size() >= kCardsForTwoThreads;
+    const auto inTwo = [&](const std::function<void()>& first, const std::function<void()>& second) {
+        if (twoThreads) {
+            runSideBySide(first, second);
+        } else {
+            first();
+            second();
+        }
+    };
 
     // Cards sharing a KinID, in the order the first of each group was read.
     std::unordered_map<std::string_view, std::size_t> groupIndex;
@@ -124,46 +174,32 @@ JoinedPeople joinPeople(std::vector<PersonPtr> raw) {
             groups[slot->second].push_back(card);
         }
     }
+    // Each group's person is a copy of its leading card: the copies are made
+    // in two halves side by side.
+    std::vector<std::size_t> shared;
     for (std::size_t i = 0; i < groups.size(); ++i) {
         if (groups[i].size() > 1) {
+            shared.push_back(i);
+        }
+    }
+    const auto joinGroups = [&](std::size_t from, std::size_t to) {
+        for (std::size_t k = from; k < to; ++k) {
+            const std::size_t i = shared[k];
             unsorted[slotOfGroup[i]] = std::make_shared<const Person>(joinGroup(std::move(groups[i])));
         }
-    }
+    };
+    const std::size_t half = shared.size() / 2;
+    inTwo([&] { joinGroups(0, half); }, [&] { joinGroups(half, shared.size()); });
 
-    joined.byID.reserve(unsorted.size());
-    // Few accounts, many people: count in a short list, not a map per person.
-    std::vector<std::pair<std::string_view, int>> accountCounts;
-    for (const auto& person : unsorted) {
-        // Two cards can't share an id, but a damaged store might still say
-        // so; the first one read keeps it.
-        joined.byID.try_emplace(person->id, person);
-        if (person->memberIDs.size() > 1) {
-            for (const auto& member : person->memberIDs) {
-                joined.groupOf.try_emplace(member, person->id);
-            }
-        }
-        for (const auto& account : person->accountIDs) {
-            auto counted = std::find_if(accountCounts.begin(), accountCounts.end(),
-                                        [&](const auto& entry) { return entry.first == account; });
-            if (counted == accountCounts.end()) {
-                accountCounts.emplace_back(account, 1);
-            } else {
-                ++counted->second;
-            }
-        }
-        if (person->hidden) {
-            ++joined.hiddenCount;
-        }
-        if (person->circle) {
-            ++joined.circleCounts[*person->circle];
-        }
-    }
-    for (const auto& [account, count] : accountCounts) {
-        joined.accountCounts.emplace(std::string(account), count);
-    }
-
-    sortBySortKey(unsorted);
-    joined.people = std::move(unsorted);
+    // The order (and what is made from it) beside the look-ups: neither
+    // writes what the other reads.
+    inTwo([&] { buildLookUps(unsorted, joined); },
+          [&] {
+              joined.people = sortedBySortKey(unsorted);
+              if (whileSorted) {
+                  whileSorted(joined.people);
+              }
+          });
     return joined;
 }
 

@@ -4,8 +4,10 @@
 #include "KinbookKit/records/ContactCircle.h"
 #include "KinbookKit/records/Person.h"
 
+#include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -42,7 +44,13 @@ struct JoinedPeople {
 // the primary card (else the lowest sortKey, else the lowest id), holding the
 // union of the cards' accounts, hidden only when every card is, and in the
 // closest of the cards' circles. Everything else is the leading card's.
-JoinedPeople joinPeople(std::vector<PersonPtr> raw);
+//
+// A large read is joined on two threads. `whileSorted`, when given, is called
+// with the people in their final order as soon as they are sorted, on the
+// thread that sorted them, while the look-ups are still being made: what
+// depends on the order alone (the shown sections) is made beside them.
+JoinedPeople joinPeople(std::vector<PersonPtr> raw,
+                        const std::function<void(std::span<const PersonPtr>)>& whileSorted = {});
 
 // The people of a group of cards sharing one KinID, joined as above.
 // `members` must not be empty.
