@@ -8,11 +8,12 @@
 namespace kinbook {
 namespace {
 
-// The first eight bytes of a key as one number, so that most comparisons of
-// a sort look at a flat array instead of following each person's pointers.
-std::uint64_t prefixOf(std::string_view key) {
+// Eight bytes of a key from `offset` on as one number, zero past its end, so
+// that most comparisons of a sort look at a flat array instead of following
+// each person's pointers.
+std::uint64_t prefixOf(std::string_view key, std::size_t offset) {
     std::uint64_t prefix = 0;
-    for (std::size_t i = 0; i < 8; ++i) {
+    for (std::size_t i = offset; i < offset + 8; ++i) {
         prefix = (prefix << 8) | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0u);
     }
     return prefix;
@@ -24,25 +25,51 @@ constexpr std::size_t kCardsForTwoThreads = 4096;
 
 // The people in sortKey order, keeping the order of people with equal keys.
 std::vector<PersonPtr> sortedBySortKey(const std::vector<PersonPtr>& people) {
+    // The first sixteen bytes of each key are sorted as numbers in a flat
+    // array. Only people whose keys agree that far are then compared by the
+    // whole key, a few at a time: a large book holds many people of one
+    // family name, and comparing them across the whole sort would fetch
+    // their keys from memory again and again.
     struct Entry {
-        std::uint64_t prefix;
+        std::uint64_t head;
+        std::uint64_t next;
+        std::string_view key;
         std::uint32_t index;
     };
     std::vector<Entry> entries;
     entries.reserve(people.size());
     for (std::uint32_t i = 0; i < people.size(); ++i) {
-        entries.push_back({prefixOf(people[i]->sortKey()), i});
+        const std::string_view key = people[i]->sortKey();
+        entries.push_back({prefixOf(key, 0), prefixOf(key, 8), key, i});
     }
-    std::sort(entries.begin(), entries.end(), [&](const Entry& left, const Entry& right) {
-        if (left.prefix != right.prefix) {
-            return left.prefix < right.prefix;
+    const auto samePrefix = [](const Entry& left, const Entry& right) {
+        return left.head == right.head && left.next == right.next;
+    };
+    std::sort(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
+        if (left.head != right.head) {
+            return left.head < right.head;
         }
-        if (const int order = people[left.index]->sortKey().compare(people[right.index]->sortKey());
-            order != 0) {
-            return order < 0;
+        if (left.next != right.next) {
+            return left.next < right.next;
         }
         return left.index < right.index;
     });
+    for (auto run = entries.begin(); run != entries.end();) {
+        auto runEnd = run + 1;
+        bool longKeys = run->key.size() > 16;
+        while (runEnd != entries.end() && samePrefix(*run, *runEnd)) {
+            longKeys = longKeys || runEnd->key.size() > 16;
+            ++runEnd;
+        }
+        // Keys of up to sixteen bytes that agree that far differ at most in
+        // length; stable, so that equal keys keep the read order.
+        if (runEnd - run > 1) {
+            std::stable_sort(run, runEnd, [longKeys](const Entry& left, const Entry& right) {
+                return longKeys ? left.key < right.key : left.key.size() < right.key.size();
+            });
+        }
+        run = runEnd;
+    }
     std::vector<PersonPtr> sorted;
     sorted.reserve(people.size());
     for (const auto& entry : entries) {

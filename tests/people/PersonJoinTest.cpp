@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 namespace kinbook {
 namespace {
 
@@ -113,6 +115,61 @@ TEST(PersonJoinTest, LoneCardsStayAsTheyAreAndPeopleAreSortedStably) {
     EXPECT_EQ(joined.personIDOf("2"), "2");
     EXPECT_EQ(joined.personIDOf("5"), std::nullopt);
     EXPECT_EQ(joined.accountCounts.at("icloud"), 4);
+}
+
+TEST(PersonJoinTest, ALargeReadIsJoinedAndOrderedAsOneThreadWouldAndTheSectionsSeeThatOrder) {
+    // Family names that share their first sixteen bytes or more, keys that
+    // differ only in length or past byte sixteen, and exact twins; enough
+    // cards to be joined on two threads.
+    const std::vector<std::string> families = {"Vanderbilt-Ashworth",
+                                               "Vanderbilt-Ashworthy",
+                                               "Vanderbilt-Ash",
+                                               "Vanderbilt-Ashwort",
+                                               "Øyelund",
+                                               "O",
+                                               "Van",
+                                               ""};
+    const std::vector<std::string> givens = {"Ann", "Anna", "Zed", "", "Émile"};
+    std::vector<PersonPtr> raw;
+    std::uint32_t state = 12345;
+    const auto next = [&] {
+        state = state * 1103515245u + 12345u;
+        return state >> 8;
+    };
+    for (int i = 0; i < 6000; ++i) {
+        const auto id = "card-" + std::to_string(i);
+        // Every fifth card shares a KinID with the card before it.
+        const std::optional<std::string> kinID =
+            i % 5 >= 3 ? std::optional<std::string>("K" + std::to_string(i / 5)) : std::nullopt;
+        raw.push_back(card(id, givens[next() % givens.size()], families[next() % families.size()], kinID,
+                           next() % 2 == 0 ? "icloud" : "google"));
+    }
+
+    std::vector<PersonPtr> sections;
+    const auto joined = joinPeople(
+        raw, [&](std::span<const PersonPtr> people) { sections.assign(people.begin(), people.end()); });
+    EXPECT_EQ(joined.raw.size(), raw.size());
+    EXPECT_EQ(joined.people.size(), 6000u - 6000u / 5);
+    EXPECT_EQ(sections, joined.people);
+
+    // The order one stable sort by the whole key makes of the people, each
+    // where its first card was read.
+    std::vector<PersonPtr> expected;
+    std::set<std::string> seen;
+    for (const auto& person : raw) {
+        const auto holder = joined.find(person->id);
+        ASSERT_NE(holder, nullptr) << person->id;
+        if (seen.insert(holder->id).second) {
+            expected.push_back(holder);
+        }
+    }
+    std::stable_sort(expected.begin(), expected.end(), [](const PersonPtr& left, const PersonPtr& right) {
+        return left->sortKey() < right->sortKey();
+    });
+    EXPECT_EQ(idsOf(joined.people), idsOf(expected));
+    for (const auto& person : joined.people) {
+        EXPECT_EQ(joined.find(person->id), person);
+    }
 }
 
 } // namespace
