@@ -664,6 +664,7 @@ std::optional<AddressBookSnapshot> decodeWrittenFile(simdjson::padded_string_vie
         }
     }
 
+    // Made for the whole list: the upper half is moved in behind it.
     std::vector<Person> lower;
     lower.reserve(static_cast<std::size_t>(end - begin) / kTypicalPersonBytes + 1);
     inLargePages(lower);
