@@ -181,38 +181,80 @@ JoinedPeople joinPeople(std::vector<PersonPtr> raw,
         }
     };
 
-    // Cards sharing a KinID, in the order the first of each group was read.
-    std::unordered_map<std::string_view, std::size_t> groupIndex;
-    std::vector<std::vector<PersonPtr>> groups;
-    std::vector<PersonPtr> unsorted;
-    unsorted.reserve(joined.raw.size());
-    std::vector<std::size_t> slotOfGroup; // where each group's person goes in `unsorted`
-    for (const auto& card : joined.raw) {
-        if (!card->kinID) {
-            unsorted.push_back(card);
-            continue;
+    // Cards sharing a KinID are found by sorting the cards by a hash of it,
+    // not through a map of lists: at 120,000 cards, an allocation per group
+    // was most of the time. Cards whose hashes agree are told apart by the
+    // KinID itself.
+    const auto& cards = joined.raw;
+    struct Keyed {
+        std::uint64_t hash;
+        std::uint32_t index;
+    };
+    std::vector<Keyed> keyed;
+    keyed.reserve(cards.size());
+    for (std::uint32_t i = 0; i < cards.size(); ++i) {
+        if (cards[i]->kinID) {
+            keyed.push_back({std::hash<std::string_view>{}(*cards[i]->kinID), i});
         }
-        const auto [slot, inserted] = groupIndex.try_emplace(*card->kinID, groups.size());
-        if (inserted) {
-            groups.push_back({card});
-            slotOfGroup.push_back(unsorted.size());
-            unsorted.push_back(card);
-        } else {
-            groups[slot->second].push_back(card);
+    }
+    std::sort(keyed.begin(), keyed.end(), [](const Keyed& left, const Keyed& right) {
+        return left.hash != right.hash ? left.hash < right.hash : left.index < right.index;
+    });
+    // A group of two or more: its cards are keyed[begin, end), in the order
+    // read, so its person goes where the first of them was read.
+    struct Group {
+        std::size_t begin;
+        std::size_t end;
+    };
+    std::vector<Group> shared;
+    std::vector<std::uint8_t> follows(cards.size(), 0); // read after another card of its group
+    for (std::size_t run = 0; run < keyed.size();) {
+        std::size_t runEnd = run + 1;
+        while (runEnd < keyed.size() && keyed[runEnd].hash == keyed[run].hash) {
+            ++runEnd;
+        }
+        if (runEnd - run > 1) {
+            // Two KinIDs with one hash, however unlikely, are two groups.
+            std::stable_sort(keyed.begin() + static_cast<std::ptrdiff_t>(run),
+                             keyed.begin() + static_cast<std::ptrdiff_t>(runEnd),
+                             [&](const Keyed& left, const Keyed& right) {
+                                 return *cards[left.index]->kinID < *cards[right.index]->kinID;
+                             });
+            for (std::size_t group = run; group < runEnd;) {
+                std::size_t groupEnd = group + 1;
+                while (groupEnd < runEnd &&
+                       *cards[keyed[groupEnd].index]->kinID == *cards[keyed[group].index]->kinID) {
+                    follows[keyed[groupEnd].index] = 1;
+                    ++groupEnd;
+                }
+                if (groupEnd - group > 1) {
+                    shared.push_back({group, groupEnd});
+                }
+                group = groupEnd;
+            }
+        }
+        run = runEnd;
+    }
+    std::vector<PersonPtr> unsorted;
+    unsorted.reserve(cards.size());
+    std::vector<std::uint32_t> slotOf(cards.size()); // where each card's person goes in `unsorted`
+    for (std::uint32_t i = 0; i < cards.size(); ++i) {
+        if (!follows[i]) {
+            slotOf[i] = static_cast<std::uint32_t>(unsorted.size());
+            unsorted.push_back(cards[i]);
         }
     }
     // Each group's person is a copy of its leading card: the copies are made
     // in two halves side by side.
-    std::vector<std::size_t> shared;
-    for (std::size_t i = 0; i < groups.size(); ++i) {
-        if (groups[i].size() > 1) {
-            shared.push_back(i);
-        }
-    }
     const auto joinGroups = [&](std::size_t from, std::size_t to) {
         for (std::size_t k = from; k < to; ++k) {
-            const std::size_t i = shared[k];
-            unsorted[slotOfGroup[i]] = std::make_shared<const Person>(joinGroup(std::move(groups[i])));
+            std::vector<PersonPtr> members;
+            members.reserve(shared[k].end - shared[k].begin);
+            for (std::size_t member = shared[k].begin; member < shared[k].end; ++member) {
+                members.push_back(cards[keyed[member].index]);
+            }
+            const auto slot = slotOf[keyed[shared[k].begin].index];
+            unsorted[slot] = std::make_shared<const Person>(joinGroup(std::move(members)));
         }
     };
     const std::size_t half = shared.size() / 2;
