@@ -158,18 +158,23 @@ bool isNull(ondemand::value& value, bool& null) {
     return value.is_null().get(null) == SUCCESS;
 }
 
-// A key as it stands in the file. Kinbook's keys never need escapes; a key
-// written with escapes is not one of them and is passed over.
-std::string_view rawKey(const ondemand::raw_json_string& key) {
+// A key's text, its escapes undone; none for a key JSON does not allow. The
+// text stays valid until the next key is read on this thread.
+std::optional<std::string_view> keyText(const ondemand::raw_json_string& key) {
     const char* begin = key.raw();
     std::size_t length = 0;
-    while (begin[length] != '"') {
-        if (begin[length] == '\\') {
-            return {};
-        }
+    while (begin[length] != '"' && begin[length] != '\\') {
         ++length;
     }
-    return {begin, length};
+    if (begin[length] == '"') {
+        return std::string_view(begin, length);
+    }
+    // Kinbook never writes escapes in its keys, but JSON allows them.
+    thread_local std::string unescaped;
+    if (readJsonString(begin, unescaped) == nullptr) {
+        return std::nullopt;
+    }
+    return std::string_view(unescaped);
 }
 
 enum PersonField : int {
@@ -253,18 +258,26 @@ bool keyIs(const char* raw, std::string_view name) {
     return std::memcmp(raw, name.data(), name.size()) == 0 && raw[name.size()] == '"';
 }
 
+// The field a key names; kUnknownField for a key of no field, kDamagedKey
+// for one JSON does not allow.
+constexpr int kUnknownField = -1;
+constexpr int kDamagedKey = -2;
+
 int personFieldOf(const ondemand::raw_json_string& key, std::size_t& guess) {
     if (guess < kPersonKeys.size() && keyIs(key.raw(), kPersonKeys[guess].first)) {
         return kPersonKeys[guess++].second;
     }
-    const auto name = rawKey(key);
+    const auto name = keyText(key);
+    if (!name) {
+        return kDamagedKey;
+    }
     for (std::size_t i = 0; i < kPersonKeys.size(); ++i) {
-        if (kPersonKeys[i].first == name) {
+        if (kPersonKeys[i].first == *name) {
             guess = i + 1;
             return kPersonKeys[i].second;
         }
     }
-    return -1;
+    return kUnknownField;
 }
 
 bool readPersonField(PersonField which, ondemand::value& value, Person& person, PersonKeys& keys) {
@@ -371,7 +384,10 @@ bool readPerson(ondemand::value& value, Person& person) {
             return false;
         }
         const int which = personFieldOf(field.key(), guess);
-        if (which < 0) {
+        if (which == kDamagedKey) {
+            return false;
+        }
+        if (which == kUnknownField) {
             continue;
         }
         if (!readPersonField(static_cast<PersonField>(which), field.value(), person, keys)) {
@@ -408,7 +424,10 @@ bool readAccount(ondemand::value& value, Account& account) {
         if (std::move(entry).get(field) != SUCCESS) {
             return false;
         }
-        const auto name = rawKey(field.key());
+        const auto name = keyText(field.key());
+        if (!name) {
+            return false;
+        }
         if (name == "id") {
             hasID = readString(field.value(), account.id);
             if (!hasID) {
@@ -505,7 +524,10 @@ bool readSnapshot(ondemand::value& value, const char* end, AddressBookSnapshot& 
         if (std::move(entry).get(field) != SUCCESS) {
             return false;
         }
-        const auto name = rawKey(field.key());
+        const auto name = keyText(field.key());
+        if (!name) {
+            return false;
+        }
         ondemand::value& item = field.value();
         if (name == "people") {
             ondemand::array array;
@@ -587,7 +609,10 @@ std::optional<AddressBookSnapshot> decodeAnyFile(simdjson::padded_string_view js
         if (std::move(entry).get(field) != SUCCESS) {
             return std::nullopt;
         }
-        const auto name = rawKey(field.key());
+        const auto name = keyText(field.key());
+        if (!name) {
+            return std::nullopt;
+        }
         if (name == "format") {
             std::int64_t value = 0;
             if (field.value().get_int64().get(value) != SUCCESS || value != SnapshotCache::kFormat) {

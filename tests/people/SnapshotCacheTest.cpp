@@ -185,16 +185,31 @@ TEST(SnapshotCacheDecode, EveryTruncationOfAFileIsNone) {
     }
 }
 
-TEST(SnapshotCacheDecode, DamagedBytesNeverCrashIt) {
+// What a general JSON library makes of a file: the judge of whether damage
+// left valid JSON with the same meaning.
+std::optional<AddressBookSnapshot> decodedByJSONLibrary(const std::string& text) {
+    const auto json = nlohmann::json::parse(text, nullptr, false);
+    if (json.is_discarded() || !json.is_object() || !json.contains("format") || json["format"] != 10 ||
+        !json.contains("snapshot")) {
+        return std::nullopt;
+    }
+    return AddressBookSnapshot::fromJSON(json["snapshot"]);
+}
+
+TEST(SnapshotCacheDecode, DamagedBytesNeverCrashItAndReadAsAJSONLibraryReadsThem) {
     const auto whole = SnapshotCache::encode(sampleSnapshot());
     ASSERT_TRUE(whole.has_value());
     int decoded = 0;
     int tried = 0;
     for (std::size_t position = 0; position < whole->size(); ++position) {
-        for (const char replacement : {'\0', '"', '}', ',', '\\', '\xff'}) {
+        for (const char replacement : {'\0', '"', '}', ',', '\\', '\xff', '0', ' '}) {
             auto damaged = *whole;
             damaged[position] = replacement;
-            decoded += SnapshotCache::decode(damaged).has_value() ? 1 : 0;
+            const auto read = SnapshotCache::decode(damaged);
+            EXPECT_EQ(read, decodedByJSONLibrary(damaged))
+                << "byte " << position << " as " << static_cast<int>(replacement) << ": "
+                << damaged.substr(position > 30 ? position - 30 : 0, 60);
+            decoded += read.has_value() ? 1 : 0;
             ++tried;
         }
     }
