@@ -1037,7 +1037,19 @@ PeopleList::ShownList PeopleList::directedList(SortOrder order) {
     }
     auto& descending = m_descendingIndex[order];
     if (!descending.sections) {
-        descending.sections = share(inDirection(*ascending.sections, true));
+        // Lent like the filtered lists: the first turn to descending then
+        // takes no share of each person.
+        std::vector<Section> copy;
+        copy.reserve(ascending.sections->size());
+        for (const auto& section : *ascending.sections) {
+            Section lentSection{section.letter, {}};
+            lentSection.people.reserve(section.people.size());
+            for (const auto& person : section.people) {
+                lentSection.people.push_back(lent(person));
+            }
+            copy.push_back(std::move(lentSection));
+        }
+        descending.sections = share(inDirection(std::move(copy), true), m_joined);
         descending.positions = positionsFor(*descending.sections);
     }
     return descending;
