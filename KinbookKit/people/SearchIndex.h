@@ -52,7 +52,7 @@ private:
 
     bool matchesWords(const SearchQuery& query, std::uint32_t position, const std::string* pastJobs) const;
 
-    // The row of pairOf(first, second) in m_pairs.
+    // One letter pair's row of m_pairs, and whether it holds a position.
     const std::uint64_t* pairRow(std::size_t pair) const { return m_pairs.data() + pair * m_pairWords; }
     static bool holds(const std::uint64_t* row, std::uint32_t position) {
         return ((row[position / 64] >> (position % 64)) & 1u) != 0;
