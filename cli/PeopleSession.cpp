@@ -171,7 +171,7 @@ PeopleSession::Shown PeopleSession::show(const ListView& view) {
     m_list->setShowingHidden(view.showingHidden);
     m_list->setSearchText(view.searchText);
     m_loop.runPending();
-    return {m_list->sections(), m_list->matchCount()};
+    return {m_list->sections(), m_list->matchCount(), m_list->sharedSections()};
 }
 
 std::vector<Account> PeopleSession::accounts() {

@@ -66,6 +66,9 @@ public:
     struct Shown {
         std::vector<Section> sections;
         int matchCount = 0;
+        // The list's own sections, which hold the people `sections` lends
+        // even once the session loads again.
+        std::shared_ptr<const std::vector<Section>> held;
     };
     Shown show(const ListView& view);
 

@@ -35,12 +35,33 @@ SectionList share(std::vector<Section> sections) {
     return std::make_shared<const std::vector<Section>>(std::move(sections));
 }
 
+// Sections whose people are lent by `people` (see lent()): the list holds
+// the joined people itself, so whoever holds the list holds everyone in it.
+SectionList share(std::vector<Section> sections, std::shared_ptr<const JoinedPeople> people) {
+    struct Held {
+        std::shared_ptr<const JoinedPeople> people;
+        std::vector<Section> sections;
+    };
+    auto held = std::make_shared<const Held>(Held{std::move(people), std::move(sections)});
+    return SectionList(held, &held->sections);
+}
+
+// A person as the lists made by the filters and the search carry them: the
+// address alone, without a share of the person. Taking a share is an atomic
+// write to a count beside each person, far apart in memory; at 100,000
+// people those writes cost a keystroke more than its search does. Copies of
+// a lent person are plain copies.
+PersonPtr lent(const PersonPtr& person) {
+    return PersonPtr(PersonPtr(), person.get());
+}
+
 // The people of a shown list that `keep(person, position)` accepts, in the
-// same sections and order, with their positions when the list has them.
-// Each person is asked once; the kept ones are counted before they are
-// copied, so that every section is allocated once at its size.
+// same sections and order, with their positions when the list has them,
+// lent by `people`, which holds everyone in the list. Each person is asked
+// once; the kept ones are counted before they are copied, so that every
+// section is allocated once at its size.
 template <typename List, typename Keep>
-List keepOnly(const List& list, Keep&& keep) {
+List keepOnly(const List& list, const std::shared_ptr<const JoinedPeople>& people, Keep&& keep) {
     const auto* from = list.positions.get();
     std::vector<std::uint8_t> kept;
     kept.reserve(from ? from->size() : 0);
@@ -75,7 +96,7 @@ List keepOnly(const List& list, Keep&& keep) {
         narrowed.people.reserve(counts[index]);
         for (const auto& person : section.people) {
             if (kept[flat] != 0) {
-                narrowed.people.push_back(person);
+                narrowed.people.push_back(lent(person));
                 if (from) {
                     positions.push_back((*from)[flat]);
                 }
@@ -84,7 +105,7 @@ List keepOnly(const List& list, Keep&& keep) {
         }
         sections.push_back(std::move(narrowed));
     }
-    List result{share(std::move(sections)), nullptr};
+    List result{share(std::move(sections), people), nullptr};
     if (from) {
         result.positions = std::make_shared<const std::vector<std::uint32_t>>(std::move(positions));
     }
@@ -872,8 +893,8 @@ void PeopleList::startIndex() {
                 if (joined->hiddenCount > 0) {
                     // Hidden people are left out unless asked for: have that
                     // list ready too, so that switching orders stays a look-up.
-                    built.visible[order] =
-                        keepOnly(list, [](const Person& person, std::uint32_t) { return !person.hidden; });
+                    built.visible[order] = keepOnly(
+                        list, joined, [](const Person& person, std::uint32_t) { return !person.hidden; });
                 }
             }
             built.searchIndex = std::move(searchIndex);
@@ -1018,7 +1039,19 @@ PeopleList::ShownList PeopleList::directedList(SortOrder order) {
     }
     auto& descending = m_descendingIndex[order];
     if (!descending.sections) {
-        descending.sections = share(inDirection(*ascending.sections, true));
+        // Lent like the filtered lists: the first turn to descending then
+        // takes no share of each person.
+        std::vector<Section> copy;
+        copy.reserve(ascending.sections->size());
+        for (const auto& section : *ascending.sections) {
+            Section lentSection{section.letter, {}};
+            lentSection.people.reserve(section.people.size());
+            for (const auto& person : section.people) {
+                lentSection.people.push_back(lent(person));
+            }
+            copy.push_back(std::move(lentSection));
+        }
+        descending.sections = share(inDirection(std::move(copy), true), m_joined);
         descending.positions = positionsFor(*descending.sections);
     }
     return descending;
@@ -1070,7 +1103,7 @@ PeopleList::ShownList PeopleList::filteredList() {
             // An account beyond the first 64 is tested on the person itself.
             accountMask = bit == facts.accountBits.end() ? 0 : std::uint64_t{1} << bit->second;
         }
-        list = keepOnly(source, [&](const Person& person, std::uint32_t position) {
+        list = keepOnly(source, m_joined, [&](const Person& person, std::uint32_t position) {
             if ((facts.hidden[position] != 0) != m_showingHidden) {
                 return false;
             }
@@ -1090,7 +1123,7 @@ PeopleList::ShownList PeopleList::filteredList() {
                    person.accountIDs.end();
         });
     } else {
-        list = keepOnly(source, [this](const Person& person, std::uint32_t) {
+        list = keepOnly(source, m_joined, [this](const Person& person, std::uint32_t) {
             if (person.hidden != m_showingHidden) {
                 return false;
             }
@@ -1113,7 +1146,7 @@ PeopleList::ShownList PeopleList::filteredList() {
 
 PeopleList::ShownList PeopleList::searched(const ShownList& source, const SearchQuery& query) {
     if (!m_searchIndex || !source.positions) {
-        return keepOnly(source, [&](const Person& person, std::uint32_t) {
+        return keepOnly(source, m_joined, [&](const Person& person, std::uint32_t) {
             return query.matches(person, pastJobsOf(person));
         });
     }
@@ -1121,7 +1154,8 @@ PeopleList::ShownList PeopleList::searched(const ShownList& source, const Search
     // Over most people, one pass over everyone's text beats visiting each.
     const bool everyone = source.positions->size() * 4 > m_searchIndex->size();
     m_searchIndex->match(query, *source.positions, everyone, m_pastJobsByPosition, m_matched);
-    return keepOnly(source, [&](const Person&, std::uint32_t position) { return m_matched[position] != 0; });
+    return keepOnly(source, m_joined,
+                    [&](const Person&, std::uint32_t position) { return m_matched[position] != 0; });
 }
 
 std::string PeopleList::lastSearchKey() const {
@@ -1174,7 +1208,7 @@ void PeopleList::rebuild() {
                 chosen.push_back(section);
             }
         }
-        shown = share(std::move(chosen));
+        shown = share(std::move(chosen), m_joined);
     }
     releaseLater(std::exchange(m_sections, std::move(shown)));
     ++m_listID;

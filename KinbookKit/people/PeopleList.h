@@ -33,6 +33,11 @@ namespace kinbook {
 
 // Sections are shared, never copied, between the index, the shown list and
 // the last search: switching the sort order is then a look-up.
+//
+// The lists the filters and the search make lend their people instead of
+// sharing them: a person taken out of such a list stays alive as long as
+// the list does. Keep the list, or look the person up with person(), to
+// keep a person longer.
 using SectionList = std::shared_ptr<const std::vector<Section>>;
 
 // Why a user action failed: the address book's refusal, or a full circle.

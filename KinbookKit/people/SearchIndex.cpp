@@ -1,5 +1,6 @@
 #include "KinbookKit/people/SearchIndex.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstring>
@@ -40,6 +41,18 @@ constexpr std::array<std::uint64_t, 256> kLetterBits = [] {
     }
     return bits;
 }();
+
+constexpr std::size_t kLetterCount = 26;
+constexpr std::size_t kPairCount = kLetterCount * kLetterCount;
+
+bool isLetter(char c) {
+    return c >= 'a' && c <= 'z';
+}
+
+// The pair's row; both bytes must be letters.
+std::size_t pairOf(char first, char second) {
+    return static_cast<std::size_t>(first - 'a') * kLetterCount + static_cast<std::size_t>(second - 'a');
+}
 
 } // namespace
 
@@ -102,8 +115,17 @@ SearchIndex::SearchIndex(std::span<const PersonPtr> people) {
     }
     m_starts.push_back(static_cast<std::uint32_t>(m_text.size()));
     m_letters.reserve(people.size());
+    m_pairWords = (people.size() + 63) / 64;
+    m_pairs.assign(kPairCount * m_pairWords, 0);
     for (std::uint32_t position = 0; position < m_people.size(); ++position) {
-        m_letters.push_back(lettersOf(searchText(position)));
+        const auto text = searchText(position);
+        m_letters.push_back(lettersOf(text));
+        const std::uint64_t bit = std::uint64_t{1} << (position % 64);
+        for (std::size_t i = 1; i < text.size(); ++i) {
+            if (isLetter(text[i - 1]) && isLetter(text[i])) {
+                m_pairs[pairOf(text[i - 1], text[i]) * m_pairWords + position / 64] |= bit;
+            }
+        }
     }
 
     m_slots.assign(std::bit_ceil(people.size() * 2 + 2), {nullptr, 0});
@@ -187,14 +209,46 @@ void SearchIndex::match(const SearchQuery& query, std::span<const std::uint32_t>
                         std::span<const std::string* const> pastJobs,
                         std::vector<std::uint8_t>& matched) const {
     const std::string_view whole = query.wholeBytes();
-    // A one-letter query is answered by the letters each text holds. A
-    // longer one is looked for in one pass over everyone's text, or, for a
-    // few candidates, in the texts that hold all its letters. (A NUL in the
-    // query could match across two people's texts in the block.)
+    // A one-letter query is answered by the letters each text holds, a
+    // two-letter one by the pairs. A longer one is looked for in the texts
+    // that hold all its letters and letter pairs; one without a letter pair
+    // is looked for in one pass over everyone's text when everyone is a
+    // candidate. (A NUL in the query could match across two people's texts
+    // in the block.)
     const std::uint64_t needed = lettersOf(whole);
     const bool byLetterAlone = whole.size() == 1 && needed != 0;
-    const bool onePass =
-        everyone && !byLetterAlone && !whole.empty() && whole.find('\0') == std::string_view::npos;
+    // The rows of the query's letter pairs, each once. A text that holds the
+    // query holds every one of them.
+    std::vector<const std::uint64_t*> pairs;
+    for (std::size_t i = 1; i < whole.size(); ++i) {
+        if (isLetter(whole[i - 1]) && isLetter(whole[i])) {
+            const auto* row = pairRow(pairOf(whole[i - 1], whole[i]));
+            if (std::find(pairs.begin(), pairs.end(), row) == pairs.end()) {
+                pairs.push_back(row);
+            }
+        }
+    }
+    const bool byPairAlone = whole.size() == 2 && pairs.size() == 1;
+    // With pairs to pass people over, visiting each beats reading everyone's text.
+    const bool onePass = everyone && !byLetterAlone && pairs.empty() && !whole.empty() &&
+                         whole.find('\0') == std::string_view::npos;
+    const auto textHolds = [&](std::uint32_t position) {
+        if (byPairAlone) {
+            return holds(pairs.front(), position);
+        }
+        if ((m_letters[position] & needed) != needed) {
+            return false;
+        }
+        if (byLetterAlone) {
+            return true;
+        }
+        for (const auto* row : pairs) {
+            if (!holds(row, position)) {
+                return false;
+            }
+        }
+        return occursIn(searchText(position), whole);
+    };
     if (onePass) {
         std::size_t from = 0;
         std::uint32_t position = 0;
@@ -220,8 +274,7 @@ void SearchIndex::match(const SearchQuery& query, std::span<const std::uint32_t>
         if (matched[position] != 0) {
             return;
         }
-        if (!onePass && (m_letters[position] & needed) == needed &&
-            (byLetterAlone || occursIn(searchText(position), whole))) {
+        if (!onePass && textHolds(position)) {
             matched[position] = 1;
             return;
         }
@@ -237,6 +290,21 @@ void SearchIndex::match(const SearchQuery& query, std::span<const std::uint32_t>
     if (everyone) {
         if (onePass && !wordsLeft && pastJobs.empty()) {
             return; // a one-word query found in one pass: nothing else can match
+        }
+        if (!pairs.empty() && !wordsLeft && pastJobs.empty()) {
+            // Only the text can match, and only where it holds every pair:
+            // visit just those people, sixty-four positions to a word.
+            for (std::size_t word = 0; word < m_pairWords; ++word) {
+                std::uint64_t bits = ~std::uint64_t{0};
+                for (const auto* row : pairs) {
+                    bits &= row[word];
+                }
+                for (; bits != 0; bits &= bits - 1) {
+                    rest(static_cast<std::uint32_t>(word * 64 +
+                                                    static_cast<std::size_t>(std::countr_zero(bits))));
+                }
+            }
+            return;
         }
         for (std::uint32_t position = 0; position < m_people.size(); ++position) {
             rest(position);

@@ -52,6 +52,12 @@ private:
 
     bool matchesWords(const SearchQuery& query, std::uint32_t position, const std::string* pastJobs) const;
 
+    // One letter pair's row of m_pairs, and whether it holds a position.
+    const std::uint64_t* pairRow(std::size_t pair) const { return m_pairs.data() + pair * m_pairWords; }
+    static bool holds(const std::uint64_t* row, std::uint32_t position) {
+        return ((row[position / 64] >> (position % 64)) & 1u) != 0;
+    }
+
     std::vector<const Person*> m_people;
     std::string m_text;                  // every search text, each followed by a NUL
     std::vector<std::uint32_t> m_starts; // where each text begins; one more at the end
@@ -59,6 +65,15 @@ private:
     // a byte of the query is passed over without being read, and a one-letter
     // query is answered by the bit alone.
     std::vector<std::uint64_t> m_letters;
+    // For each pair of lowercase ASCII letters, one bit per position: whether
+    // the person's text holds the two letters side by side. What is typed is
+    // mostly letters, so a candidate whose text lacks a pair of the query is
+    // passed over without being read, and a two-letter query (the keystroke
+    // after the first) is answered by the bit alone. One row per pair reads
+    // a few kilobytes per keystroke where per-person masks would read
+    // megabytes.
+    std::vector<std::uint64_t> m_pairs;
+    std::size_t m_pairWords = 0; // words per row
     // Open addressing from a person's address to its position.
     std::vector<std::pair<const Person*, std::uint32_t>> m_slots;
 };

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <random>
 
 namespace kinbook {
 namespace {
@@ -754,6 +755,81 @@ TEST_F(PeopleListShownTest, TheFirstSearchAfterTheIndexArrivesUsesIt) {
     EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"ANN-1", "BOB-1"}));
     ASSERT_TRUE(list->lastSearch().has_value());
     EXPECT_NE(list->lastSearch()->positions, nullptr);
+}
+
+// Typing letter by letter narrows each result from the one before; it must
+// end where searching the whole list for the final text does.
+TEST_F(PeopleListShownTest, TypingLetterByLetterFindsWhatTheQueryItselfSaysOfEveryone) {
+    std::mt19937 random(5);
+    const std::string letters = "abcde ";
+    const auto randomText = [&](std::size_t least, std::size_t most, std::size_t alphabet) {
+        std::string text(std::uniform_int_distribution<std::size_t>(least, most)(random), ' ');
+        for (auto& c : text) {
+            c = letters[std::uniform_int_distribution<std::size_t>(0, alphabet - 1)(random)];
+        }
+        return text;
+    };
+    for (int i = 0; i < 80; ++i) {
+        const auto uid = fmt::format("P-{}", i);
+        writeCard(
+            i % 3 == 0 ? "work" : "home", uid,
+            vcard(uid, randomText(2, 5, 5), randomText(2, 6, 5), i % 9 == 0 ? anchor(uid, "?h=1") : ""));
+    }
+    auto list = makeList();
+    loadAndWait(*list);
+    ASSERT_FALSE(list->isIndexing());
+
+    for (const bool workOnly : {false, true}) {
+        list->setAccountFilter(workOnly ? std::optional<std::string>("work") : std::nullopt);
+        for (int round = 0; round < 60; ++round) {
+            const auto typed = randomText(1, 5, letters.size());
+            list->setSearchText("");
+            for (std::size_t length = 1; length <= typed.size(); ++length) {
+                list->setSearchText(typed.substr(0, length));
+            }
+            const auto query = SearchQuery::parse(typed);
+            std::vector<std::string> expected;
+            for (const auto& section : *list->indexed(SortOrder::lastName)) {
+                for (const auto& person : section.people) {
+                    const bool inAccount =
+                        !workOnly || std::find(person->accountIDs.begin(), person->accountIDs.end(),
+                                               "work") != person->accountIDs.end();
+                    if (!person->hidden && inAccount &&
+                        (query.isEmpty() || query.matches(*person, nullptr))) {
+                        expected.push_back(person->id);
+                    }
+                }
+            }
+            ASSERT_EQ(idsOf(list->sections()), expected) << '"' << typed << "\" work only: " << workOnly;
+            ASSERT_EQ(list->matchCount(), static_cast<int>(expected.size()));
+        }
+    }
+}
+
+// A search's list lends its people; whoever holds the list still holds them
+// once everyone is read again and the list lets go of the people it had.
+TEST_F(PeopleListShownTest, AHeldSearchResultOutlivesThePeopleBeingReadAgain) {
+    auto list = makeList();
+    loadAndWait(*list);
+    list->setSearchText("smith");
+    const SectionList held = list->sharedSections();
+    const auto familyNames = [&] {
+        std::vector<std::string> names;
+        for (const auto& section : *held) {
+            for (const auto& person : section.people) {
+                names.push_back(person->familyName);
+            }
+        }
+        return names;
+    };
+    ASSERT_EQ(familyNames(), (std::vector<std::string>{"Smith", "Smithers"}));
+
+    writeCard("home", "ANN-1", vcard("ANN-1", "Ann", "Smythe", anchor("KANN", "?r=1")));
+    writeCard("work", "BOB-1", vcard("BOB-1", "Bob", "Smithson"));
+    m_book->startOver = true;
+    loadAndWait(*list);
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"BOB-1"});
+    EXPECT_EQ(familyNames(), (std::vector<std::string>{"Smith", "Smithers"}));
 }
 
 TEST_F(PeopleListShownTest, TypingSettlesBeforeTheListIsSearched) {

@@ -70,7 +70,10 @@ TEST(SearchIndexTest, MatchesWhatTheQueryItselfSaysOfEveryPerson) {
         "example.com", "0612 78",
         // One byte: answered by which letters a text holds, for the bytes
         // that have a bit, and looked for in the text for those that don't.
-        "z", "9", "@", ".", "-", "q", "é", "!", "1 (", "x!"};
+        "z", "9", "@", ".", "-", "q", "é", "!", "1 (", "x!",
+        // Letter pairs: two letters are answered by the pair alone, more by
+        // the texts that hold every pair.
+        "sm", "nn", "ob", "xa", "ith", "mis", "ann sm"};
     for (const auto& text : queries) {
         const auto query = SearchQuery::parse(text);
         for (const bool withPastJobs : {false, true}) {
