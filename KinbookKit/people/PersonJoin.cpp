@@ -112,6 +112,70 @@ void buildLookUps(const std::vector<PersonPtr>& people, JoinedPeople& joined) {
     }
 }
 
+// The cards of a read that share a KinID with another card.
+struct KinGroups {
+    // The cards of every group of two or more, by index, each group's cards
+    // together and in the order read.
+    std::vector<std::uint32_t> cards;
+    // Each group as [begin, end) in `cards`.
+    std::vector<std::pair<std::size_t, std::size_t>> groups;
+    // Per card: read after another card of its group.
+    std::vector<std::uint8_t> follows;
+};
+
+// Groups are found by sorting the cards by a hash of their KinID, not through
+// a map of lists: at 120,000 cards, an allocation per group was most of the
+// time. Cards whose hashes agree are told apart by the KinID itself.
+KinGroups findKinGroups(const std::vector<PersonPtr>& cards) {
+    struct Keyed {
+        std::uint64_t hash;
+        std::uint32_t index;
+    };
+    std::vector<Keyed> keyed;
+    keyed.reserve(cards.size());
+    for (std::uint32_t i = 0; i < cards.size(); ++i) {
+        if (cards[i]->kinID) {
+            keyed.push_back({std::hash<std::string_view>{}(*cards[i]->kinID), i});
+        }
+    }
+    std::sort(keyed.begin(), keyed.end(), [](const Keyed& left, const Keyed& right) {
+        return left.hash != right.hash ? left.hash < right.hash : left.index < right.index;
+    });
+    const auto kinIDOf = [&](const Keyed& card) -> const std::string& { return *cards[card.index]->kinID; };
+
+    KinGroups found;
+    found.follows.assign(cards.size(), 0);
+    for (std::size_t run = 0; run < keyed.size();) {
+        std::size_t runEnd = run + 1;
+        while (runEnd < keyed.size() && keyed[runEnd].hash == keyed[run].hash) {
+            ++runEnd;
+        }
+        if (runEnd - run > 1) {
+            // Two KinIDs with one hash, however unlikely, are two groups.
+            std::stable_sort(
+                keyed.begin() + static_cast<std::ptrdiff_t>(run),
+                keyed.begin() + static_cast<std::ptrdiff_t>(runEnd),
+                [&](const Keyed& left, const Keyed& right) { return kinIDOf(left) < kinIDOf(right); });
+            for (std::size_t group = run; group < runEnd;) {
+                std::size_t groupEnd = group + 1;
+                while (groupEnd < runEnd && kinIDOf(keyed[groupEnd]) == kinIDOf(keyed[group])) {
+                    found.follows[keyed[groupEnd].index] = 1;
+                    ++groupEnd;
+                }
+                if (groupEnd - group > 1) {
+                    found.groups.emplace_back(found.cards.size(), found.cards.size() + (groupEnd - group));
+                    for (std::size_t member = group; member < groupEnd; ++member) {
+                        found.cards.push_back(keyed[member].index);
+                    }
+                }
+                group = groupEnd;
+            }
+        }
+        run = runEnd;
+    }
+    return found;
+}
+
 } // namespace
 
 std::optional<std::string_view> JoinedPeople::personIDOf(std::string_view cardID) const {
@@ -181,65 +245,13 @@ JoinedPeople joinPeople(std::vector<PersonPtr> raw,
         }
     };
 
-    // Cards sharing a KinID are found by sorting the cards by a hash of it,
-    // not through a map of lists: at 120,000 cards, an allocation per group
-    // was most of the time. Cards whose hashes agree are told apart by the
-    // KinID itself.
     const auto& cards = joined.raw;
-    struct Keyed {
-        std::uint64_t hash;
-        std::uint32_t index;
-    };
-    std::vector<Keyed> keyed;
-    keyed.reserve(cards.size());
-    for (std::uint32_t i = 0; i < cards.size(); ++i) {
-        if (cards[i]->kinID) {
-            keyed.push_back({std::hash<std::string_view>{}(*cards[i]->kinID), i});
-        }
-    }
-    std::sort(keyed.begin(), keyed.end(), [](const Keyed& left, const Keyed& right) {
-        return left.hash != right.hash ? left.hash < right.hash : left.index < right.index;
-    });
-    // A group of two or more: its cards are keyed[begin, end), in the order
-    // read, so its person goes where the first of them was read.
-    struct Group {
-        std::size_t begin;
-        std::size_t end;
-    };
-    std::vector<Group> shared;
-    std::vector<std::uint8_t> follows(cards.size(), 0); // read after another card of its group
-    for (std::size_t run = 0; run < keyed.size();) {
-        std::size_t runEnd = run + 1;
-        while (runEnd < keyed.size() && keyed[runEnd].hash == keyed[run].hash) {
-            ++runEnd;
-        }
-        if (runEnd - run > 1) {
-            // Two KinIDs with one hash, however unlikely, are two groups.
-            std::stable_sort(keyed.begin() + static_cast<std::ptrdiff_t>(run),
-                             keyed.begin() + static_cast<std::ptrdiff_t>(runEnd),
-                             [&](const Keyed& left, const Keyed& right) {
-                                 return *cards[left.index]->kinID < *cards[right.index]->kinID;
-                             });
-            for (std::size_t group = run; group < runEnd;) {
-                std::size_t groupEnd = group + 1;
-                while (groupEnd < runEnd &&
-                       *cards[keyed[groupEnd].index]->kinID == *cards[keyed[group].index]->kinID) {
-                    follows[keyed[groupEnd].index] = 1;
-                    ++groupEnd;
-                }
-                if (groupEnd - group > 1) {
-                    shared.push_back({group, groupEnd});
-                }
-                group = groupEnd;
-            }
-        }
-        run = runEnd;
-    }
+    const auto groups = findKinGroups(cards);
     std::vector<PersonPtr> unsorted;
     unsorted.reserve(cards.size());
     std::vector<std::uint32_t> slotOf(cards.size()); // where each card's person goes in `unsorted`
     for (std::uint32_t i = 0; i < cards.size(); ++i) {
-        if (!follows[i]) {
+        if (!groups.follows[i]) {
             slotOf[i] = static_cast<std::uint32_t>(unsorted.size());
             unsorted.push_back(cards[i]);
         }
@@ -248,17 +260,18 @@ JoinedPeople joinPeople(std::vector<PersonPtr> raw,
     // in two halves side by side.
     const auto joinGroups = [&](std::size_t from, std::size_t to) {
         for (std::size_t k = from; k < to; ++k) {
+            const auto [begin, end] = groups.groups[k];
             std::vector<PersonPtr> members;
-            members.reserve(shared[k].end - shared[k].begin);
-            for (std::size_t member = shared[k].begin; member < shared[k].end; ++member) {
-                members.push_back(cards[keyed[member].index]);
+            members.reserve(end - begin);
+            for (std::size_t member = begin; member < end; ++member) {
+                members.push_back(cards[groups.cards[member]]);
             }
-            const auto slot = slotOf[keyed[shared[k].begin].index];
-            unsorted[slot] = std::make_shared<const Person>(joinGroup(std::move(members)));
+            unsorted[slotOf[groups.cards[begin]]] =
+                std::make_shared<const Person>(joinGroup(std::move(members)));
         }
     };
-    const std::size_t half = shared.size() / 2;
-    inTwo([&] { joinGroups(0, half); }, [&] { joinGroups(half, shared.size()); });
+    const std::size_t half = groups.groups.size() / 2;
+    inTwo([&] { joinGroups(0, half); }, [&] { joinGroups(half, groups.groups.size()); });
 
     // The order (and what is made from it) beside the look-ups: neither
     // writes what the other reads.
