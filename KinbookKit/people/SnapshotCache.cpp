@@ -18,7 +18,6 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <span>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -443,76 +442,20 @@ bool readAccount(ondemand::value& value, Account& account) {
     return hasID && hasName;
 }
 
-// Asks for the large pages behind a list of people made at its size and not
-// yet filled: at 100,000 people it is some 80 MB, and faulting that in one
-// small page at a time costs more than filling it. Only advice: without
-// large pages nothing changes.
-void inLargePages(std::vector<Person>& people) {
-    constexpr std::uintptr_t kLargePage = std::uintptr_t{2} << 20;
-    const auto begin = reinterpret_cast<std::uintptr_t>(people.data());
-    const auto end = begin + people.capacity() * sizeof(Person);
-    const auto first = (begin + kLargePage - 1) & ~(kLargePage - 1);
-    const auto last = end & ~(kLargePage - 1);
-    if (first < last) {
-        ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-    }
-}
-
-// Below this many people one thread decodes them all: a second would cost
-// more to start than it saves.
-constexpr std::size_t kPeopleForTwoThreads = 4096;
-
-// Decodes people[i] from texts[i], each a person's object as it stands in
-// the file, parsed as a document of its own. `end` is where the file's
-// padding ends: every text is followed by readable bytes up to it, which is
-// all the parser asks of what comes after a document.
-bool decodePeople(std::span<const std::string_view> texts, const char* end, std::span<Person> people) {
-    ondemand::parser parser;
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        const auto text = texts[i];
-        const simdjson::padded_string_view json(text.data(), text.size(),
-                                                static_cast<std::size_t>(end - text.data()));
-        ondemand::document document;
+// The general reader's people, one after another: a file in Kinbook's own
+// layout, the large one, is read by the faster path below.
+bool readPeople(ondemand::array& array, std::vector<Person>& people) {
+    people.clear();
+    for (auto element : array) {
         ondemand::value value;
-        if (parser.iterate(json).get(document) != SUCCESS || document.get_value().get(value) != SUCCESS ||
-            !readPerson(value, people[i])) {
+        if (std::move(element).get(value) != SUCCESS || !readPerson(value, people.emplace_back())) {
             return false;
         }
     }
     return true;
 }
 
-// At 100,000 people, decoding them is most of a start from the cache. Each
-// person's object is found first, a walk over the structure the parser has
-// already indexed; then the two halves are decoded side by side.
-bool readPeople(ondemand::array& array, const char* end, std::vector<Person>& people) {
-    std::vector<std::string_view> texts;
-    for (auto element : array) {
-        ondemand::object object;
-        std::string_view text;
-        if (std::move(element).get_object().get(object) != SUCCESS ||
-            object.raw_json().get(text) != SUCCESS) {
-            return false;
-        }
-        texts.push_back(text);
-    }
-    people.clear();
-    people.reserve(texts.size());
-    inLargePages(people);
-    people.resize(texts.size());
-    const std::span<const std::string_view> all(texts);
-    if (texts.size() < kPeopleForTwoThreads || std::thread::hardware_concurrency() < 2) {
-        return decodePeople(all, end, people);
-    }
-    const std::size_t half = texts.size() / 2;
-    bool lowerRead = false;
-    bool upperRead = false;
-    runSideBySide([&] { lowerRead = decodePeople(all.first(half), end, std::span(people).first(half)); },
-                  [&] { upperRead = decodePeople(all.subspan(half), end, std::span(people).subspan(half)); });
-    return lowerRead && upperRead;
-}
-
-bool readSnapshot(ondemand::value& value, const char* end, AddressBookSnapshot& snapshot) {
+bool readSnapshot(ondemand::value& value, AddressBookSnapshot& snapshot) {
     ondemand::object object;
     if (value.get_object().get(object) != SUCCESS) {
         return false;
@@ -534,7 +477,7 @@ bool readSnapshot(ondemand::value& value, const char* end, AddressBookSnapshot& 
             if (item.get_array().get(array) != SUCCESS) {
                 return false;
             }
-            if (!readPeople(array, end, snapshot.people)) {
+            if (!readPeople(array, snapshot.people)) {
                 return false;
             }
             hasPeople = true;
@@ -622,7 +565,7 @@ std::optional<AddressBookSnapshot> decodeAnyFile(simdjson::padded_string_view js
             format = value;
         } else if (name == "snapshot") {
             snapshot.emplace();
-            if (!readSnapshot(field.value(), json.data() + json.capacity(), *snapshot)) {
+            if (!readSnapshot(field.value(), *snapshot)) {
                 return std::nullopt;
             }
         }
@@ -692,7 +635,6 @@ std::optional<AddressBookSnapshot> decodeWrittenFile(simdjson::padded_string_vie
     // Made for the whole list: the upper half is moved in behind it.
     std::vector<Person> lower;
     lower.reserve(static_cast<std::size_t>(end - begin) / kTypicalPersonBytes + 1);
-    inLargePages(lower);
     std::vector<Person> upper;
     const char* lowerEnd = nullptr;
     const char* upperEnd = nullptr;
@@ -703,7 +645,6 @@ std::optional<AddressBookSnapshot> decodeWrittenFile(simdjson::padded_string_vie
     };
     const auto readUpper = [&] {
         upper.reserve(static_cast<std::size_t>(end - split) / kTypicalPersonBytes + 1);
-        inLargePages(upper);
         if (simdjson::validate_utf8(split, static_cast<std::size_t>(end - split))) {
             upperEnd = readWrittenPeople(split, nullptr, upper);
         }
