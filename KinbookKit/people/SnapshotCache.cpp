@@ -684,9 +684,17 @@ std::optional<AddressBookSnapshot> decodeFile(simdjson::padded_string_view json)
 }
 
 // A file's bytes followed by the zeroed padding the parser reads past the
-// end. The memory comes straight from the system, asked for in large pages
-// where it grants them: at 100,000 people the file is tens of megabytes,
-// and faulting that in one small page at a time costs more than reading it.
+// end. The file is mapped rather than read: its pages are already in the
+// system's file cache (it was written by the last full read), and mapping
+// them costs a few milliseconds where copying 100 MB into fresh memory,
+// which the system must first zero, costs tens. The padding is a reserved
+// stretch of zero pages directly behind the mapping.
+//
+// A mapped file that another program shortens while it is read would end
+// the process; the cache file is private to the user and is only ever
+// replaced whole (written beside and renamed), never shortened in place, so
+// a replacement leaves the mapped file as it was. Where the file system
+// cannot map files, it is read into the reserved memory instead.
 class FileBytes {
 public:
     static std::optional<FileBytes> read(const std::filesystem::path& path) {
@@ -718,20 +726,26 @@ public:
     }
 
 private:
-    static constexpr std::size_t kLargePage = std::size_t{2} << 20;
-
     FileBytes(void* data, std::size_t size, std::size_t capacity)
         : m_data(data), m_size(size), m_capacity(capacity) {}
 
     static std::optional<FileBytes> readFrom(int fd, std::size_t expected) {
-        const std::size_t capacity =
-            (expected + simdjson::SIMDJSON_PADDING + kLargePage - 1) / kLargePage * kLargePage;
+        const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        const std::size_t capacity = (expected + simdjson::SIMDJSON_PADDING + page - 1) / page * page;
         void* data = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (data == MAP_FAILED) {
             return std::nullopt;
         }
-        ::madvise(data, capacity, MADV_HUGEPAGE);
         FileBytes bytes(data, 0, capacity);
+        if (expected == 0) {
+            return bytes;
+        }
+        // The file's last page reads as zeros past its end, and the reserved
+        // pages behind it give the rest of the padding.
+        if (::mmap(data, expected, PROT_READ, MAP_PRIVATE | MAP_FIXED | MAP_POPULATE, fd, 0) != MAP_FAILED) {
+            bytes.m_size = expected;
+            return bytes;
+        }
         // A file that grew since it was measured is read up to that size,
         // one that shrank up to its end; either is then judged as JSON.
         auto* out = static_cast<char*>(data);

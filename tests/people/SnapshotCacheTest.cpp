@@ -175,6 +175,26 @@ TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
     EXPECT_EQ(readText(format9.dump()), std::nullopt) << "a file of format 9";
 }
 
+TEST_F(SnapshotCacheTest, FilesEndingAtAndAroundAPageBoundaryReadWithoutReadingPastTheirEnd) {
+    // The reader looks up to a few dozen bytes past the end of the file's
+    // text; a file that fills its last page to the brim must still give it
+    // zeros there, whole or cut off in the middle of a text.
+    const auto whole = SnapshotCache::encode(sampleSnapshot());
+    ASSERT_TRUE(whole.has_value());
+    const std::size_t page = 4096;
+    for (std::size_t size = page - 72; size <= page + 1; ++size) {
+        std::string padded = *whole;
+        padded.resize(size, ' ');
+        EXPECT_EQ(readText(padded), sampleSnapshot()) << size << " bytes";
+
+        // The same length, ending inside a long escaped text.
+        std::string cut = *whole;
+        cut.insert(cut.find("\"places\":[") + 10, "\"" + std::string(size, 'a'));
+        cut.resize(size);
+        EXPECT_EQ(readText(cut), std::nullopt) << size << " bytes, cut in a text";
+    }
+}
+
 TEST(SnapshotCacheDecode, EveryTruncationOfAFileIsNone) {
     const auto whole = SnapshotCache::encode(sampleSnapshot());
     ASSERT_TRUE(whole.has_value());
