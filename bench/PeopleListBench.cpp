@@ -224,7 +224,7 @@ Figures measureNextStart(const fs::path& base) {
         const auto& key = list.people()[i]->sortKey();
         if (key.size() >= 4 &&
             std::all_of(key.begin(), key.begin() + 4, [](char c) { return c >= 'a' && c <= 'z'; })) {
-            prefixes.push_back(key.substr(0, 4));
+            prefixes.emplace_back(key.substr(0, 4));
         }
     }
     std::vector<double> first;

@@ -173,7 +173,7 @@ std::string sectionsText(std::span<const Section> sections, int matchCount, std:
 }
 
 std::string personText(const Person& person, std::span<const ShownCard> cards, const AccountNames& names) {
-    std::string out = person.displayName() + "\n";
+    std::string out = std::string(person.displayName()) + "\n";
     auto row = [&](std::string_view label, std::string_view value) {
         out += fmt::format("  {}  {}\n", padded(label, 14), value);
     };

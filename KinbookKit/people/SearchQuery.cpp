@@ -59,7 +59,7 @@ bool occursIn(std::string_view haystack, std::string_view needle) {
     return false;
 }
 
-bool occursInAny(const std::vector<std::string>& haystacks, std::string_view needle) {
+bool occursInAny(const TextList& haystacks, std::string_view needle) {
     for (const auto& haystack : haystacks) {
         if (occursIn(haystack, needle)) {
             return true;
@@ -130,7 +130,7 @@ SearchQuery SearchQuery::parse(std::string_view text) {
 }
 
 bool SearchQuery::matches(const Person& person, const std::string* pastJobText) const {
-    const std::string& searchText = person.searchText();
+    const std::string_view searchText = person.searchText();
     if (occursIn(searchText, whole) || (pastJobText != nullptr && occursIn(*pastJobText, whole))) {
         return true;
     }

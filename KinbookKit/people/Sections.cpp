@@ -141,7 +141,7 @@ std::string_view secondCodeOf(const Person& person) {
     return person.areaCodes().size() > 1 ? std::string_view(person.areaCodes()[1]) : kNoSecondCode;
 }
 
-char oneByteLetter(const std::string& letter) {
+char oneByteLetter(std::string_view letter) {
     return letter.size() == 1 && letter[0] != '\0' ? letter[0] : '\0';
 }
 
@@ -200,8 +200,7 @@ Entry entryOf(SortOrder order, const Person& person, std::uint32_t index) {
 constexpr std::size_t kPrefetchDistance = 16;
 
 void prefetchPerson(const Person& person) {
-    __builtin_prefetch(&person.keys());
-    __builtin_prefetch(&person.keys().areaCodes);
+    __builtin_prefetch(&person.memberIDs); // beside the keys' address
     __builtin_prefetch(&person.phoneNumbers);
     __builtin_prefetch(&person.postalCodes);
     __builtin_prefetch(&person.circle);
@@ -211,15 +210,12 @@ constexpr std::uint32_t bitOf(SortOrder order) {
     return 1u << static_cast<unsigned>(order);
 }
 
-// The heap text of the keys, once the person's own lines have arrived.
+// The keys' block and the lists, once the person's own lines have arrived.
+// The block starts with the short keys; the search text comes last.
 void prefetchKeyText(const Person& person, std::uint32_t orders) {
-    __builtin_prefetch(person.sortKey().data());
-    if (orders & bitOf(SortOrder::firstName)) {
-        __builtin_prefetch(person.firstNameSortKey().data());
-    }
-    if (orders & bitOf(SortOrder::areaCode)) {
-        __builtin_prefetch(person.areaCodes().data());
-    }
+    const auto* keys = static_cast<const char*>(person.keysAddress());
+    __builtin_prefetch(keys);
+    __builtin_prefetch(keys + 64);
     if (orders & bitOf(SortOrder::zip)) {
         __builtin_prefetch(person.postalCodes.data());
     }
@@ -306,8 +302,9 @@ public:
                 return "No Phone";
             default: {
                 // Most codes are in the words; the label is made once per code.
-                const std::string code =
-                    entry.fallbackAt == kSettled ? textOfWords(entry, 1, 1) : person.areaCodes().front();
+                const std::string code = entry.fallbackAt == kSettled
+                                             ? textOfWords(entry, 1, 1)
+                                             : std::string(person.areaCodes().front());
                 if (!m_hasTitle || code != m_key) {
                     m_key = code;
                     m_title = AreaCodes::label(m_key);
@@ -532,11 +529,11 @@ std::vector<Section> filterSections(std::span<const Section> sections,
         Section narrowed{section.letter, {}};
         for (const auto& person : section.people) {
             if (const auto* ahead = far.current()) {
-                __builtin_prefetch(&(*ahead)->searchText());
+                __builtin_prefetch((*ahead)->keysAddress());
                 __builtin_prefetch(&(*ahead)->hidden);
             }
             if (const auto* ahead = near.current()) {
-                const std::string& text = (*ahead)->searchText();
+                const std::string_view text = (*ahead)->searchText();
                 __builtin_prefetch(text.data());
                 __builtin_prefetch(text.data() + 64);
                 prefetchShareCount(*ahead);

@@ -404,7 +404,7 @@ bool readPerson(ondemand::value& value, Person& person) {
         if ((seen & kDerivedFields) != kDerivedFields) {
             return false;
         }
-        person.adoptKeys(std::move(keys));
+        person.adoptKeys(keys);
     } else {
         person.derive();
     }

@@ -20,15 +20,14 @@ std::string sectionLetterOf(const std::string& key) {
     return "#";
 }
 
-// The folded texts derive() puts together, kept per thread: a large
-// address book derives the keys of every person on every read, and building
-// them here first means each key is allocated once, at its final size.
+// The texts derive() puts together, kept per thread with their memory: a
+// large address book derives the keys of every person on every read, and
+// the keys are then packed into one block at their final size.
 struct DeriveScratch {
     std::string given;
     std::string family;
     std::string display;
-    std::string key;
-    std::string search;
+    PersonKeys keys;
 };
 
 DeriveScratch& deriveScratch() {
@@ -37,40 +36,39 @@ DeriveScratch& deriveScratch() {
 }
 
 // The lead, a blank, the tail: both folded already.
-std::string sortKeyOf(std::string& key, const std::string& lead, const std::string& tail) {
+void sortKeyOf(std::string& key, const std::string& lead, const std::string& tail) {
     key.assign(lead);
     key += ' ';
     key += tail;
-    return std::string(key);
 }
 
 } // namespace
 
 void Person::derive() {
-    PersonKeys keys;
     DeriveScratch& scratch = deriveScratch();
+    PersonKeys& keys = scratch.keys;
     // Each name is folded once and the folds reused for every key.
     scratch.given.clear();
     foldInto(scratch.given, givenName);
     scratch.family.clear();
     foldInto(scratch.family, familyName);
     scratch.display.clear();
+    keys.displayName.clear();
     if (!givenName.empty() && !familyName.empty()) {
-        keys.displayName.reserve(givenName.size() + 1 + familyName.size());
         keys.displayName += givenName;
         keys.displayName += ' ';
         keys.displayName += familyName;
         foldInto(scratch.display, keys.displayName);
     } else if (!givenName.empty() || !familyName.empty()) {
-        keys.displayName = std::string(givenName.empty() ? familyName : givenName);
+        keys.displayName = givenName.empty() ? familyName : givenName;
         scratch.display = givenName.empty() ? scratch.family : scratch.given;
     } else {
         if (!organization.empty()) {
-            keys.displayName = std::string(organization);
+            keys.displayName = organization;
         } else if (!emailAddresses.empty()) {
-            keys.displayName = std::string(emailAddresses.front());
+            keys.displayName = emailAddresses.front();
         } else if (!phoneNumbers.empty()) {
-            keys.displayName = std::string(phoneNumbers.front());
+            keys.displayName = phoneNumbers.front();
         }
         foldInto(scratch.display, keys.displayName);
     }
@@ -78,8 +76,8 @@ void Person::derive() {
     // first and files under "#", not among the Ns.
     const std::string& given = scratch.given;
     const std::string& family = scratch.family;
-    keys.sortKey = sortKeyOf(scratch.key, familyName.empty() ? scratch.display : family, given);
-    keys.firstNameSortKey = sortKeyOf(scratch.key, givenName.empty() ? scratch.display : given, family);
+    sortKeyOf(keys.sortKey, familyName.empty() ? scratch.display : family, given);
+    sortKeyOf(keys.firstNameSortKey, givenName.empty() ? scratch.display : given, family);
     if (keys.displayName.empty()) {
         keys.displayName = "No Name";
         scratch.display.clear();
@@ -88,8 +86,8 @@ void Person::derive() {
     keys.sectionLetter = sectionLetterOf(keys.sortKey);
     keys.firstNameSectionLetter = sectionLetterOf(keys.firstNameSortKey);
 
-    keys.phoneDigits.reserve(phoneNumbers.size());
-    keys.areaCodes.reserve(phoneNumbers.size());
+    keys.phoneDigits.clear();
+    keys.areaCodes.clear();
     for (const auto& phone : phoneNumbers) {
         if (auto code = AreaCodes::areaCode(phone)) {
             keys.areaCodes.push_back(std::move(*code));
@@ -97,7 +95,7 @@ void Person::derive() {
         keys.phoneDigits.push_back(numberCharacters(phone));
     }
 
-    std::string& search = scratch.search;
+    std::string& search = keys.searchText;
     search.clear();
     const auto addFolded = [&](const std::string& folded) {
         search += folded;
@@ -121,8 +119,7 @@ void Person::derive() {
         }
     }
     search.pop_back(); // the last line's break
-    keys.searchText = std::string(search);
-    m_keys = std::move(keys);
+    m_keys = PackedKeys(keys);
 }
 
 Person Person::with(Changes changes) const {
@@ -172,14 +169,14 @@ nlohmann::json Person::toJSON() const {
         {"hidden", hidden},
         {"isPrimaryCard", isPrimaryCard},
         {"memberIDs", memberIDs},
-        {"displayName", m_keys.displayName},
-        {"sortKey", m_keys.sortKey},
-        {"sectionLetter", m_keys.sectionLetter},
-        {"firstNameSortKey", m_keys.firstNameSortKey},
-        {"firstNameSectionLetter", m_keys.firstNameSectionLetter},
-        {"areaCodes", m_keys.areaCodes},
-        {"searchText", m_keys.searchText},
-        {"phoneDigits", m_keys.phoneDigits},
+        {"displayName", displayName()},
+        {"sortKey", sortKey()},
+        {"sectionLetter", sectionLetter()},
+        {"firstNameSortKey", firstNameSortKey()},
+        {"firstNameSectionLetter", firstNameSectionLetter()},
+        {"areaCodes", areaCodes().strings()},
+        {"searchText", searchText()},
+        {"phoneDigits", phoneDigits().strings()},
     };
     if (kinID) {
         json["kinID"] = *kinID;
@@ -233,7 +230,7 @@ std::optional<Person> Person::fromJSON(const nlohmann::json& json) {
             json.at("areaCodes").get_to(keys.areaCodes);
             json.at("searchText").get_to(keys.searchText);
             json.at("phoneDigits").get_to(keys.phoneDigits);
-            person.adoptKeys(std::move(keys));
+            person.adoptKeys(keys);
         } else {
             person.derive();
         }

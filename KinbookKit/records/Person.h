@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KinbookKit/records/ContactCircle.h"
+#include "KinbookKit/records/PackedKeys.h"
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -10,21 +11,6 @@
 #include <vector>
 
 namespace kinbook {
-
-// The keys the list sorts, sections and searches by, worked out once from a
-// person's stored fields so that no comparison or keystroke folds text again.
-struct PersonKeys {
-    std::string displayName;
-    std::string sortKey;                  // folded; family name (else display name), a blank, given name
-    std::string sectionLetter;            // "A"…"Z" or "#"
-    std::string firstNameSortKey;         // folded; given name (else display name), a blank, family name
-    std::string firstNameSectionLetter;   // "A"…"Z" or "#"
-    std::vector<std::string> areaCodes;   // one per phone number that has one, in order
-    std::string searchText;               // folded names, e-mails, places and postal codes, one per line
-    std::vector<std::string> phoneDigits; // one per phone number: its digits only
-
-    bool operator==(const PersonKeys&) const = default;
-};
 
 // One row of the people list. The address book produces one per card (a
 // "raw" person); the list joins the raw people of one human into one. A
@@ -56,22 +42,27 @@ struct Person {
     bool isPrimaryCard = false;
     std::vector<std::string> memberIDs; // a joined person's card ids, leading card first
 
-    // Derived keys (see PersonKeys).
-    const std::string& displayName() const { return m_keys.displayName; }
-    const std::string& sortKey() const { return m_keys.sortKey; }
-    const std::string& sectionLetter() const { return m_keys.sectionLetter; }
-    const std::string& firstNameSortKey() const { return m_keys.firstNameSortKey; }
-    const std::string& firstNameSectionLetter() const { return m_keys.firstNameSectionLetter; }
-    const std::vector<std::string>& areaCodes() const { return m_keys.areaCodes; }
-    const std::string& searchText() const { return m_keys.searchText; }
-    const std::vector<std::string>& phoneDigits() const { return m_keys.phoneDigits; }
-    const PersonKeys& keys() const { return m_keys; }
+    // Derived keys (see PersonKeys), worked out once from the stored fields
+    // so that no comparison or keystroke folds text again.
+    std::string_view displayName() const { return m_keys.text(PackedKeys::Text::displayName); }
+    std::string_view sortKey() const { return m_keys.text(PackedKeys::Text::sortKey); }
+    std::string_view sectionLetter() const { return m_keys.text(PackedKeys::Text::sectionLetter); }
+    std::string_view firstNameSortKey() const { return m_keys.text(PackedKeys::Text::firstNameSortKey); }
+    std::string_view firstNameSectionLetter() const {
+        return m_keys.text(PackedKeys::Text::firstNameSectionLetter);
+    }
+    TextList areaCodes() const { return m_keys.areaCodes(); }
+    std::string_view searchText() const { return m_keys.text(PackedKeys::Text::searchText); }
+    TextList phoneDigits() const { return m_keys.phoneDigits(); }
+    PersonKeys keys() const { return m_keys.unpacked(); }
+    // Where the keys lie, for asking memory for them ahead of a read.
+    const void* keysAddress() const { return m_keys.address(); }
 
     // Works the derived keys out from the stored fields.
     void derive();
     // Takes keys that derive() made earlier for these same stored fields, as
     // read back from the snapshot cache, instead of folding everything again.
-    void adoptKeys(PersonKeys keys) { m_keys = std::move(keys); }
+    void adoptKeys(const PersonKeys& keys) { m_keys = PackedKeys(keys); }
 
     // What a copy with changes may replace; an absent member keeps the old
     // value. For `circle` and `kinID`, keeping the old value (absent) differs
@@ -95,7 +86,7 @@ struct Person {
     static std::optional<Person> fromJSON(const nlohmann::json& json);
 
 private:
-    PersonKeys m_keys;
+    PackedKeys m_keys;
 };
 
 } // namespace kinbook

@@ -88,14 +88,22 @@ const char* plainRun(const char* at) {
 #endif
 }
 
+// What a reader keeps from person to person, so that the texts and lists it
+// reads into are not made anew for each of 100,000 people.
+struct ReaderScratch {
+    std::vector<std::string> texts;
+    PersonKeys keys;
+};
+
 // Reads a person field by field, each key checked as the literal text the
 // writer puts before it.
 class WrittenPersonReader {
 public:
-    WrittenPersonReader(const char* at, std::vector<std::string>& scratch) : m_at(at), m_scratch(scratch) {}
+    WrittenPersonReader(const char* at, ReaderScratch& scratch)
+        : m_at(at), m_scratch(scratch.texts), m_keys(scratch.keys) {}
 
     const char* person(Person& person) {
-        PersonKeys keys;
+        PersonKeys& keys = m_keys;
         const bool read =
             literal("{\"id\":") && string(person.id) && literal(",\"givenName\":") &&
             string(person.givenName) && literal(",\"middleName\":") && string(person.middleName) &&
@@ -114,13 +122,13 @@ public:
             literal(",\"sortKey\":") && string(keys.sortKey) && literal(",\"sectionLetter\":") &&
             string(keys.sectionLetter) && literal(",\"firstNameSortKey\":") &&
             string(keys.firstNameSortKey) && literal(",\"firstNameSectionLetter\":") &&
-            string(keys.firstNameSectionLetter) && literal(",\"areaCodes\":") && strings(keys.areaCodes) &&
-            literal(",\"searchText\":") && string(keys.searchText) && literal(",\"phoneDigits\":") &&
-            strings(keys.phoneDigits) && literal("}");
+            string(keys.firstNameSectionLetter) && literal(",\"areaCodes\":") &&
+            scratchStrings(keys.areaCodes) && literal(",\"searchText\":") && string(keys.searchText) &&
+            literal(",\"phoneDigits\":") && scratchStrings(keys.phoneDigits) && literal("}");
         if (!read) {
             return nullptr;
         }
-        person.adoptKeys(std::move(keys));
+        person.adoptKeys(keys);
         return m_at;
     }
 
@@ -174,6 +182,37 @@ private:
         out.reserve(count);
         out.insert(out.end(), std::make_move_iterator(m_scratch.begin()),
                    std::make_move_iterator(m_scratch.begin() + static_cast<std::ptrdiff_t>(count)));
+        return true;
+    }
+
+    // A list kept in the scratch: its texts keep their memory for the next
+    // person's.
+    bool scratchStrings(std::vector<std::string>& out) {
+        if (*m_at != '[') {
+            return false;
+        }
+        ++m_at;
+        std::size_t count = 0;
+        if (*m_at == ']') {
+            ++m_at;
+        } else {
+            for (;;) {
+                if (count == out.size()) {
+                    out.emplace_back();
+                }
+                if (!string(out[count++])) {
+                    return false;
+                }
+                if (*m_at == ']') {
+                    ++m_at;
+                    break;
+                }
+                if (*m_at++ != ',') {
+                    return false;
+                }
+            }
+        }
+        out.resize(count);
         return true;
     }
 
@@ -240,6 +279,7 @@ private:
 
     const char* m_at;
     std::vector<std::string>& m_scratch;
+    PersonKeys& m_keys;
 };
 
 } // namespace
@@ -314,9 +354,7 @@ const char* readJsonString(const char* at, std::string& out) {
 }
 
 const char* readWrittenPerson(const char* at, Person& person) {
-    // Kept from person to person: the scratch texts' lists are not made anew
-    // for each of 100,000 people.
-    thread_local std::vector<std::string> scratch;
+    thread_local ReaderScratch scratch;
     return WrittenPersonReader(at, scratch).person(person);
 }
 

@@ -40,15 +40,14 @@ public:
         }
         field("isPrimaryCard", person.isPrimaryCard);
         field("memberIDs", person.memberIDs);
-        const PersonKeys& keys = person.keys();
-        field("displayName", keys.displayName);
-        field("sortKey", keys.sortKey);
-        field("sectionLetter", keys.sectionLetter);
-        field("firstNameSortKey", keys.firstNameSortKey);
-        field("firstNameSectionLetter", keys.firstNameSectionLetter);
-        field("areaCodes", keys.areaCodes);
-        field("searchText", keys.searchText);
-        field("phoneDigits", keys.phoneDigits);
+        field("displayName", person.displayName());
+        field("sortKey", person.sortKey());
+        field("sectionLetter", person.sectionLetter());
+        field("firstNameSortKey", person.firstNameSortKey());
+        field("firstNameSectionLetter", person.firstNameSectionLetter());
+        field("areaCodes", person.areaCodes());
+        field("searchText", person.searchText());
+        field("phoneDigits", person.phoneDigits());
         m_out += '}';
     }
 
@@ -58,7 +57,7 @@ private:
         m_out += name;
         m_out += "\":";
     }
-    void field(std::string_view name, const std::string& value) {
+    void field(std::string_view name, std::string_view value) {
         key(name);
         appendJsonString(m_out, value, m_invalid);
     }
@@ -72,14 +71,20 @@ private:
         const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
         m_out.append(digits.data(), end);
     }
-    void field(std::string_view name, const std::vector<std::string>& values) {
+    void field(std::string_view name, const std::vector<std::string>& values) { list(name, values); }
+    void field(std::string_view name, const TextList& values) { list(name, values); }
+
+    template <typename Texts>
+    void list(std::string_view name, const Texts& values) {
         key(name);
         m_out += '[';
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            if (i > 0) {
+        bool first = true;
+        for (const auto& value : values) {
+            if (!first) {
                 m_out += ',';
             }
-            appendJsonString(m_out, values[i], m_invalid);
+            first = false;
+            appendJsonString(m_out, value, m_invalid);
         }
         m_out += ']';
     }

@@ -253,9 +253,9 @@ std::vector<Section> plainSections(SortOrder order, std::vector<PersonPtr> peopl
     const auto title = [&](const Person& p) -> std::string {
         switch (order) {
         case SortOrder::lastName:
-            return p.sectionLetter();
+            return std::string(p.sectionLetter());
         case SortOrder::firstName:
-            return p.firstNameSectionLetter();
+            return std::string(p.firstNameSectionLetter());
         case SortOrder::circle:
             return p.circle ? std::string(circleTitle(*p.circle)) : "No Circle";
         case SortOrder::areaCode:

@@ -76,7 +76,7 @@ TEST(Person, SearchTextAndPhoneKeys) {
     const auto joined = derived(person);
     EXPECT_EQ(joined.searchText(),
               "jose\n\nnunez\n\nacme\n\n\njose nunez\njose@example.com\nsan jose\n95110");
-    EXPECT_EQ(joined.phoneDigits(), (std::vector<std::string>{"14155550100", "", "442079460958"}));
+    EXPECT_EQ(joined.phoneDigits().strings(), (std::vector<std::string>{"14155550100", "", "442079460958"}));
     ASSERT_EQ(joined.areaCodes().size(), 2u) << "the number without a code is skipped";
     EXPECT_EQ(joined.areaCodes()[0], "415");
     EXPECT_EQ(joined.searchText().find("555"), std::string::npos) << "phones are not in the search text";
