@@ -1,30 +1,11 @@
 #include "KinbookKit/records/PackedKeys.h"
 
-#include <atomic>
 #include <cstring>
 #include <limits>
 #include <new>
 #include <stdexcept>
 
 namespace kinbook {
-
-// The block's head, then where each text ends (the six single texts, the
-// area codes, the phone digits), then the texts' bytes back to back.
-struct PackedKeys::Block {
-    std::atomic<std::uint32_t> shares;
-    std::uint32_t areaCodeCount;
-    std::uint32_t phoneDigitCount;
-
-    static constexpr std::uint32_t kSingleTexts = 6;
-
-    std::uint32_t* ends() { return reinterpret_cast<std::uint32_t*>(this + 1); }
-    const std::uint32_t* ends() const { return reinterpret_cast<const std::uint32_t*>(this + 1); }
-    std::uint32_t endCount() const { return kSingleTexts + areaCodeCount + phoneDigitCount; }
-    char* bytes() { return reinterpret_cast<char*>(ends() + endCount()); }
-    const char* bytes() const { return reinterpret_cast<const char*>(ends() + endCount()); }
-    std::uint32_t byteCount() const { return ends()[endCount() - 1]; }
-    std::size_t size() const { return sizeof(Block) + endCount() * sizeof(std::uint32_t) + byteCount(); }
-};
 
 PackedKeys::PackedKeys(const PersonKeys& keys) {
     const std::string* singles[Block::kSingleTexts] = {
@@ -99,15 +80,6 @@ PackedKeys::~PackedKeys() {
         m_block->~Block();
         ::operator delete(static_cast<void*>(m_block));
     }
-}
-
-std::string_view PackedKeys::text(Text which) const {
-    if (m_block == nullptr) {
-        return {};
-    }
-    const auto i = static_cast<std::uint32_t>(which);
-    const std::uint32_t begin = i == 0 ? 0 : m_block->ends()[i - 1];
-    return {m_block->bytes() + begin, m_block->ends()[i] - begin};
 }
 
 TextList PackedKeys::areaCodes() const {

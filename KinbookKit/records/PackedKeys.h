@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -120,7 +121,15 @@ public:
     PackedKeys& operator=(PackedKeys&& other) noexcept;
     ~PackedKeys();
 
-    std::string_view text(Text which) const;
+    std::string_view text(Text which) const {
+        if (m_block == nullptr) {
+            return {};
+        }
+        const auto i = static_cast<std::uint32_t>(which);
+        const std::uint32_t* ends = m_block->ends();
+        const std::uint32_t begin = i == 0 ? 0 : ends[i - 1];
+        return {m_block->bytes() + begin, ends[i] - begin};
+    }
     TextList areaCodes() const;
     TextList phoneDigits() const;
     PersonKeys unpacked() const;
@@ -130,7 +139,24 @@ public:
     bool operator==(const PackedKeys& other) const;
 
 private:
-    struct Block;
+    // The block's head, then where each text ends (the six single texts, the
+    // area codes, the phone digits), then the texts' bytes back to back.
+    struct Block {
+        std::atomic<std::uint32_t> shares;
+        std::uint32_t areaCodeCount;
+        std::uint32_t phoneDigitCount;
+
+        static constexpr std::uint32_t kSingleTexts = 6;
+
+        std::uint32_t* ends() { return reinterpret_cast<std::uint32_t*>(this + 1); }
+        const std::uint32_t* ends() const { return reinterpret_cast<const std::uint32_t*>(this + 1); }
+        std::uint32_t endCount() const { return kSingleTexts + areaCodeCount + phoneDigitCount; }
+        char* bytes() { return reinterpret_cast<char*>(ends() + endCount()); }
+        const char* bytes() const { return reinterpret_cast<const char*>(ends() + endCount()); }
+        std::uint32_t byteCount() const { return ends()[endCount() - 1]; }
+        std::size_t size() const { return sizeof(Block) + endCount() * sizeof(std::uint32_t) + byteCount(); }
+    };
+
     Block* m_block = nullptr;
 };
 

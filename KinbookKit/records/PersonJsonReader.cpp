@@ -135,11 +135,13 @@ public:
 private:
     // Compares the whole literal even past a NUL; the caller's padding makes
     // that safe.
-    bool literal(std::string_view text) {
-        if (std::memcmp(m_at, text.data(), text.size()) != 0) {
+    // Its length known here, the comparison is a few loads, not a call.
+    template <std::size_t N>
+    bool literal(const char (&text)[N]) {
+        if (std::memcmp(m_at, text, N - 1) != 0) {
             return false;
         }
-        m_at += text.size();
+        m_at += N - 1;
         return true;
     }
 
