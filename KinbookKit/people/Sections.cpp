@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -460,7 +461,54 @@ private:
 
 } // namespace
 
+namespace {
+
+// The last-name sections of people already in sort-key order, as the list
+// keeps them: that order cut where the letter changes, in one pass without
+// a table of keys. This is the first thing a start shows. None when the
+// people turn out not to be in that order.
+std::optional<std::vector<Section>> lastNameSectionsInOrder(std::span<const PersonPtr> people) {
+    std::vector<Section> sections;
+    // A letter can come back: "#" holds digits, which sort before "A", and
+    // letters outside Latin, which sort after "Z".
+    std::unordered_map<std::string_view, std::size_t> sectionOfTitle;
+    std::size_t current = 0;
+    std::string_view previousKey;
+    for (std::size_t i = 0; i < people.size(); ++i) {
+        if (i + 2 * kPrefetchDistance < people.size()) {
+            prefetchPerson(*people[i + 2 * kPrefetchDistance]);
+        }
+        if (i + kPrefetchDistance < people.size()) {
+            prefetchKeyText(*people[i + kPrefetchDistance], bitOf(SortOrder::lastName));
+            prefetchShareCount(people[i + kPrefetchDistance]);
+        }
+        const Person& person = *people[i];
+        const std::string_view key = person.sortKey();
+        if (key < previousKey) {
+            return std::nullopt;
+        }
+        previousKey = key;
+        const std::string_view letter = person.sectionLetter();
+        if (sections.empty() || sections[current].letter != letter) {
+            const auto [found, inserted] = sectionOfTitle.try_emplace(letter, sections.size());
+            if (inserted) {
+                sections.push_back(Section{std::string(letter), {}});
+            }
+            current = found->second;
+        }
+        sections[current].people.push_back(people[i]);
+    }
+    return sections;
+}
+
+} // namespace
+
 std::vector<Section> buildSections(SortOrder order, std::span<const PersonPtr> people) {
+    if (order == SortOrder::lastName) {
+        if (auto sections = lastNameSectionsInOrder(people)) {
+            return std::move(*sections);
+        }
+    }
     const SortOrder orders[] = {order};
     return KeyTable(people, orders).sections(order);
 }
