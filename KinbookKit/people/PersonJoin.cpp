@@ -188,6 +188,11 @@ std::optional<std::string_view> JoinedPeople::personIDOf(std::string_view cardID
     return std::nullopt;
 }
 
+PersonPtr JoinedPeople::personWithID(std::string_view id) const {
+    const auto found = byID.find(id);
+    return found == byID.end() ? nullptr : found->second;
+}
+
 PersonPtr JoinedPeople::find(std::string_view id) const {
     if (const auto group = groupOf.find(id); group != groupOf.end()) {
         id = group->second;

@@ -37,6 +37,20 @@ struct JoinedPeople {
     PersonPtr find(std::string_view id) const;
     // The id of the person holding a card; none for an unknown card.
     std::optional<std::string_view> personIDOf(std::string_view cardID) const;
+
+    // Whether some person has this id (not just a card of theirs).
+    bool isPersonID(std::string_view id) const { return byID.contains(id); }
+    // The person with this id; null when it is no person's id, even if a
+    // card of someone has it.
+    PersonPtr personWithID(std::string_view id) const;
+    // Calls `visit(id)` with every person's id, once each, in no particular
+    // order.
+    template <typename Visit>
+    void forEachPersonID(const Visit& visit) const {
+        for (const auto& entry : byID) {
+            visit(entry.first);
+        }
+    }
 };
 
 // Joins the raw per-card people of a read into people. Cards without a KinID
