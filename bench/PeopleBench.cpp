@@ -1,7 +1,9 @@
-// The people list's pure parts at 1k, 10k and 100k people: sections for each
-// sort order and the index of all seven, a search keystroke and a narrowing
-// one, and the snapshot cache written and read.
+// The people list's pure parts at 1k, 10k and 100k people: the cards of a
+// cached start joined into people, sections for each sort order and the index
+// of all seven, a search keystroke and a narrowing one, and the snapshot cache
+// written and read.
 
+#include "KinbookKit/people/PersonJoin.h"
 #include "KinbookKit/people/SearchQuery.h"
 #include "KinbookKit/people/Sections.h"
 #include "KinbookKit/people/SnapshotCache.h"
@@ -182,6 +184,38 @@ void sizes(benchmark::internal::Benchmark* benchmark) {
 void smallSizes(benchmark::internal::Benchmark* benchmark) {
     benchmark->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 }
+
+// The cards of a start from the cache joined into people, as the list joins
+// them: every card points into the one snapshot read, in the order the store
+// gave them rather than the list's, and one card in five shares a KinID with
+// the card before it.
+void BM_JoinPeople(benchmark::State& state) {
+    auto snapshot = std::make_shared<AddressBookSnapshot>(snapshotOf(state.range(0)));
+    SplitMix64 random(42);
+    for (std::size_t i = snapshot->people.size(); i > 1; --i) {
+        std::swap(snapshot->people[i - 1], snapshot->people[random.below(i)]);
+    }
+    for (std::size_t i = 0; i < snapshot->people.size(); ++i) {
+        auto& card = snapshot->people[i];
+        card.kinID.reset();
+        if (i % 5 >= 3) {
+            card.kinID = fmt::format("kinbook://c/{}", i / 5);
+            card.isPrimaryCard = i % 5 == 3;
+        }
+    }
+    std::vector<PersonPtr> raw;
+    for (const auto& card : snapshot->people) {
+        raw.emplace_back(snapshot, &card);
+    }
+    for (auto _ : state) {
+        auto joined = joinPeople(raw);
+        benchmark::DoNotOptimize(joined);
+        state.PauseTiming(); // letting go of the people is not part of the start
+        joined = {};
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_JoinPeople)->Apply(sizes)->UseRealTime();
 
 void BM_BuildSections(benchmark::State& state, SortOrder order) {
     const auto& people = peopleOf(state.range(0));

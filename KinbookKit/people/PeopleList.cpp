@@ -232,14 +232,14 @@ PeopleList::Prepared PeopleList::prepare(const JoinedPeople& base, const RawUpda
         }));
     // A person whose id is no longer a person's id (another card of theirs
     // leads now) is still found by it.
-    for (const auto& [id, person] : base.byID) {
-        if (joined->byID.contains(id)) {
-            continue;
+    base.forEachPersonID([&](std::string_view id) {
+        if (joined->isPersonID(id)) {
+            return;
         }
         if (const auto personID = joined->personIDOf(id)) {
             prepared.aliases.emplace_back(std::string(id), std::string(*personID));
         }
-    }
+    });
     prepared.joined = std::move(joined);
     return prepared;
 }
@@ -826,7 +826,7 @@ void PeopleList::install(const RawUpdate& update, Prepared prepared) {
         m_aliases.insert_or_assign(std::move(oldID), std::move(newID));
     }
     // An id that leads a person again is no longer an alias.
-    std::erase_if(m_aliases, [&](const auto& alias) { return m_joined->byID.contains(alias.first); });
+    std::erase_if(m_aliases, [&](const auto& alias) { return m_joined->isPersonID(alias.first); });
     if (m_errorMessage) {
         m_errorMessage.reset();
         changes |= Change::loading;
@@ -1088,9 +1088,8 @@ PeopleList::ShownList PeopleList::filteredList() {
         if (!m_pendingTrash.empty()) {
             trashed.assign(facts.hidden.size(), 0);
             for (const auto& id : m_pendingTrash) {
-                const auto person = m_joined->byID.find(id);
-                if (person != m_joined->byID.end()) {
-                    if (const auto position = m_searchIndex->positionOf(person->second.get())) {
+                if (const auto person = m_joined->personWithID(id)) {
+                    if (const auto position = m_searchIndex->positionOf(person.get())) {
                         trashed[*position] = 1;
                     }
                 }

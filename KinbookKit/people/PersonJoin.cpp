@@ -78,39 +78,20 @@ std::vector<PersonPtr> sortedBySortKey(const std::vector<PersonPtr>& people) {
     return sorted;
 }
 
-void buildLookUps(const std::vector<PersonPtr>& people, JoinedPeople& joined) {
-    joined.byID.reserve(people.size());
-    // Few accounts, many people: count in a short list, not a map per person.
-    std::vector<std::pair<std::string_view, int>> accountCounts;
-    for (const auto& person : people) {
-        // Two cards can't share an id, but a damaged store might still say
-        // so; the first one read keeps it.
-        joined.byID.try_emplace(person->id, person);
-        if (person->memberIDs.size() > 1) {
-            for (const auto& member : person->memberIDs) {
-                joined.groupOf.try_emplace(member, person->id);
-            }
-        }
-        for (const auto& account : person->accountIDs) {
-            auto counted = std::find_if(accountCounts.begin(), accountCounts.end(),
-                                        [&](const auto& entry) { return entry.first == account; });
-            if (counted == accountCounts.end()) {
-                accountCounts.emplace_back(account, 1);
-            } else {
-                ++counted->second;
-            }
-        }
-        if (person->hidden) {
-            ++joined.hiddenCount;
-        }
-        if (person->circle) {
-            ++joined.circleCounts[*person->circle];
-        }
+// What the id tables ask of the people they number: whether the person at
+// that place has the id, or holds a card with it.
+struct HasID {
+    const std::vector<PersonPtr>& people;
+    bool operator()(std::uint32_t index, std::string_view id) const { return people[index]->id == id; }
+};
+
+struct HoldsCard {
+    const std::vector<PersonPtr>& people;
+    bool operator()(std::uint32_t index, std::string_view cardID) const {
+        const auto& members = people[index]->memberIDs;
+        return std::find(members.begin(), members.end(), cardID) != members.end();
     }
-    for (const auto& [account, count] : accountCounts) {
-        joined.accountCounts.emplace(std::string(account), count);
-    }
-}
+};
 
 // The cards of a read that share a KinID with another card.
 struct KinGroups {
@@ -178,22 +159,70 @@ KinGroups findKinGroups(const std::vector<PersonPtr>& cards) {
 
 } // namespace
 
-std::optional<std::string_view> JoinedPeople::personIDOf(std::string_view cardID) const {
-    if (const auto group = groupOf.find(cardID); group != groupOf.end()) {
-        return group->second;
+void JoinedPeople::makeLookUps(std::size_t cardsInGroups) {
+    m_personIDs = IdTable(m_inReadOrder.size());
+    m_cardIDs = IdTable(cardsInGroups);
+    // Few accounts, many people: count in a short list, not a map per person.
+    std::vector<std::pair<std::string_view, int>> counts;
+    for (std::uint32_t i = 0; i < m_inReadOrder.size(); ++i) {
+        const Person& person = *m_inReadOrder[i];
+        m_personIDs.insert(person.id, i, HasID{m_inReadOrder});
+        if (person.memberIDs.size() > 1) {
+            for (const auto& member : person.memberIDs) {
+                m_cardIDs.insert(member, i, HoldsCard{m_inReadOrder});
+            }
+        }
+        for (const auto& account : person.accountIDs) {
+            auto counted = std::find_if(counts.begin(), counts.end(),
+                                        [&](const auto& entry) { return entry.first == account; });
+            if (counted == counts.end()) {
+                counts.emplace_back(account, 1);
+            } else {
+                ++counted->second;
+            }
+        }
+        if (person.hidden) {
+            ++hiddenCount;
+        }
+        if (person.circle) {
+            ++circleCounts[*person.circle];
+        }
     }
-    if (const auto person = byID.find(cardID); person != byID.end()) {
-        return person->first;
+    for (const auto& [account, count] : counts) {
+        accountCounts.emplace(std::string(account), count);
+    }
+}
+
+std::optional<std::uint32_t> JoinedPeople::indexOfPerson(std::string_view id) const {
+    return m_personIDs.find(id, HasID{m_inReadOrder});
+}
+
+std::optional<std::uint32_t> JoinedPeople::indexOfCard(std::string_view cardID) const {
+    return m_cardIDs.find(cardID, HoldsCard{m_inReadOrder});
+}
+
+PersonPtr JoinedPeople::personWithID(std::string_view id) const {
+    const auto index = indexOfPerson(id);
+    return index ? m_inReadOrder[*index] : nullptr;
+}
+
+std::optional<std::string_view> JoinedPeople::personIDOf(std::string_view cardID) const {
+    if (const auto group = indexOfCard(cardID)) {
+        return m_inReadOrder[*group]->id;
+    }
+    if (const auto person = indexOfPerson(cardID)) {
+        return m_inReadOrder[*person]->id;
     }
     return std::nullopt;
 }
 
 PersonPtr JoinedPeople::find(std::string_view id) const {
-    if (const auto group = groupOf.find(id); group != groupOf.end()) {
-        id = group->second;
+    // Through the person's id, as for anyone else: where a damaged store
+    // gave that id to two people, the one read first is found.
+    if (const auto group = indexOfCard(id)) {
+        id = m_inReadOrder[*group]->id;
     }
-    const auto found = byID.find(id);
-    return found == byID.end() ? nullptr : found->second;
+    return personWithID(id);
 }
 
 Person joinGroup(std::vector<PersonPtr> members) {
@@ -247,8 +276,10 @@ JoinedPeople joinPeople(std::vector<PersonPtr> raw,
 
     const auto& cards = joined.raw;
     const auto groups = findKinGroups(cards);
-    std::vector<PersonPtr> unsorted;
-    unsorted.reserve(cards.size());
+    auto& unsorted = joined.m_inReadOrder;
+    // One person per card, but one per group for the cards of a group; the
+    // list is kept as long as the people, so it is made no longer.
+    unsorted.reserve(cards.size() - groups.cards.size() + groups.groups.size());
     std::vector<std::uint32_t> slotOf(cards.size()); // where each card's person goes in `unsorted`
     for (std::uint32_t i = 0; i < cards.size(); ++i) {
         if (!groups.follows[i]) {
@@ -273,9 +304,9 @@ JoinedPeople joinPeople(std::vector<PersonPtr> raw,
     const std::size_t half = groups.groups.size() / 2;
     inTwo([&] { joinGroups(0, half); }, [&] { joinGroups(half, groups.groups.size()); });
 
-    // The order (and what is made from it) beside the look-ups: neither
-    // writes what the other reads.
-    inTwo([&] { buildLookUps(unsorted, joined); },
+    // The order (and what is made from it) beside the look-ups: both only
+    // read the people, and neither writes what the other reads.
+    inTwo([&] { joined.makeLookUps(groups.cards.size()); },
           [&] {
               joined.people = sortedBySortKey(unsorted);
               if (whileSorted) {

@@ -172,5 +172,110 @@ TEST(PersonJoinTest, ALargeReadIsJoinedAndOrderedAsOneThreadWouldAndTheSectionsS
     }
 }
 
+TEST(PersonJoinTest, ManyPeopleAreFoundByEveryIdTheyHoldAndUnknownIdsByNone) {
+    // Thousands of ids, so the tables hold long runs of probed slots; every
+    // third card shares a KinID with the one before it, and a few more
+    // cards (as a damaged cache might hold them) name many cards as
+    // theirs, more than the look-ups made room for.
+    std::vector<PersonPtr> raw;
+    for (int i = 0; i < 9000; ++i) {
+        const std::optional<std::string> kinID =
+            i % 3 != 0 ? std::optional<std::string>("K" + std::to_string(i / 3)) : std::nullopt;
+        raw.push_back(card("card-" + std::to_string(i), "Ann", "Lee " + std::to_string(i % 97), kinID));
+    }
+    for (int i = 0; i < 3; ++i) {
+        raw.push_back(changed(card("many-" + std::to_string(i), "Bo", "Ma"), [i](Person& p) {
+            for (int k = 0; k < 2000; ++k) {
+                p.memberIDs.push_back("many-" + std::to_string(i) + "-" + std::to_string(k));
+            }
+        }));
+    }
+    const auto joined = joinPeople(raw);
+    ASSERT_EQ(joined.people.size(), 3000u + 3000u + 3u);
+
+    std::map<std::string, PersonPtr> holderOf;
+    for (const auto& person : joined.people) {
+        for (const auto& member : person->memberIDs) {
+            holderOf.emplace(member, person);
+        }
+    }
+    ASSERT_EQ(holderOf.size(), 9000u + 3u * 2001u);
+    for (const auto& [id, holder] : holderOf) {
+        EXPECT_EQ(joined.find(id), holder) << id;
+        EXPECT_EQ(joined.personIDOf(id), holder->id) << id;
+        EXPECT_EQ(joined.isPersonID(id), id == holder->id) << id;
+        EXPECT_EQ(joined.personWithID(id), id == holder->id ? holder : nullptr) << id;
+    }
+
+    std::multiset<std::string> visited;
+    joined.forEachPersonID([&](std::string_view id) { visited.emplace(id); });
+    std::multiset<std::string> expected;
+    for (const auto& person : joined.people) {
+        expected.insert(person->id);
+    }
+    EXPECT_EQ(visited, expected);
+
+    // Ids near the known ones, and ones of no shape at all.
+    const std::vector<std::string> unknowns = {"card-9000",   "card-", "Card-12", "many-3",
+                                               "many-0-2000", "K1",    "",        std::string(300, 'x')};
+    for (const auto& unknown : unknowns) {
+        EXPECT_EQ(joined.find(unknown), nullptr) << unknown;
+        EXPECT_EQ(joined.personIDOf(unknown), std::nullopt) << unknown;
+        EXPECT_FALSE(joined.isPersonID(unknown)) << unknown;
+        EXPECT_EQ(joined.personWithID(unknown), nullptr) << unknown;
+    }
+}
+
+TEST(PersonJoinTest, AnIdGivenTwiceByADamagedStoreKeepsThePersonReadFirst) {
+    // Two lone cards with one id: the first read is found, though the
+    // other sorts first, and the id is visited once.
+    const auto first = card("X", "Zoe", "Zed");
+    const auto second = card("X", "Al", "Able");
+    // One card id in two groups: the group read first holds it.
+    const auto groupOneLead = card("B", "Ann", "Bee", "K1");
+    const auto shared = card("A", "Cy", "Cee", "K1");
+    const auto sharedAgain = card("A", "Di", "Dee", "K2");
+    const auto groupTwoLead = card("C", "Ann", "Bee", "K2");
+    // A group led by a card whose id a lone card read earlier already has:
+    // the id, and so its other card, lead to the lone card.
+    const auto lone = card("L", "Ed", "Zed");
+    const auto leader = card("L", "Ed", "Able", "K3");
+    const auto follower = card("M", "Ed", "Zed", "K3");
+    const auto joined =
+        joinPeople({first, second, groupOneLead, shared, sharedAgain, groupTwoLead, lone, leader, follower});
+
+    EXPECT_EQ(joined.find("X"), first);
+    EXPECT_EQ(joined.personWithID("X"), first);
+    EXPECT_EQ(joined.personIDOf("X"), "X");
+
+    ASSERT_NE(joined.find("A"), nullptr);
+    EXPECT_EQ(joined.find("A")->id, "B");
+    EXPECT_EQ(joined.personIDOf("A"), "B");
+    EXPECT_FALSE(joined.isPersonID("A"));
+    ASSERT_NE(joined.find("C"), nullptr);
+    EXPECT_EQ(joined.find("C")->memberIDs, (std::vector<std::string>{"C", "A"}));
+
+    EXPECT_EQ(joined.find("L"), lone);
+    EXPECT_EQ(joined.find("M"), lone);
+    EXPECT_EQ(joined.personIDOf("M"), "L");
+
+    std::multiset<std::string> visited;
+    joined.forEachPersonID([&](std::string_view id) { visited.emplace(id); });
+    EXPECT_EQ(visited, (std::multiset<std::string>{"B", "C", "L", "X"}));
+}
+
+TEST(PersonJoinTest, NoCardsAndNothingYetReadFindNoOne) {
+    for (const auto& joined : {JoinedPeople{}, joinPeople({})}) {
+        EXPECT_TRUE(joined.people.empty());
+        EXPECT_EQ(joined.find("A"), nullptr);
+        EXPECT_EQ(joined.personIDOf("A"), std::nullopt);
+        EXPECT_FALSE(joined.isPersonID("A"));
+        EXPECT_EQ(joined.personWithID("A"), nullptr);
+        int visited = 0;
+        joined.forEachPersonID([&](std::string_view) { ++visited; });
+        EXPECT_EQ(visited, 0);
+    }
+}
+
 } // namespace
 } // namespace kinbook
