@@ -169,34 +169,43 @@ private:
         return m_at != nullptr;
     }
 
-    // Most lists hold one to three texts: they are read into a scratch list
-    // first, so that the person's own list is made once at its size.
-    bool strings(std::vector<std::string>& out) {
+    // A list of texts into the first `count` texts of `into`, which keep
+    // their memory: `into` only grows.
+    bool textsInto(std::vector<std::string>& into, std::size_t& count) {
+        count = 0;
         if (*m_at != '[') {
             return false;
         }
         ++m_at;
-        out.clear();
         if (*m_at == ']') {
             ++m_at;
             return true;
         }
-        std::size_t count = 0;
         for (;;) {
-            if (count == m_scratch.size()) {
-                m_scratch.emplace_back();
+            if (count == into.size()) {
+                into.emplace_back();
             }
-            if (!string(m_scratch[count++])) {
+            if (!string(into[count++])) {
                 return false;
             }
             if (*m_at == ']') {
                 ++m_at;
-                break;
+                return true;
             }
             if (*m_at++ != ',') {
                 return false;
             }
         }
+    }
+
+    // Most lists hold one to three texts: they are read into a scratch list
+    // first, so that the person's own list is made once at its size.
+    bool strings(std::vector<std::string>& out) {
+        std::size_t count = 0;
+        if (!textsInto(m_scratch, count)) {
+            return false;
+        }
+        out.clear();
         out.reserve(count);
         out.insert(out.end(), std::make_move_iterator(m_scratch.begin()),
                    std::make_move_iterator(m_scratch.begin() + static_cast<std::ptrdiff_t>(count)));
@@ -206,29 +215,9 @@ private:
     // A list kept in the scratch: its texts keep their memory for the next
     // person's.
     bool scratchStrings(std::vector<std::string>& out) {
-        if (*m_at != '[') {
-            return false;
-        }
-        ++m_at;
         std::size_t count = 0;
-        if (*m_at == ']') {
-            ++m_at;
-        } else {
-            for (;;) {
-                if (count == out.size()) {
-                    out.emplace_back();
-                }
-                if (!string(out[count++])) {
-                    return false;
-                }
-                if (*m_at == ']') {
-                    ++m_at;
-                    break;
-                }
-                if (*m_at++ != ',') {
-                    return false;
-                }
-            }
+        if (!textsInto(out, count)) {
+            return false;
         }
         out.resize(count);
         return true;
