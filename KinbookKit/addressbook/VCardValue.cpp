@@ -1,5 +1,6 @@
 #include "KinbookKit/addressbook/VCardValue.h"
 
+#include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/text/Base64.h"
 
 #include <unicode/ucnv.h>
@@ -11,23 +12,6 @@ namespace kinbook {
 namespace {
 
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
-
-char asciiUpper(char c) {
-    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return -1;
-}
 
 // Length of the valid UTF-8 sequence starting at `i`, or 0 when the bytes
 // there are not one (RFC 3629: no overlong forms, no surrogates, nothing
@@ -102,8 +86,8 @@ std::string percentDecode(std::string_view text) {
     out.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '%' && i + 2 < text.size()) {
-            const int high = hexDigit(text[i + 1]);
-            const int low = hexDigit(text[i + 2]);
+            const int high = hexDigitValue(text[i + 1]);
+            const int low = hexDigitValue(text[i + 2]);
             if (high >= 0 && low >= 0) {
                 out.push_back(static_cast<char>(high * 16 + low));
                 i += 2;
@@ -236,8 +220,8 @@ std::string decodeQuotedPrintable(std::string_view value) {
     out.reserve(value.size());
     for (std::size_t i = 0; i < value.size(); ++i) {
         if (value[i] == '=' && i + 2 < value.size()) {
-            const int high = hexDigit(value[i + 1]);
-            const int low = hexDigit(value[i + 2]);
+            const int high = hexDigitValue(value[i + 1]);
+            const int low = hexDigitValue(value[i + 2]);
             if (high >= 0 && low >= 0) {
                 out.push_back(static_cast<char>(high * 16 + low));
                 i += 2;

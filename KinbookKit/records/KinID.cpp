@@ -2,6 +2,7 @@
 
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/text/CodePoints.h"
 
 #include <utf8proc.h>
 
@@ -37,9 +38,7 @@ std::string leadingIDRun(std::string_view text) {
         if (length <= 0 || !isLetterOrDigit(codepoint)) {
             break;
         }
-        utf8proc_uint8_t buffer[4];
-        const auto written = utf8proc_encode_char(utf8proc_toupper(codepoint), buffer);
-        id.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(written));
+        appendCodePoint(id, utf8proc_toupper(codepoint));
         position += static_cast<std::size_t>(length);
     }
     return id;
@@ -113,19 +112,6 @@ std::optional<ContactCircle> circleFromQueryValue(const std::optional<std::strin
     return circleFromRawValue(negative ? -number : number);
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 bool isQuerySafe(unsigned char c) {
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) {
         return true;
@@ -183,8 +169,8 @@ std::optional<std::string> percentDecode(std::string_view text) {
         if (i + 2 >= text.size()) {
             return std::nullopt;
         }
-        const int high = hexValue(text[i + 1]);
-        const int low = hexValue(text[i + 2]);
+        const int high = hexDigitValue(text[i + 1]);
+        const int low = hexDigitValue(text[i + 2]);
         if (high < 0 || low < 0) {
             return std::nullopt;
         }

@@ -1,5 +1,8 @@
 #include "KinbookKit/records/PersonJsonReader.h"
 
+#include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/text/CodePoints.h"
+
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -14,23 +17,10 @@
 namespace kinbook {
 namespace {
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 bool readHex4(const char*& at, std::uint32_t& value) {
     value = 0;
     for (int i = 0; i < 4; ++i) {
-        const int digit = hexValue(*at);
+        const int digit = hexDigitValue(*at);
         if (digit < 0) {
             return false;
         }
@@ -38,24 +28,6 @@ bool readHex4(const char*& at, std::uint32_t& value) {
         ++at;
     }
     return true;
-}
-
-void appendUTF8(std::string& out, std::uint32_t code) {
-    if (code < 0x80) {
-        out += static_cast<char>(code);
-    } else if (code < 0x800) {
-        out += static_cast<char>(0xc0 | (code >> 6));
-        out += static_cast<char>(0x80 | (code & 0x3f));
-    } else if (code < 0x10000) {
-        out += static_cast<char>(0xe0 | (code >> 12));
-        out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (code & 0x3f));
-    } else {
-        out += static_cast<char>(0xf0 | (code >> 18));
-        out += static_cast<char>(0x80 | ((code >> 12) & 0x3f));
-        out += static_cast<char>(0x80 | ((code >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (code & 0x3f));
-    }
 }
 
 // The end of a run of bytes that stand for themselves: the first quote,
@@ -346,7 +318,7 @@ const char* readJsonString(const char* at, std::string& out) {
                 }
                 code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
             }
-            appendUTF8(out, code);
+            appendCodePoint(out, static_cast<std::int32_t>(code));
             break;
         }
         default:

@@ -21,12 +21,6 @@ namespace {
 // ---------------------------------------------------------------------------
 // Characters
 
-void appendCodePoint(std::string& out, std::int32_t value) {
-    utf8proc_uint8_t buffer[4];
-    const auto length = utf8proc_encode_char(value, buffer);
-    out.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
-}
-
 bool isAsciiDigit(char c) {
     return c >= '0' && c <= '9';
 }

@@ -25,6 +25,20 @@ constexpr bool isAsciiDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+// The value of a hexadecimal digit of either case; -1 for any other byte.
+constexpr int hexDigitValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
 inline std::string asciiLowered(std::string_view text) {
     std::string out(text);
     for (auto& c : out) {

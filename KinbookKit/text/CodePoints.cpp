@@ -4,6 +4,12 @@
 
 namespace kinbook {
 
+void appendCodePoint(std::string& out, std::int32_t value) {
+    utf8proc_uint8_t buffer[4];
+    const auto length = utf8proc_encode_char(value, buffer);
+    out.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
+}
+
 CodePoint decodeAt(std::string_view text, std::size_t position) {
     const auto byte = static_cast<unsigned char>(text[position]);
     if (byte < 0x80) {

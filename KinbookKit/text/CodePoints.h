@@ -17,6 +17,9 @@ struct CodePoint {
 // The character that starts at `position`, which must be inside `text`.
 CodePoint decodeAt(std::string_view text, std::size_t position);
 
+// Appends the UTF-8 bytes of a code point.
+void appendCodePoint(std::string& out, std::int32_t value);
+
 // White space in any script, line separators and the byte-order mark included.
 bool isSpaceCodePoint(std::int32_t value);
 

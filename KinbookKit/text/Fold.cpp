@@ -1,6 +1,7 @@
 #include "KinbookKit/text/Fold.h"
 
 #include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/text/CodePoints.h"
 
 #include <utf8proc.h>
 
@@ -30,12 +31,6 @@ void appendMapped(std::string& out, std::string_view utf8) {
     std::free(mapped);
 }
 
-void appendCodepoint(std::string& out, std::int32_t codepoint) {
-    utf8proc_uint8_t buffer[4];
-    const auto length = utf8proc_encode_char(codepoint, buffer);
-    out.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(length));
-}
-
 // Folding a single code point in isolation gives the same result as folding
 // it in context for every code point except conjoining Hangul jamo, which
 // compose with their neighbours. Their presence sends the whole text down
@@ -59,7 +54,7 @@ struct Page {
                 continue;
             }
             std::string single;
-            appendCodepoint(single, codepoint);
+            appendCodePoint(single, codepoint);
             appendMapped(bytes, single);
         }
         offsets[256] = static_cast<std::uint16_t>(bytes.size());
