@@ -19,6 +19,24 @@ std::uint64_t prefixOf(std::string_view key, std::size_t offset) {
     return prefix;
 }
 
+// A stable sort that makes no room for short runs, which are most of them:
+// the people of one family name, or a few cards of one KinID.
+template <typename Iterator, typename Less>
+void stableSort(Iterator first, Iterator last, const Less& less) {
+    if (last - first > 16) {
+        std::stable_sort(first, last, less);
+        return;
+    }
+    for (auto next = first + 1; next < last; ++next) {
+        auto value = std::move(*next);
+        auto hole = next;
+        for (; hole != first && less(value, *(hole - 1)); --hole) {
+            *hole = std::move(*(hole - 1));
+        }
+        *hole = std::move(value);
+    }
+}
+
 // Below this many cards one thread joins them all: a second would cost more
 // to start than it saves.
 constexpr std::size_t kCardsForTwoThreads = 4096;
@@ -73,7 +91,7 @@ std::vector<PersonPtr> sortedBySortKey(const std::vector<PersonPtr>& people) {
         // Keys of up to sixteen bytes that agree that far differ at most in
         // length; stable, so that equal keys keep the read order.
         if (runEnd - run > 1) {
-            std::stable_sort(run, runEnd, [longKeys](const Entry& left, const Entry& right) {
+            stableSort(run, runEnd, [longKeys](const Entry& left, const Entry& right) {
                 return longKeys ? left.key < right.key : left.key.size() < right.key.size();
             });
         }
@@ -81,8 +99,11 @@ std::vector<PersonPtr> sortedBySortKey(const std::vector<PersonPtr>& people) {
     }
     std::vector<PersonPtr> sorted;
     sorted.reserve(people.size());
-    for (const auto& entry : entries) {
-        sorted.push_back(people[entry.index]);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (i + kAhead < entries.size()) {
+            __builtin_prefetch(&people[entries[i + kAhead].index]);
+        }
+        sorted.push_back(people[entries[i].index]);
     }
     return sorted;
 }
@@ -124,6 +145,9 @@ KinGroups findKinGroups(const std::vector<PersonPtr>& cards) {
     std::vector<Keyed> keyed;
     keyed.reserve(cards.size());
     for (std::uint32_t i = 0; i < cards.size(); ++i) {
+        if (i + 16 < cards.size()) {
+            __builtin_prefetch(&cards[i + 16]->kinID);
+        }
         if (cards[i]->kinID) {
             keyed.push_back({std::hash<std::string_view>{}(*cards[i]->kinID), i});
         }
@@ -141,11 +165,17 @@ KinGroups findKinGroups(const std::vector<PersonPtr>& cards) {
             ++runEnd;
         }
         if (runEnd - run > 1) {
-            // Two KinIDs with one hash, however unlikely, are two groups.
-            std::stable_sort(
-                keyed.begin() + static_cast<std::ptrdiff_t>(run),
-                keyed.begin() + static_cast<std::ptrdiff_t>(runEnd),
-                [&](const Keyed& left, const Keyed& right) { return kinIDOf(left) < kinIDOf(right); });
+            const auto first = keyed.begin() + static_cast<std::ptrdiff_t>(run);
+            const auto last = keyed.begin() + static_cast<std::ptrdiff_t>(runEnd);
+            // Cards whose hashes agree almost always share their KinID, and
+            // are then one group, in read order already. Two KinIDs with one
+            // hash, however unlikely, are two groups.
+            if (!std::all_of(first + 1, last,
+                             [&](const Keyed& card) { return kinIDOf(card) == kinIDOf(*first); })) {
+                stableSort(first, last, [&](const Keyed& left, const Keyed& right) {
+                    return kinIDOf(left) < kinIDOf(right);
+                });
+            }
             for (std::size_t group = run; group < runEnd;) {
                 std::size_t groupEnd = group + 1;
                 while (groupEnd < runEnd && kinIDOf(keyed[groupEnd]) == kinIDOf(keyed[group])) {
@@ -173,7 +203,24 @@ void JoinedPeople::makeLookUps(std::size_t cardsInGroups) {
     m_cardIDs = IdTable(cardsInGroups);
     // Few accounts, many people: count in a short list, not a map per person.
     std::vector<std::pair<std::string_view, int>> counts;
-    for (std::uint32_t i = 0; i < m_inReadOrder.size(); ++i) {
+    // What each person's entries read is three fetches from memory away (the
+    // person, their lists, the texts): asked for some people ahead, so that
+    // the fetches overlap.
+    constexpr std::size_t kAhead = 8;
+    const std::size_t total = m_inReadOrder.size();
+    for (std::uint32_t i = 0; i < total; ++i) {
+        if (i + 2 * kAhead < total) {
+            const Person* later = m_inReadOrder[i + 2 * kAhead].get();
+            __builtin_prefetch(&later->id);
+            __builtin_prefetch(&later->accountIDs);
+            __builtin_prefetch(&later->memberIDs);
+        }
+        if (i + kAhead < total) {
+            const Person& soon = *m_inReadOrder[i + kAhead];
+            __builtin_prefetch(soon.id.data());
+            __builtin_prefetch(soon.accountIDs.data());
+            __builtin_prefetch(soon.memberIDs.data());
+        }
         const Person& person = *m_inReadOrder[i];
         m_personIDs.insert(person.id, i, HasID{m_inReadOrder});
         if (person.memberIDs.size() > 1) {

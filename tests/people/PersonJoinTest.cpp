@@ -117,10 +117,10 @@ TEST(PersonJoinTest, LoneCardsStayAsTheyAreAndPeopleAreSortedStably) {
     EXPECT_EQ(joined.accountCounts.at("icloud"), 4);
 }
 
-TEST(PersonJoinTest, ALargeReadIsJoinedAndOrderedAsOneThreadWouldAndTheSectionsSeeThatOrder) {
-    // Family names that share their first sixteen bytes or more, keys that
-    // differ only in length or past byte sixteen, and exact twins; enough
-    // cards to be joined on two threads.
+// Joins `count` cards of family names that share their first sixteen bytes
+// or more, keys that differ only in length or past byte sixteen, and exact
+// twins, and checks the order against one plain stable sort.
+void expectJoinedInStableKeyOrder(int count) {
     const std::vector<std::string> families = {"Vanderbilt-Ashworth",
                                                "Vanderbilt-Ashworthy",
                                                "Vanderbilt-Ash",
@@ -136,7 +136,7 @@ TEST(PersonJoinTest, ALargeReadIsJoinedAndOrderedAsOneThreadWouldAndTheSectionsS
         state = state * 1103515245u + 12345u;
         return state >> 8;
     };
-    for (int i = 0; i < 6000; ++i) {
+    for (int i = 0; i < count; ++i) {
         const auto id = "card-" + std::to_string(i);
         // Every fifth card shares a KinID with the card before it.
         const std::optional<std::string> kinID =
@@ -149,7 +149,7 @@ TEST(PersonJoinTest, ALargeReadIsJoinedAndOrderedAsOneThreadWouldAndTheSectionsS
     const auto joined = joinPeople(
         raw, [&](std::span<const PersonPtr> people) { sections.assign(people.begin(), people.end()); });
     EXPECT_EQ(joined.raw.size(), raw.size());
-    EXPECT_EQ(joined.people.size(), 6000u - 6000u / 5);
+    EXPECT_EQ(joined.people.size(), static_cast<std::size_t>(count - count / 5));
     EXPECT_EQ(sections, joined.people);
 
     // The order one stable sort by the whole key makes of the people, each
@@ -170,6 +170,14 @@ TEST(PersonJoinTest, ALargeReadIsJoinedAndOrderedAsOneThreadWouldAndTheSectionsS
     for (const auto& person : joined.people) {
         EXPECT_EQ(joined.find(person->id), person);
     }
+}
+
+TEST(PersonJoinTest, ReadsLargeAndSmallAreJoinedAndOrderedAsOneStableSortWouldAndTheSectionsSeeThatOrder) {
+    // Enough cards to be joined on two threads, with long runs of people
+    // whose keys agree in their first sixteen bytes; and few enough for one
+    // thread, with short runs.
+    expectJoinedInStableKeyOrder(6000);
+    expectJoinedInStableKeyOrder(400);
 }
 
 TEST(PersonJoinTest, ManyPeopleAreFoundByEveryIdTheyHoldAndUnknownIdsByNone) {
