@@ -8,6 +8,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <span>
 #include <unordered_set>
 
 namespace kinbook {
@@ -137,9 +138,12 @@ std::string ActionError::description() const {
 
 // What one read changes in the list's cards.
 struct PeopleList::RawUpdate {
-    // Every card (a full read, the names pass or the cache); null when only
-    // some cards changed.
-    std::shared_ptr<const AddressBookSnapshot> snapshot;
+    // Every card, when the read was of all of them (a full read, the names
+    // pass or the cache): runs of cards that `allCardsOwner` keeps. The
+    // people point into them, and the cache writer may hold them too: a
+    // large read is never copied. Null when only some cards changed.
+    std::shared_ptr<const void> allCardsOwner;
+    std::vector<std::span<const Person>> allCards;
     std::vector<PersonPtr> changed; // replaced or added cards
     std::set<std::string> deleted;  // cards that are gone
     Membership membership;          // card id -> accounts, where the store says it separately
@@ -193,12 +197,16 @@ PeopleList::Prepared PeopleList::prepare(const JoinedPeople& base, const RawUpda
         }
         return card;
     };
-    if (update.snapshot) {
-        // The people point into the snapshot, which the cache writer also
-        // holds: a large read is never copied.
-        raw.reserve(update.snapshot->people.size());
-        for (const auto& card : update.snapshot->people) {
-            raw.push_back(withMembership(PersonPtr(update.snapshot, &card)));
+    if (update.allCardsOwner) {
+        std::size_t count = 0;
+        for (const auto run : update.allCards) {
+            count += run.size();
+        }
+        raw.reserve(count);
+        for (const auto run : update.allCards) {
+            for (const auto& card : run) {
+                raw.push_back(withMembership(PersonPtr(update.allCardsOwner, &card)));
+            }
         }
     } else {
         std::unordered_map<std::string_view, PersonPtr> changed;
@@ -381,32 +389,34 @@ void PeopleList::afterAccess() {
         return;
     }
     struct CacheRead {
-        std::shared_ptr<const AddressBookSnapshot> snapshot;
+        std::shared_ptr<const SnapshotCache::Parts> parts;
         long long milliseconds = 0;
     };
     runOn(
         m_cacheQueue,
         [cache = m_options.cache, clock = m_options.monotonicClock] {
             const auto start = clock();
-            auto snapshot = cache->read();
+            auto parts = cache->readParts();
             CacheRead read;
             read.milliseconds =
                 std::chrono::duration_cast<std::chrono::milliseconds>(clock() - start).count();
-            if (snapshot) {
-                read.snapshot = std::make_shared<const AddressBookSnapshot>(std::move(*snapshot));
+            if (parts) {
+                read.parts = std::make_shared<const SnapshotCache::Parts>(std::move(*parts));
             }
             return read;
         },
         [this](CacheRead read) {
-            if (!read.snapshot || m_applied) {
+            if (!read.parts || m_applied) {
                 afterCache();
                 return;
             }
+            const auto& snapshot = read.parts->snapshot;
             auto update = std::make_shared<RawUpdate>();
-            update->snapshot = read.snapshot;
-            update->token = read.snapshot->historyToken;
-            update->fullReadAt = read.snapshot->fullReadAt;
-            update->accounts = read.snapshot->accounts;
+            update->allCardsOwner = read.parts;
+            update->allCards.assign(read.parts->people.begin(), read.parts->people.end());
+            update->token = snapshot.historyToken;
+            update->fullReadAt = snapshot.fullReadAt;
+            update->accounts = snapshot.accounts;
             applyUpdate(update, [this, milliseconds = read.milliseconds] {
                 m_timings.cacheMs = milliseconds;
                 m_log->info(fmt::format("cache: {} people in {} ms", m_joined->people.size(), milliseconds));
@@ -478,7 +488,9 @@ void PeopleList::fullRead() {
             }
             auto update = std::make_shared<RawUpdate>();
             update->accounts = names.snapshot->accounts;
-            update->snapshot = std::make_shared<const AddressBookSnapshot>(std::move(*names.snapshot));
+            const auto snapshot = std::make_shared<const AddressBookSnapshot>(std::move(*names.snapshot));
+            update->allCardsOwner = snapshot;
+            update->allCards = {snapshot->people};
             applyUpdate(update, [this] { fullReadDetails(); });
         });
 }
@@ -523,7 +535,8 @@ void PeopleList::fullReadDetails() {
             m_timings.refreshedAt = m_options.wallClock();
             m_timings.refreshKind = "full";
             auto update = std::make_shared<RawUpdate>();
-            update->snapshot = read.snapshot;
+            update->allCardsOwner = read.snapshot;
+            update->allCards = {read.snapshot->people};
             update->membership = std::move(read.membership);
             update->token = read.snapshot->historyToken;
             update->fullReadAt = read.snapshot->fullReadAt;

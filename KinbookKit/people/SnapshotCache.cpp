@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -585,37 +586,17 @@ constexpr std::string_view kWrittenHead = "{\"format\":10,\"snapshot\":{\"people
 // quote is never escaped, and inside one every quote is: in valid JSON this
 // text only ever stands between two objects of a list.
 constexpr std::string_view kBetweenPeople = "},{\"id\":\"";
+// The list of people is read in runs of about this many bytes, taken in turn
+// by two threads: runs small enough that neither thread waits long for the
+// other at the end, large enough that finding where they begin costs nothing.
+constexpr std::size_t kBytesPerRun = std::size_t{4} << 20;
 // Below this size one thread reads the whole list.
 constexpr std::size_t kBytesForTwoThreads = std::size_t{2} << 20;
-// A person takes 700 to 1,000 bytes as written; the list is made for that
-// many up front, and grows like any list if there are more.
+// A person takes 700 to 1,000 bytes as written; each run's list is made for
+// that many up front, and grows like any list if there are more.
 constexpr std::size_t kTypicalPersonBytes = 700;
 
-// Asks the system now for the memory of people [from, to) of a list's
-// storage, which the other thread will be moving people into shortly: a page
-// first written during that move costs the move the system's time to clear
-// it, while this thread is otherwise waiting. Only pages wholly inside the
-// range are asked for, and their content is not changed; a system that
-// cannot do it leaves the pages to be asked for when written.
-void prefault(Person* storage, std::size_t capacity, std::size_t from, std::size_t to) {
-#ifdef MADV_POPULATE_WRITE
-    to = std::min(to, capacity);
-    if (from >= to) {
-        return;
-    }
-    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const auto first = (reinterpret_cast<std::uintptr_t>(storage + from) + page - 1) / page * page;
-    const auto last = reinterpret_cast<std::uintptr_t>(storage + to) / page * page;
-    if (first < last) {
-        ::madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
-    }
-#else
-    (void)storage;
-    (void)capacity;
-    (void)from;
-    (void)to;
-#endif
-}
+using Parts = SnapshotCache::Parts;
 
 // Reads written people one after another from `at`, until the comma at
 // `stop` or the bracket that closes the list. Returns where it ended: `stop`,
@@ -640,87 +621,110 @@ const char* readWrittenPeople(const char* at, const char* stop, std::vector<Pers
 }
 
 // The file exactly as this program writes it, read without a JSON parser
-// walking every person: the list of people is read by hand, in two halves
-// side by side when it is large, and what follows it (accounts, token, read
-// time) by the general reader. None for anything else, which the general
-// reader then judges on its own.
-std::optional<AddressBookSnapshot> decodeWrittenFile(simdjson::padded_string_view json) {
+// walking every person: the list of people is read by hand, in runs that two
+// threads take in turn when it is large, each run into a list of its own so
+// that nobody is moved afterwards; what follows the list (accounts, token,
+// read time) is read by the general reader. None for anything else, which
+// the general reader then judges on its own.
+std::optional<Parts> decodeWrittenFile(simdjson::padded_string_view json) {
     const std::string_view text(json.data(), json.size());
     if (!text.starts_with(kWrittenHead)) {
         return std::nullopt;
     }
     const char* const begin = text.data() + kWrittenHead.size();
     const char* const end = text.data() + text.size();
-    // The second half starts at the first person boundary past the middle.
-    const char* split = end;
+    // Each run after the first starts at the first person boundary past its
+    // share of the file.
+    std::vector<const char*> starts{begin};
     if (text.size() >= kBytesForTwoThreads && std::thread::hardware_concurrency() >= 2) {
-        const auto boundary = text.find(kBetweenPeople, text.size() / 2);
-        if (boundary != std::string_view::npos) {
-            split = text.data() + boundary + 2;
+        const std::size_t runs = std::max<std::size_t>(2, text.size() / kBytesPerRun);
+        for (std::size_t run = 1; run < runs; ++run) {
+            const auto from =
+                std::max(static_cast<std::size_t>(starts.back() - text.data()), text.size() / runs * run);
+            const auto boundary = text.find(kBetweenPeople, from);
+            if (boundary == std::string_view::npos) {
+                break;
+            }
+            starts.push_back(text.data() + boundary + 2);
         }
     }
 
-    // Made for the whole list: the upper half is moved in behind it.
-    std::vector<Person> lower;
-    lower.reserve(static_cast<std::size_t>(end - begin) / kTypicalPersonBytes + 1);
-    std::vector<Person> upper;
-    const char* lowerEnd = nullptr;
-    const char* upperEnd = nullptr;
-    const auto readLower = [&] {
-        if (simdjson::validate_utf8(text.data(), static_cast<std::size_t>(split - text.data()))) {
-            lowerEnd = readWrittenPeople(begin, split == end ? nullptr : split - 1, lower);
+    std::vector<std::vector<Person>> people(starts.size());
+    // Where each run's reading ended; null where it failed.
+    std::vector<const char*> ends(starts.size(), nullptr);
+    std::atomic<std::size_t> nextRun{0};
+    const auto readRuns = [&] {
+        for (std::size_t run = nextRun++; run < starts.size(); run = nextRun++) {
+            const bool last = run + 1 == starts.size();
+            const char* const runEnd = last ? end : starts[run + 1];
+            if (!simdjson::validate_utf8(starts[run], static_cast<std::size_t>(runEnd - starts[run]))) {
+                continue;
+            }
+            people[run].reserve(static_cast<std::size_t>(runEnd - starts[run]) / kTypicalPersonBytes + 1);
+            // A run before the last ends at the comma before the next one.
+            ends[run] = readWrittenPeople(starts[run], last ? nullptr : runEnd - 1, people[run]);
         }
     };
-    Person* const lowerStorage = lower.data();
-    const std::size_t lowerCapacity = lower.capacity();
-    const auto readUpper = [&] {
-        upper.reserve(static_cast<std::size_t>(end - split) / kTypicalPersonBytes + 1);
-        if (simdjson::validate_utf8(split, static_cast<std::size_t>(end - split))) {
-            upperEnd = readWrittenPeople(split, nullptr, upper);
-        }
-        if (upperEnd != nullptr && !upper.empty()) {
-            // The upper half's people size up the lower half's: where they
-            // will be moved to is known to a few people.
-            const double bytesPerPerson =
-                static_cast<double>(end - split) / static_cast<double>(upper.size());
-            const auto lowerCount =
-                static_cast<std::size_t>(static_cast<double>(split - begin) / bytesPerPerson);
-            prefault(lowerStorage, lowerCapacity, lowerCount - lowerCount / 64,
-                     lowerCount + lowerCount / 64 + upper.size());
-        }
-    };
-    if (split == end) {
-        readLower();
+    if (starts.size() == 1) {
+        readRuns();
     } else {
-        runSideBySide(readLower, readUpper);
-        // The lower half must end exactly where the upper one begins.
-        if (lowerEnd != split - 1 || upperEnd == nullptr) {
+        runSideBySide(readRuns, readRuns);
+    }
+    for (std::size_t run = 0; run + 1 < starts.size(); ++run) {
+        if (ends[run] != starts[run + 1] - 1) {
             return std::nullopt;
         }
-        lowerEnd = upperEnd;
     }
-    if (lowerEnd == nullptr) {
+    const char* const peopleEnd = ends.back();
+    if (peopleEnd == nullptr) {
         return std::nullopt;
     }
 
     // The rest of the file, behind an empty list of people.
     std::string rest;
-    rest.reserve(kWrittenHead.size() + 1 + static_cast<std::size_t>(end - lowerEnd));
-    rest.append(kWrittenHead).append("]").append(lowerEnd, end);
+    rest.reserve(kWrittenHead.size() + 1 + static_cast<std::size_t>(end - peopleEnd));
+    rest.append(kWrittenHead).append("]").append(peopleEnd, end);
     auto snapshot = decodeAnyFile(simdjson::padded_string(rest));
     if (!snapshot) {
         return std::nullopt;
     }
-    lower.insert(lower.end(), std::make_move_iterator(upper.begin()), std::make_move_iterator(upper.end()));
-    snapshot->people = std::move(lower);
-    return snapshot;
+    return Parts{std::move(*snapshot), std::move(people)};
 }
 
-std::optional<AddressBookSnapshot> decodeFile(simdjson::padded_string_view json) {
-    if (auto snapshot = decodeWrittenFile(json)) {
-        return snapshot;
+std::optional<Parts> decodeFile(simdjson::padded_string_view json) {
+    if (auto parts = decodeWrittenFile(json)) {
+        return parts;
     }
-    return decodeAnyFile(json);
+    auto snapshot = decodeAnyFile(json);
+    if (!snapshot) {
+        return std::nullopt;
+    }
+    Parts parts;
+    parts.people.push_back(std::move(snapshot->people));
+    snapshot->people.clear();
+    parts.snapshot = std::move(*snapshot);
+    return parts;
+}
+
+// The snapshot of a file read in parts, its people in one list.
+std::optional<AddressBookSnapshot> whole(std::optional<Parts> parts) {
+    if (!parts) {
+        return std::nullopt;
+    }
+    auto& people = parts->snapshot.people;
+    if (parts->people.size() == 1) {
+        people = std::move(parts->people.front());
+        return std::move(parts->snapshot);
+    }
+    std::size_t count = 0;
+    for (const auto& run : parts->people) {
+        count += run.size();
+    }
+    people.reserve(count);
+    for (auto& run : parts->people) {
+        people.insert(people.end(), std::make_move_iterator(run.begin()), std::make_move_iterator(run.end()));
+    }
+    return std::move(parts->snapshot);
 }
 
 // A file's bytes followed by the zeroed padding the parser reads past the
@@ -842,7 +846,7 @@ std::optional<std::string> SnapshotCache::encode(const AddressBookSnapshot& snap
 }
 
 std::optional<AddressBookSnapshot> SnapshotCache::decode(std::string_view json) {
-    return decodeFile(simdjson::padded_string(json));
+    return whole(decodeFile(simdjson::padded_string(json)));
 }
 
 std::unique_ptr<SnapshotCache> SnapshotCache::make() {
@@ -859,6 +863,10 @@ std::unique_ptr<SnapshotCache> SnapshotCache::make() {
 }
 
 std::optional<AddressBookSnapshot> SnapshotCache::read() const {
+    return whole(readParts());
+}
+
+std::optional<SnapshotCache::Parts> SnapshotCache::readParts() const {
     std::lock_guard lock(m_mutex);
     const auto file = FileBytes::read(m_url);
     if (!file) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kinbook {
 
@@ -30,9 +31,19 @@ public:
 
     const std::filesystem::path& url() const { return m_url; }
 
+    // A cached snapshot with its people in the runs the file was read in, on
+    // both processors at once: what the list starts from, without moving
+    // every person into one list first.
+    struct Parts {
+        AddressBookSnapshot snapshot;            // everything but the people
+        std::vector<std::vector<Person>> people; // the people, run after run
+    };
+
     // The cached snapshot; none when the file is missing, unreadable,
     // damaged or of another format.
     std::optional<AddressBookSnapshot> read() const;
+    // The same, in parts.
+    std::optional<Parts> readParts() const;
     // Stores the snapshot atomically, creating the folder; errors are swallowed.
     void write(const AddressBookSnapshot& snapshot) const;
     // Deletes the file; errors are swallowed.
