@@ -1,101 +1,37 @@
 #include "KinbookKit/records/PackedKeys.h"
 
-#include <cstring>
-#include <limits>
-#include <new>
-#include <stdexcept>
+#include <algorithm>
 
 namespace kinbook {
 
 PackedKeys::PackedKeys(const PersonKeys& keys) {
-    const std::string* singles[Block::kSingleTexts] = {
-        &keys.displayName,
-        &keys.sortKey,
-        &keys.sectionLetter,
-        &keys.firstNameSortKey,
-        &keys.firstNameSectionLetter,
-        &keys.searchText,
-    };
-    std::size_t byteCount = 0;
-    for (const auto* text : singles) {
-        byteCount += text->size();
-    }
-    for (const auto* list : {&keys.areaCodes, &keys.phoneDigits}) {
-        for (const auto& text : *list) {
-            byteCount += text.size();
-        }
-    }
-    const std::size_t endCount = Block::kSingleTexts + keys.areaCodes.size() + keys.phoneDigits.size();
-    // Offsets are 32 bits: no card holds gigabytes of names.
-    if (byteCount > std::numeric_limits<std::uint32_t>::max() ||
-        endCount > std::numeric_limits<std::uint32_t>::max() / sizeof(std::uint32_t)) {
-        throw std::length_error("a person's keys are too long");
-    }
-
-    void* memory = ::operator new(sizeof(Block) + endCount * sizeof(std::uint32_t) + byteCount);
-    m_block = new (memory) Block{{1},
-                                 static_cast<std::uint32_t>(keys.areaCodes.size()),
-                                 static_cast<std::uint32_t>(keys.phoneDigits.size())};
-    std::uint32_t* end = m_block->ends();
-    char* out = m_block->bytes();
-    std::uint32_t at = 0;
-    const auto put = [&](const std::string& text) {
-        if (!text.empty()) {
-            std::memcpy(out + at, text.data(), text.size());
-        }
-        at += static_cast<std::uint32_t>(text.size());
-        *end++ = at;
-    };
-    for (const auto* text : singles) {
-        put(*text);
-    }
-    for (const auto& text : keys.areaCodes) {
-        put(text);
-    }
-    for (const auto& text : keys.phoneDigits) {
-        put(text);
-    }
-}
-
-PackedKeys::PackedKeys(const PackedKeys& other) noexcept : m_block(other.m_block) {
-    if (m_block != nullptr) {
-        m_block->shares.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-PackedKeys& PackedKeys::operator=(const PackedKeys& other) noexcept {
-    PackedKeys copy(other);
-    std::swap(m_block, copy.m_block);
-    return *this;
-}
-
-PackedKeys& PackedKeys::operator=(PackedKeys&& other) noexcept {
-    PackedKeys taken(std::move(other));
-    std::swap(m_block, taken.m_block);
-    return *this;
-}
-
-PackedKeys::~PackedKeys() {
-    if (m_block != nullptr && m_block->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        m_block->~Block();
-        ::operator delete(static_cast<void*>(m_block));
-    }
+    m_texts = Texts::made(
+        [&](const auto& visit) {
+            for (const auto* text :
+                 {&keys.displayName, &keys.sortKey, &keys.sectionLetter, &keys.firstNameSortKey,
+                  &keys.firstNameSectionLetter, &keys.searchText}) {
+                visit(*text);
+            }
+            for (const auto& text : keys.areaCodes) {
+                visit(text);
+            }
+            for (const auto& text : keys.phoneDigits) {
+                visit(text);
+            }
+        },
+        static_cast<std::uint32_t>(keys.areaCodes.size()));
 }
 
 TextList PackedKeys::areaCodes() const {
-    if (m_block == nullptr) {
-        return {};
-    }
-    const std::uint32_t* ends = m_block->ends() + Block::kSingleTexts;
-    return TextList(ends, m_block->bytes(), ends[-1], m_block->areaCodeCount);
+    return m_texts.empty() ? TextList() : m_texts.stretch(kSingleTexts, m_texts.mark());
 }
 
 TextList PackedKeys::phoneDigits() const {
-    if (m_block == nullptr) {
+    if (m_texts.empty()) {
         return {};
     }
-    const std::uint32_t* ends = m_block->ends() + Block::kSingleTexts + m_block->areaCodeCount;
-    return TextList(ends, m_block->bytes(), ends[-1], m_block->phoneDigitCount);
+    const std::size_t from = kSingleTexts + m_texts.mark();
+    return m_texts.stretch(from, m_texts.size() - from);
 }
 
 PersonKeys PackedKeys::unpacked() const {
@@ -112,21 +48,15 @@ PersonKeys PackedKeys::unpacked() const {
 }
 
 bool PackedKeys::operator==(const PackedKeys& other) const {
-    if (m_block == other.m_block) {
-        return true;
-    }
     // Keys never worked out read as keys that are all empty.
-    const auto empty = [](const Block* block) {
-        return block == nullptr ||
-               (block->areaCodeCount == 0 && block->phoneDigitCount == 0 && block->byteCount() == 0);
+    const auto blank = [](const Texts& texts) {
+        return texts.size() == kSingleTexts &&
+               std::all_of(texts.begin(), texts.end(), [](std::string_view text) { return text.empty(); });
     };
-    if (m_block == nullptr || other.m_block == nullptr) {
-        return empty(m_block) && empty(other.m_block);
+    if (m_texts.empty() != other.m_texts.empty()) {
+        return blank(m_texts.empty() ? other.m_texts : m_texts);
     }
-    return m_block->areaCodeCount == other.m_block->areaCodeCount &&
-           m_block->phoneDigitCount == other.m_block->phoneDigitCount &&
-           m_block->size() == other.m_block->size() &&
-           std::memcmp(m_block->ends(), other.m_block->ends(), m_block->size() - sizeof(Block)) == 0;
+    return m_texts == other.m_texts;
 }
 
 } // namespace kinbook
