@@ -350,7 +350,7 @@ void ContactPage::rebuildFields() {
 
     addTitle("Accounts");
     for (const auto& accountID : person.accountIDs) {
-        const auto found = m_accountNames.find(accountID);
+        const auto found = m_accountNames.find(std::string(accountID));
         addRow({}, qt(found != m_accountNames.end() ? found->second : accountID));
     }
     addTitle("Circle");

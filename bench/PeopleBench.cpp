@@ -110,20 +110,22 @@ std::vector<PersonPtr> makePeople(std::size_t count) {
         if (random.percent(25)) {
             person.jobTitle = random.pick(kJobs);
         }
-        const int phones = random.between(0, 3);
-        for (int p = 0; p < phones; ++p) {
-            person.phoneNumbers.push_back(fillDigits(random.pick(kPhoneForms), random));
+        std::vector<std::string> phones(static_cast<std::size_t>(random.between(0, 3)));
+        for (auto& phone : phones) {
+            phone = fillDigits(random.pick(kPhoneForms), random);
         }
-        const int emails = random.between(0, 2);
-        for (int e = 0; e < emails; ++e) {
-            person.emailAddresses.push_back(fmt::format("{}.{}{}@example.{}", given.ascii, family.ascii,
-                                                        e == 0 ? "" : "2", e == 0 ? "com" : "org"));
+        person.phoneNumbers = phones;
+        std::vector<std::string> emails;
+        for (int e = random.between(0, 2); e > 0; --e) {
+            emails.push_back(fmt::format("{}.{}{}@example.{}", given.ascii, family.ascii,
+                                         emails.empty() ? "" : "2", emails.empty() ? "com" : "org"));
         }
+        person.emailAddresses = emails;
         if (random.percent(60)) {
-            person.postalCodes.push_back(fillDigits(random.pick(kZipForms), random));
-            person.places.push_back(std::string(random.pick(kPlaces)));
+            person.postalCodes = {fillDigits(random.pick(kZipForms), random)};
+            person.places = {random.pick(kPlaces)};
         }
-        person.accountIDs.push_back(fmt::format("account-{}", random.below(3)));
+        person.accountIDs = {fmt::format("account-{}", random.below(3))};
         if (random.percent(20)) {
             person.kinID = fmt::format("kinbook://c/{:08x}", random.next() & 0xffffffff);
         }
@@ -138,7 +140,7 @@ std::vector<PersonPtr> makePeople(std::size_t count) {
         person.filledCount =
             static_cast<int>(!person.givenName.empty()) + static_cast<int>(!person.familyName.empty()) +
             static_cast<int>(!person.organization.empty()) + static_cast<int>(!person.jobTitle.empty()) +
-            phones + emails + static_cast<int>(person.postalCodes.size());
+            static_cast<int>(phones.size() + emails.size() + person.postalCodes.size());
         person.derive();
         people.push_back(std::move(person));
     }

@@ -152,11 +152,11 @@ std::string sectionsText(std::span<const Section> sections, int matchCount, std:
         for (const auto& person : section.people) {
             std::string line = "  " + padded(clipped(person->displayName(), nameWidth), nameWidth);
             if (mailWidth > 0) {
-                const std::string mail = person->emailAddresses.empty() ? "" : person->emailAddresses[0];
+                const std::string_view mail = person->emailAddresses.empty() ? "" : person->emailAddresses[0];
                 line += "  " + padded(clipped(mail, mailWidth), mailWidth);
             }
             if (phoneWidth > 0) {
-                const std::string phone = person->phoneNumbers.empty() ? "" : person->phoneNumbers[0];
+                const std::string_view phone = person->phoneNumbers.empty() ? "" : person->phoneNumbers[0];
                 line += "  " + padded(clipped(phone, phoneWidth), phoneWidth);
             }
             line += "  " + padded(circleMark(*person), 3);
@@ -190,8 +190,8 @@ std::string personText(const Person& person, std::span<const ShownCard> cards, c
     }
     std::vector<std::string> accountList;
     for (const auto& id : person.accountIDs) {
-        const auto name = names.find(id);
-        accountList.push_back(name != names.end() ? name->second : id);
+        const auto name = names.find(std::string(id));
+        accountList.push_back(name != names.end() ? name->second : std::string(id));
     }
     row("accounts", fmt::format("{}", fmt::join(accountList, ", ")));
     row("id", person.id);
@@ -297,7 +297,7 @@ std::vector<Completion> completions(const Person& person, std::span<const ShownC
     const auto& values = kind == CompletionKind::email ? person.emailAddresses : person.phoneNumbers;
     if (cards.empty()) {
         for (const auto& value : values) {
-            if (!value.empty() && seen.insert(value).second) {
+            if (!value.empty() && seen.insert(std::string(value)).second) {
                 current.push_back({oneLine(value), oneLine(person.displayName()), "", person.id});
             }
         }

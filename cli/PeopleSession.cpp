@@ -242,7 +242,7 @@ std::vector<std::vector<ShownCard>> PeopleSession::cards(const std::vector<const
             wanted.push_back({p, people[p]->id, std::nullopt});
         }
         for (const auto& id : people[p]->memberIDs) {
-            wanted.push_back({p, id, std::nullopt});
+            wanted.push_back({p, std::string(id), std::nullopt});
         }
     }
     std::size_t answered = 0;

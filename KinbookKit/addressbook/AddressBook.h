@@ -38,7 +38,7 @@ struct SaveOutcome {
 };
 
 // A person's (a card's) id to the ids of the accounts that hold one of its cards.
-using Membership = std::map<std::string, std::vector<std::string>>;
+using Membership = std::map<std::string, Texts>;
 
 struct ReadOptions {
     bool details = true; // everything the list shows and searches; false: names and anchors only

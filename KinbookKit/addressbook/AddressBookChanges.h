@@ -19,10 +19,10 @@ struct AddressBookChanges {
     // damaged, or is older than what the journal keeps): drop everything and do
     // a full read. All other fields are then empty or absent.
     bool startOver = false;
-    std::vector<Person> changed;                                // changed and added people, read with details
-    std::set<std::string> deleted;                              // ids of cards that no longer exist
-    std::map<std::string, std::vector<std::string>> membership; // changed person id -> account ids
-    std::optional<std::vector<std::uint8_t>> token;             // opaque; the position after these changes
+    std::vector<Person> changed;                    // changed and added people, read with details
+    std::set<std::string> deleted;                  // ids of cards that no longer exist
+    std::map<std::string, Texts> membership;        // changed person id -> account ids
+    std::optional<std::vector<std::uint8_t>> token; // opaque; the position after these changes
 
     bool operator==(const AddressBookChanges&) const = default;
 };

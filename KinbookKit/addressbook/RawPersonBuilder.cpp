@@ -325,10 +325,8 @@ void RawPersonBuilder::finishInto(Person& person, std::string_view cardID, std::
         person.jobTitle = std::move(*m_title);
     }
     person.department = std::move(names.department);
-    person.accountIDs.reserve(1);
-    person.accountIDs.emplace_back(accountID);
-    person.memberIDs.reserve(1);
-    person.memberIDs.emplace_back(person.id);
+    person.accountIDs = {accountID};
+    person.memberIDs = {person.id};
     person.detailed = m_details;
     Lists& lists = *m_lists;
     if (!lists.anchors.empty()) {
@@ -344,13 +342,10 @@ void RawPersonBuilder::finishInto(Person& person, std::string_view cardID, std::
         }
     }
     if (m_details) {
-        const auto take = [](std::vector<std::string>& gathered, std::vector<std::string>& into) {
-            into.assign(std::make_move_iterator(gathered.begin()), std::make_move_iterator(gathered.end()));
-        };
-        take(lists.phones, person.phoneNumbers);
-        take(lists.emails, person.emailAddresses);
-        take(lists.postalCodes, person.postalCodes);
-        take(lists.places, person.places);
+        person.phoneNumbers = lists.phones;
+        person.emailAddresses = lists.emails;
+        person.postalCodes = lists.postalCodes;
+        person.places = lists.places;
         person.hasImage = m_image;
         int filled = m_filledEntries + (m_birthday ? 1 : 0) + (m_image ? 1 : 0);
         for (const auto* text : {&person.givenName, &person.middleName, &person.familyName, &person.nickname,

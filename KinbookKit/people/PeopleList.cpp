@@ -114,7 +114,7 @@ List keepOnly(const List& list, const std::shared_ptr<const JoinedPeople>& peopl
 }
 
 std::vector<std::string> cardIDsOf(const Person& person) {
-    return person.memberIDs.empty() ? std::vector<std::string>{person.id} : person.memberIDs;
+    return person.memberIDs.empty() ? std::vector<std::string>{person.id} : person.memberIDs.strings();
 }
 
 // The entry with this identity gets the label `relabel` makes of its own.

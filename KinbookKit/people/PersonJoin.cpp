@@ -218,8 +218,8 @@ void JoinedPeople::makeLookUps(std::size_t cardsInGroups) {
         if (i + kAhead < total) {
             const Person& soon = *m_inReadOrder[i + kAhead];
             __builtin_prefetch(soon.id.data());
-            __builtin_prefetch(soon.accountIDs.data());
-            __builtin_prefetch(soon.memberIDs.data());
+            __builtin_prefetch(soon.accountIDs.address());
+            __builtin_prefetch(soon.memberIDs.address());
         }
         const Person& person = *m_inReadOrder[i];
         m_personIDs.insert(person.id, i, HasID{m_inReadOrder});
@@ -293,8 +293,8 @@ Person joinGroup(std::vector<PersonPtr> members) {
     });
 
     Person::Changes changes;
-    std::vector<std::string> accountIDs;
-    std::vector<std::string> memberIDs;
+    std::vector<std::string_view> accountIDs;
+    std::vector<std::string_view> memberIDs;
     bool hidden = true;
     std::optional<ContactCircle> circle;
     for (const auto& member : members) {

@@ -218,7 +218,7 @@ void prefetchKeyText(const Person& person, std::uint32_t orders) {
     __builtin_prefetch(keys);
     __builtin_prefetch(keys + 64);
     if (orders & bitOf(SortOrder::zip)) {
-        __builtin_prefetch(person.postalCodes.data());
+        __builtin_prefetch(person.postalCodes.address());
     }
 }
 

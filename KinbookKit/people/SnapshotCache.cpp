@@ -142,6 +142,16 @@ bool readStrings(ondemand::value& value, std::vector<std::string>& out) {
     return takeFound();
 }
 
+// A person's list, read through texts kept per thread and packed at its size.
+bool readStrings(ondemand::value& value, Texts& out) {
+    thread_local std::vector<std::string> texts;
+    if (!readStrings(value, texts)) {
+        return false;
+    }
+    out = texts;
+    return true;
+}
+
 bool readBool(ondemand::value& value, bool& out) {
     return value.get_bool().get(out) == SUCCESS;
 }

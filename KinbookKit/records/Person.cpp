@@ -101,7 +101,7 @@ void Person::derive() {
         search += folded;
         search += '\n';
     };
-    const auto add = [&](const std::string& text) {
+    const auto add = [&](std::string_view text) {
         foldInto(search, text);
         search += '\n';
     };
@@ -158,17 +158,17 @@ nlohmann::json Person::toJSON() const {
         {"organization", organization},
         {"jobTitle", jobTitle},
         {"department", department},
-        {"phoneNumbers", phoneNumbers},
-        {"emailAddresses", emailAddresses},
-        {"accountIDs", accountIDs},
+        {"phoneNumbers", phoneNumbers.strings()},
+        {"emailAddresses", emailAddresses.strings()},
+        {"accountIDs", accountIDs.strings()},
         {"hasImage", hasImage},
-        {"postalCodes", postalCodes},
-        {"places", places},
+        {"postalCodes", postalCodes.strings()},
+        {"places", places.strings()},
         {"filledCount", filledCount},
         {"detailed", detailed},
         {"hidden", hidden},
         {"isPrimaryCard", isPrimaryCard},
-        {"memberIDs", memberIDs},
+        {"memberIDs", memberIDs.strings()},
         {"displayName", displayName()},
         {"sortKey", sortKey()},
         {"sectionLetter", sectionLetter()},
@@ -201,17 +201,17 @@ std::optional<Person> Person::fromJSON(const nlohmann::json& json) {
         json.at("organization").get_to(person.organization);
         json.at("jobTitle").get_to(person.jobTitle);
         json.at("department").get_to(person.department);
-        json.at("phoneNumbers").get_to(person.phoneNumbers);
-        json.at("emailAddresses").get_to(person.emailAddresses);
-        json.at("accountIDs").get_to(person.accountIDs);
+        person.phoneNumbers = json.at("phoneNumbers").get<std::vector<std::string>>();
+        person.emailAddresses = json.at("emailAddresses").get<std::vector<std::string>>();
+        person.accountIDs = json.at("accountIDs").get<std::vector<std::string>>();
         json.at("hasImage").get_to(person.hasImage);
-        json.at("postalCodes").get_to(person.postalCodes);
-        json.at("places").get_to(person.places);
+        person.postalCodes = json.at("postalCodes").get<std::vector<std::string>>();
+        person.places = json.at("places").get<std::vector<std::string>>();
         json.at("filledCount").get_to(person.filledCount);
         json.at("detailed").get_to(person.detailed);
         json.at("hidden").get_to(person.hidden);
         json.at("isPrimaryCard").get_to(person.isPrimaryCard);
-        json.at("memberIDs").get_to(person.memberIDs);
+        person.memberIDs = json.at("memberIDs").get<std::vector<std::string>>();
         if (const auto kinID = json.find("kinID"); kinID != json.end() && !kinID->is_null()) {
             person.kinID = kinID->get<std::string>();
         }

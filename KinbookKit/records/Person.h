@@ -2,6 +2,7 @@
 
 #include "KinbookKit/records/ContactCircle.h"
 #include "KinbookKit/records/PackedKeys.h"
+#include "KinbookKit/records/Texts.h"
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -28,19 +29,19 @@ struct Person {
     std::string organization;
     std::string jobTitle;
     std::string department;
-    std::vector<std::string> phoneNumbers;   // in card order
-    std::vector<std::string> emailAddresses; // in card order
-    std::vector<std::string> accountIDs;     // the accounts holding this person's cards
+    Texts phoneNumbers;   // in card order
+    Texts emailAddresses; // in card order
+    Texts accountIDs;     // the accounts holding this person's cards
     bool hasImage = false;
-    std::vector<std::string> postalCodes;
-    std::vector<std::string> places; // place text of the addresses, for search
-    int filledCount = 0;             // how many fields of the card are filled
-    bool detailed = false;           // made from a full read, not a names-only pass
+    Texts postalCodes;
+    Texts places;          // place text of the addresses, for search
+    int filledCount = 0;   // how many fields of the card are filled
+    bool detailed = false; // made from a full read, not a names-only pass
     std::optional<std::string> kinID;
     bool hidden = false;
     std::optional<ContactCircle> circle;
     bool isPrimaryCard = false;
-    std::vector<std::string> memberIDs; // a joined person's card ids, leading card first
+    Texts memberIDs; // a joined person's card ids, leading card first
 
     // Derived keys (see PersonKeys), worked out once from the stored fields
     // so that no comparison or keystroke folds text again.
@@ -68,12 +69,12 @@ struct Person {
     // value. For `circle` and `kinID`, keeping the old value (absent) differs
     // from setting none (present and empty).
     struct Changes {
-        std::optional<std::vector<std::string>> accountIDs;
+        std::optional<Texts> accountIDs;
         std::optional<bool> hidden;
         std::optional<std::optional<ContactCircle>> circle;
         std::optional<std::optional<std::string>> kinID;
         std::optional<bool> isPrimaryCard;
-        std::optional<std::vector<std::string>> memberIDs;
+        std::optional<Texts> memberIDs;
     };
     Person with(Changes changes) const;
 

@@ -6,7 +6,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <iterator>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -170,17 +170,14 @@ private:
         }
     }
 
-    // Most lists hold one to three texts: they are read into a scratch list
-    // first, so that the person's own list is made once at its size.
-    bool strings(std::vector<std::string>& out) {
+    // A list is read into the scratch texts, which keep their memory from
+    // person to person, and then packed once at its size.
+    bool strings(Texts& out) {
         std::size_t count = 0;
         if (!textsInto(m_scratch, count)) {
             return false;
         }
-        out.clear();
-        out.reserve(count);
-        out.insert(out.end(), std::make_move_iterator(m_scratch.begin()),
-                   std::make_move_iterator(m_scratch.begin() + static_cast<std::ptrdiff_t>(count)));
+        out = Texts(std::span<const std::string>(m_scratch.data(), count));
         return true;
     }
 

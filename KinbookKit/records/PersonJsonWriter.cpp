@@ -71,11 +71,11 @@ private:
         const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
         m_out.append(digits.data(), end);
     }
-    void field(std::string_view name, const std::vector<std::string>& values) { list(name, values); }
+    void field(std::string_view name, const Texts& values) { list(name, values); }
     void field(std::string_view name, const TextList& values) { list(name, values); }
 
-    template <typename Texts>
-    void list(std::string_view name, const Texts& values) {
+    template <typename List>
+    void list(std::string_view name, const List& values) {
         key(name);
         m_out += '[';
         bool first = true;

@@ -193,9 +193,11 @@ TEST(PersonJoinTest, ManyPeopleAreFoundByEveryIdTheyHoldAndUnknownIdsByNone) {
     }
     for (int i = 0; i < 3; ++i) {
         raw.push_back(changed(card("many-" + std::to_string(i), "Bo", "Ma"), [i](Person& p) {
+            auto members = p.memberIDs.strings();
             for (int k = 0; k < 2000; ++k) {
-                p.memberIDs.push_back("many-" + std::to_string(i) + "-" + std::to_string(k));
+                members.push_back("many-" + std::to_string(i) + "-" + std::to_string(k));
             }
+            p.memberIDs = members;
         }));
     }
     const auto joined = joinPeople(raw);

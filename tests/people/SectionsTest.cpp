@@ -211,7 +211,7 @@ TEST(Sections, EqualityComparesPeopleByValue) {
 // way: a stable sort on the whole key, comparing the people's own strings.
 std::vector<Section> plainSections(SortOrder order, std::vector<PersonPtr> people) {
     const auto zipKey = [](const Person& person) {
-        std::string key = person.postalCodes.front().substr(0, person.postalCodes.front().find('-'));
+        std::string key(person.postalCodes.front().substr(0, person.postalCodes.front().find('-')));
         std::transform(key.begin(), key.end(), key.begin(),
                        [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
         return key;
@@ -338,12 +338,13 @@ std::vector<PersonPtr> awkwardPeople(std::size_t count, unsigned seed) {
         person.id = std::to_string(i);
         person.givenName = pick(names);
         person.familyName = pick(names);
-        for (auto phones = random() % 3; phones > 0; --phones) {
-            person.phoneNumbers.push_back(
-                pick({"+1 212 555 0100", "+44 20 7946 0958", "12", "(213) 555-0101"}));
+        std::vector<std::string> phones;
+        for (auto left = random() % 3; left > 0; --left) {
+            phones.push_back(pick({"+1 212 555 0100", "+44 20 7946 0958", "12", "(213) 555-0101"}));
         }
+        person.phoneNumbers = phones;
         if (random() % 3 != 0) {
-            person.postalCodes.push_back(pick(zips));
+            person.postalCodes = {pick(zips)};
         }
         if (random() % 2 == 0) {
             person.circle = circleFromRawValue(static_cast<long long>(random() % 6 + 1));
