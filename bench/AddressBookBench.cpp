@@ -155,7 +155,7 @@ int main(int argc, char** argv) {
     };
     // A watch that starts can't know what changed before it: its first
     // notice leads to a scan of everything, once.
-    (void)book.observeChanges(pool, [&] {
+    const auto observer = book.observeChanges(pool, [&] {
         std::lock_guard lock(mutex);
         changed = true;
         noticed.notify_all();
@@ -196,7 +196,9 @@ int main(int argc, char** argv) {
     const double notice = secondsSince(editStart);
     const auto changes = book.changesSince(token);
     const double refresh = secondsSince(editStart);
-    book.stopObserving();
+    if (observer.ok()) {
+        book.stopObserving(*observer);
+    }
 
     const double megabytes = static_cast<double>(bytes) / 1e6;
     fmt::print("\naddress book: {} people, {} cards, {:.1f} MB\n", people, count, megabytes);

@@ -40,6 +40,9 @@ struct SaveOutcome {
 // A person's (a card's) id to the ids of the accounts that hold one of its cards.
 using Membership = std::map<std::string, Texts>;
 
+// Who asked to hear of changes to an address book.
+using ChangeObserverID = std::uint64_t;
+
 struct ReadOptions {
     bool details = true; // everything the list shows and searches; false: names and anchors only
     bool takeToken =
@@ -146,9 +149,14 @@ public:
     virtual std::size_t restoreHeldNotes() = 0;
 
     // Calls `onChange` on `executor` whenever the address book may have
-    // changed, by Kinbook or any other program, until stopObserving().
-    virtual Result<void, std::string> observeChanges(Executor& executor, std::function<void()> onChange) = 0;
-    virtual void stopObserving() = 0;
+    // changed, by Kinbook or any other program, until stopObserving() with
+    // the id this returns. Any number may observe one address book at once
+    // (two windows' lists, say), each hearing of every change.
+    virtual Result<ChangeObserverID, std::string> observeChanges(Executor& executor,
+                                                                 std::function<void()> onChange) = 0;
+    // Once it returns, that observer's `onChange` is not called again. Call
+    // it on the observer's executor.
+    virtual void stopObserving(ChangeObserverID observer) = 0;
 };
 
 } // namespace kinbook

@@ -261,7 +261,10 @@ VdirAddressBook::VdirAddressBook(Options options)
 }
 
 VdirAddressBook::~VdirAddressBook() {
-    stopObserving();
+    {
+        std::lock_guard watch(m_watchMutex);
+        stopWatching();
+    }
     m_contactsApp.reset();
 }
 
@@ -1344,32 +1347,80 @@ Result<void, AddressBookError> VdirAddressBook::scriptedRemove(std::string_view 
     return deleted;
 }
 
-Result<void, std::string> VdirAddressBook::observeChanges(Executor& executor,
-                                                          std::function<void()> onChange) {
+Result<ChangeObserverID, std::string> VdirAddressBook::observeChanges(Executor& executor,
+                                                                      std::function<void()> onChange) {
     if (!m_options.watcher) {
         return failure(std::string("no folder watcher"));
     }
-    // The journal hears what each notice names before the caller hears of
+    std::lock_guard watch(m_watchMutex);
+    ChangeObserverID id = 0;
+    bool starting = false;
+    {
+        // In the list before the watch begins: its first notice, which says
+        // that anything may have changed, may come at once.
+        std::lock_guard observing(m_observerMutex);
+        id = ++m_lastObserverID;
+        m_observers.emplace(
+            id, ChangeObserver{&executor, std::make_shared<const std::function<void()>>(std::move(onChange)),
+                               std::make_shared<std::atomic<bool>>(true)});
+        starting = m_watchExecutor == nullptr;
+        if (starting) {
+            m_watchExecutor = &executor;
+        }
+    }
+    if (!starting) {
+        return id;
+    }
+    // The journal hears what each notice names before any observer hears of
     // it, so the refresh that follows stats only those files.
-    auto started = m_options.watcher->start(
-        m_options.root, executor, [this, onChange = std::move(onChange)](const FolderChange& change) {
-            {
-                std::lock_guard lock(m_noticeMutex);
-                m_notices.unnamed = m_notices.unnamed || change.unnamed;
-                if (!change.unnamed) {
-                    m_notices.files.insert(m_notices.files.end(), change.files.begin(), change.files.end());
-                }
+    auto started = m_options.watcher->start(m_options.root, executor, [this](const FolderChange& change) {
+        {
+            std::lock_guard lock(m_noticeMutex);
+            m_notices.unnamed = m_notices.unnamed || change.unnamed;
+            if (!change.unnamed) {
+                m_notices.files.insert(m_notices.files.end(), change.files.begin(), change.files.end());
             }
-            onChange();
-        });
+        }
+        tellObservers();
+    });
     if (!started.ok()) {
-        return started;
+        std::lock_guard observing(m_observerMutex);
+        m_observers.erase(id);
+        m_watchExecutor = nullptr;
+        return failure(started.error());
     }
     // Only now is every change named; the next scan still covers the time
     // before the watch began.
     std::lock_guard lock(m_mutex);
     journal().followNamedChanges(true);
-    return {};
+    return id;
+}
+
+void VdirAddressBook::tellObservers() {
+    std::vector<ChangeObserver> observers;
+    Executor* watchExecutor = nullptr;
+    {
+        std::lock_guard observing(m_observerMutex);
+        watchExecutor = m_watchExecutor;
+        for (const auto& [id, observer] : m_observers) {
+            observers.push_back(observer);
+        }
+    }
+    for (const auto& observer : observers) {
+        if (observer.executor == watchExecutor) {
+            // Asked again: one that left after the list was copied left on
+            // this same executor, and must not hear of this.
+            if (observer.live->load()) {
+                (*observer.onChange)();
+            }
+        } else {
+            observer.executor->post([onChange = observer.onChange, live = observer.live] {
+                if (live->load()) {
+                    (*onChange)();
+                }
+            });
+        }
+    }
 }
 
 ChangeJournal& VdirAddressBook::journal() {
@@ -1386,12 +1437,35 @@ ChangeJournal& VdirAddressBook::journal() {
     return *m_journal;
 }
 
-void VdirAddressBook::stopObserving() {
-    if (m_options.watcher) {
-        m_options.watcher->stop();
-        std::lock_guard lock(m_mutex);
-        journal().followNamedChanges(false);
+void VdirAddressBook::stopObserving(ChangeObserverID observer) {
+    std::lock_guard watch(m_watchMutex);
+    bool last = false;
+    {
+        std::lock_guard observing(m_observerMutex);
+        const auto found = m_observers.find(observer);
+        if (found == m_observers.end()) {
+            return;
+        }
+        found->second.live->store(false);
+        m_observers.erase(found);
+        last = m_observers.empty();
     }
+    if (last) {
+        stopWatching();
+    }
+}
+
+void VdirAddressBook::stopWatching() {
+    {
+        std::lock_guard observing(m_observerMutex);
+        if (m_watchExecutor == nullptr) {
+            return;
+        }
+        m_watchExecutor = nullptr;
+    }
+    m_options.watcher->stop();
+    std::lock_guard lock(m_mutex);
+    journal().followNamedChanges(false);
 }
 
 } // namespace kinbook

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -110,8 +111,9 @@ public:
     Result<std::optional<std::vector<std::uint8_t>>, AddressBookError>
     image(std::string_view cardID) override;
     std::size_t restoreHeldNotes() override;
-    Result<void, std::string> observeChanges(Executor& executor, std::function<void()> onChange) override;
-    void stopObserving() override;
+    Result<ChangeObserverID, std::string> observeChanges(Executor& executor,
+                                                         std::function<void()> onChange) override;
+    void stopObserving(ChangeObserverID observer) override;
 
     const std::filesystem::path& root() const { return m_options.root; }
 
@@ -161,6 +163,11 @@ private:
     // The journal, told first of the watcher's notices that came since it
     // was last used. Call with m_mutex held.
     ChangeJournal& journal();
+    // Hands a watcher's notice to every observer. Runs on the watch's executor.
+    void tellObservers();
+    // Ends the watch, when the last observer leaves or the book goes. Call
+    // with m_watchMutex held.
+    void stopWatching();
 
     Options m_options;
     std::shared_ptr<KinLog> m_log;
@@ -179,6 +186,24 @@ private:
     // wait for it.
     std::mutex m_noticeMutex; // guards m_notices only; never held while taking m_mutex
     FolderChange m_notices;
+
+    // Everyone who asked to hear of changes. One watch serves them all: it
+    // begins with the first observer, on that observer's executor, and ends
+    // with the last. An observer on another executor hears through a task
+    // posted there, which `live` stops once it has left.
+    struct ChangeObserver {
+        Executor* executor;
+        std::shared_ptr<const std::function<void()>> onChange;
+        std::shared_ptr<std::atomic<bool>> live;
+    };
+    // Taken around beginning and ending the watch, so that an observer
+    // arriving as the last one leaves finds it either running or stopped.
+    // Never taken by a notice, which stopping the watch waits for.
+    std::mutex m_watchMutex;
+    std::mutex m_observerMutex; // guards the three below; never held while calling an observer
+    std::map<ChangeObserverID, ChangeObserver> m_observers;
+    ChangeObserverID m_lastObserverID = 0;
+    Executor* m_watchExecutor = nullptr; // none: not watching
 
     NoteGuard m_noteGuard;
     std::once_flag m_recoveryOnce;

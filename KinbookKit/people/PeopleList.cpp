@@ -269,8 +269,8 @@ PeopleList::~PeopleList() {
     if (m_indexCancel) {
         *m_indexCancel = true;
     }
-    if (m_watching) {
-        m_book->stopObserving();
+    if (m_observer) {
+        m_book->stopObserving(*m_observer);
     }
 }
 
@@ -427,14 +427,15 @@ void PeopleList::afterAccess() {
 }
 
 void PeopleList::afterCache() {
-    if (!m_watching) {
+    if (!m_observer) {
         auto watching = m_book->observeChanges(m_main, [this, alive = std::weak_ptr<int>(m_alive)] {
             if (alive.lock()) {
                 noticeArrived();
             }
         });
-        m_watching = watching.ok();
-        if (!watching.ok() && !m_watchFailureLogged) {
+        if (watching.ok()) {
+            m_observer = watching.value();
+        } else if (!m_watchFailureLogged) {
             m_watchFailureLogged = true;
             m_log->info("not watching the store: " + watching.error());
         }

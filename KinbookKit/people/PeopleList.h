@@ -193,7 +193,7 @@ public:
     const Timings& timings() const { return m_timings; }
     const std::optional<std::vector<std::uint8_t>>& historyToken() const { return m_historyToken; }
     const std::optional<std::chrono::system_clock::time_point>& fullReadAt() const { return m_fullReadAt; }
-    bool isWatching() const { return m_watching; }
+    bool isWatching() const { return m_observer.has_value(); }
 
     // --- People and look-ups -------------------------------------------------
 
@@ -432,7 +432,7 @@ private:
 
     std::optional<std::vector<std::uint8_t>> m_historyToken;
     std::optional<std::chrono::system_clock::time_point> m_fullReadAt;
-    bool m_watching = false;
+    std::optional<ChangeObserverID> m_observer; // none: not hearing of the store's changes
     bool m_watchFailureLogged = false;
     int m_notices = 0;
     bool m_gatheringNotices = false;

@@ -360,13 +360,12 @@ TEST_F(VdirAddressBookTest, OutsideWritesAreNoticedAndReadBack) {
     std::mutex mutex;
     std::condition_variable noticed;
     int notices = 0;
-    ASSERT_TRUE(book.observeChanges(pool,
-                                    [&] {
-                                        std::lock_guard lock(mutex);
-                                        ++notices;
-                                        noticed.notify_all();
-                                    })
-                    .ok());
+    const auto observer = book.observeChanges(pool, [&] {
+        std::lock_guard lock(mutex);
+        ++notices;
+        noticed.notify_all();
+    });
+    ASSERT_TRUE(observer.ok());
     auto waitForNotice = [&](int seen) {
         std::unique_lock lock(mutex);
         return noticed.wait_for(lock, std::chrono::seconds(5), [&] { return notices > seen; });
@@ -394,7 +393,7 @@ TEST_F(VdirAddressBookTest, OutsideWritesAreNoticedAndReadBack) {
     ASSERT_EQ(changes->changed.size(), 1u);
     EXPECT_EQ(changes->changed[0].id, "NEW-1");
     EXPECT_TRUE(changes->deleted.empty());
-    book.stopObserving();
+    book.stopObserving(*observer);
 }
 
 // A watcher the test speaks for: each notice says what the test says.
@@ -410,6 +409,7 @@ public:
             m_onChange(change);
         }
     }
+    bool watching() const { return m_onChange != nullptr; }
 
 private:
     Callback m_onChange;
@@ -444,6 +444,51 @@ TEST_F(VdirAddressBookTest, ARefreshAfterANoticeReadsWhatItNames) {
     EXPECT_TRUE(changes->changed.empty());
     EXPECT_EQ(changes->deleted, std::set<std::string>{"NORA-1"});
     EXPECT_EQ(notices, 3);
+}
+
+TEST_F(VdirAddressBookTest, EveryObserverHearsUntilItLeavesAndTheWatchEndsWithTheLast) {
+    // Two lists on the main thread and one elsewhere: one leaving must not
+    // deafen the others, and one that left hears nothing it had queued.
+    auto opts = options();
+    auto watcher = std::make_shared<ScriptedWatcher>();
+    opts.watcher = watcher;
+    VdirAddressBook book(opts);
+    testing::ManualExecutor main;
+    testing::ManualExecutor other;
+    int first = 0;
+    int second = 0;
+    int elsewhere = 0;
+    const auto firstID = book.observeChanges(main, [&] { ++first; });
+    const auto secondID = book.observeChanges(main, [&] { ++second; });
+    const auto elsewhereID = book.observeChanges(other, [&] { ++elsewhere; });
+    ASSERT_TRUE(firstID.ok() && secondID.ok() && elsewhereID.ok());
+    EXPECT_NE(*firstID, *secondID);
+
+    watcher->notice(FolderChange{{}, true});
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 1);
+    EXPECT_EQ(elsewhere, 0) << "heard on its own executor, not the watch's";
+    other.runUntilIdle();
+    EXPECT_EQ(elsewhere, 1);
+
+    book.stopObserving(*firstID);
+    EXPECT_TRUE(watcher->watching());
+    watcher->notice(FolderChange{{{"family", "JANE-1.vcf"}}, false});
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 2);
+    book.stopObserving(*elsewhereID);
+    other.runUntilIdle();
+    EXPECT_EQ(elsewhere, 1) << "a notice queued before it left";
+
+    book.stopObserving(*firstID); // again: nothing
+    book.stopObserving(*secondID);
+    EXPECT_FALSE(watcher->watching());
+    const auto again = book.observeChanges(main, [&] { ++first; });
+    ASSERT_TRUE(again.ok());
+    EXPECT_TRUE(watcher->watching());
+    watcher->notice(FolderChange{{}, true});
+    EXPECT_EQ(first, 2);
+    EXPECT_EQ(second, 2);
 }
 
 TEST_F(VdirAddressBookTest, TheTokenOfARestartedReadCoversChangesMadeMeanwhile) {

@@ -153,10 +153,11 @@ public:
         return m_inner->image(id);
     }
     std::size_t restoreHeldNotes() override { return m_inner->restoreHeldNotes(); }
-    Result<void, std::string> observeChanges(Executor& executor, std::function<void()> onChange) override {
+    Result<ChangeObserverID, std::string> observeChanges(Executor& executor,
+                                                         std::function<void()> onChange) override {
         return m_inner->observeChanges(executor, std::move(onChange));
     }
-    void stopObserving() override { m_inner->stopObserving(); }
+    void stopObserving(ChangeObserverID observer) override { m_inner->stopObserving(observer); }
 
 private:
     std::shared_ptr<AddressBook> m_inner;
