@@ -3,12 +3,12 @@
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/QtText.h"
-#include "KinbookKit/addressbook/DemoAddressBook.h"
-#include "KinbookKit/addressbook/InotifyFolderWatcher.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
-#include "KinbookKit/addressbook/VipsImageScaler.h"
-#include "KinbookKit/addressbook/VipsPortraitPainter.h"
 #include "KinbookKit/people/PeopleList.h"
+#include "KinbookKit/platform/InotifyFolderWatcher.h"
+#include "KinbookKit/platform/VipsImageScaler.h"
+#include "KinbookKit/platform/VipsPortraitPainter.h"
+#include "KinbookKit/setup/DemoAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 
 #include <fmt/format.h>

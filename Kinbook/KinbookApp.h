@@ -3,7 +3,7 @@
 #include "Kinbook/LaunchOptions.h"
 #include "Kinbook/MainThreadWatcher.h"
 #include "Kinbook/QtMainExecutor.h"
-#include "KinbookKit/addressbook/Configuration.h"
+#include "KinbookKit/setup/Configuration.h"
 #include "KinbookKit/text/KinLog.h"
 
 #include <QObject>

@@ -4,7 +4,7 @@
 #include "Kinbook/KinbookApplication.h"
 #include "Kinbook/LaunchOptions.h"
 #include "KinbookKit/Version.h"
-#include "KinbookKit/text/SystemdJournal.h"
+#include "KinbookKit/platform/SystemdJournal.h"
 
 #include <fmt/core.h>
 

@@ -10,8 +10,8 @@
 // watched before), and the refresh after one outside edit while it runs
 // (from the write to the changed person being read, through inotify).
 
-#include "KinbookKit/addressbook/InotifyFolderWatcher.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
+#include "KinbookKit/platform/InotifyFolderWatcher.h"
 #include "KinbookKit/text/AppLog.h"
 #include "bench/VdirGenerator.h"
 

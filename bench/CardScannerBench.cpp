@@ -2,9 +2,9 @@
 // against the full parse followed by readPerson, over the real samples and
 // over one typical card without a photo.
 
-#include "KinbookKit/addressbook/CardReader.h"
-#include "KinbookKit/addressbook/CardScanner.h"
-#include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/vcard/CardReader.h"
+#include "KinbookKit/vcard/CardScanner.h"
+#include "KinbookKit/vcard/VCard.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,7 +1,7 @@
 // Throughput of the vCard reader and writer: a typical card, the whole set
 // of real samples, and one card carrying a large photo.
 
-#include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/vcard/VCard.h"
 
 #include <benchmark/benchmark.h>
 

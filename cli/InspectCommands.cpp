@@ -1,15 +1,15 @@
 #include "cli/InspectCommands.h"
 
-#include "KinbookKit/addressbook/CardReader.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
-#include "KinbookKit/addressbook/EntryRegistry.h"
-#include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/KinID.h"
 #include "KinbookKit/records/LinkService.h"
 #include "KinbookKit/text/AddressParser.h"
 #include "KinbookKit/text/AreaCodes.h"
 #include "KinbookKit/text/Fold.h"
+#include "KinbookKit/vcard/CardReader.h"
+#include "KinbookKit/vcard/EntryRegistry.h"
+#include "KinbookKit/vcard/VCard.h"
 #include "cli/Failure.h"
 
 #include <fmt/core.h>

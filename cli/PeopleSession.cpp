@@ -1,9 +1,9 @@
 #include "cli/PeopleSession.h"
 
-#include "KinbookKit/addressbook/DemoAddressBook.h"
-#include "KinbookKit/addressbook/VipsPortraitPainter.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/people/SnapshotCache.h"
+#include "KinbookKit/platform/VipsPortraitPainter.h"
+#include "KinbookKit/setup/DemoAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/Fold.h"
 #include "cli/Failure.h"

@@ -2,13 +2,13 @@
 
 #include "KinbookKit/Executor.h"
 #include "KinbookKit/RunLoop.h"
-#include "KinbookKit/addressbook/Configuration.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/Sections.h"
 #include "KinbookKit/people/SortOrder.h"
 #include "KinbookKit/records/Account.h"
 #include "KinbookKit/records/ContactCircle.h"
 #include "KinbookKit/records/Person.h"
+#include "KinbookKit/setup/Configuration.h"
 #include "cli/PeopleOutput.h"
 #include "cli/ToolOptions.h"
 

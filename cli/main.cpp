@@ -1,5 +1,5 @@
 #include "KinbookKit/Version.h"
-#include "KinbookKit/text/SystemdJournal.h"
+#include "KinbookKit/platform/SystemdJournal.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
 #include "cli/PeopleCommands.h"

@@ -1,11 +1,11 @@
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 
-#include "KinbookKit/addressbook/CardEntries.h"
-#include "KinbookKit/addressbook/CardLabels.h"
-#include "KinbookKit/addressbook/CardReader.h"
-#include "KinbookKit/addressbook/CardWriter.h"
-#include "KinbookKit/addressbook/EntryRegistry.h"
 #include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/vcard/CardEntries.h"
+#include "KinbookKit/vcard/CardLabels.h"
+#include "KinbookKit/vcard/CardReader.h"
+#include "KinbookKit/vcard/CardWriter.h"
+#include "KinbookKit/vcard/EntryRegistry.h"
 
 #include <fmt/format.h>
 

@@ -3,8 +3,8 @@
 #include "KinbookKit/Executor.h"
 #include "KinbookKit/Result.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
-#include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/records/DateComponents.h"
+#include "KinbookKit/vcard/VCard.h"
 
 #include <cstdint>
 #include <memory>

@@ -2,15 +2,15 @@
 
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/SecureRandom.h"
-#include "KinbookKit/addressbook/CardEntries.h"
 #include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
-#include "KinbookKit/addressbook/CardReader.h"
-#include "KinbookKit/addressbook/CardScanner.h"
-#include "KinbookKit/addressbook/CardWriter.h"
-#include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/vcard/CardEntries.h"
+#include "KinbookKit/vcard/CardReader.h"
+#include "KinbookKit/vcard/CardScanner.h"
+#include "KinbookKit/vcard/CardWriter.h"
+#include "KinbookKit/vcard/VCard.h"
 
 #include <fcntl.h>
 #include <fmt/core.h>

@@ -2,15 +2,15 @@
 
 #include "KinbookKit/addressbook/AddressBook.h"
 #include "KinbookKit/addressbook/CardIndex.h"
-#include "KinbookKit/addressbook/CardWriter.h"
 #include "KinbookKit/addressbook/ChangeJournal.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
-#include "KinbookKit/addressbook/EntryRegistry.h"
 #include "KinbookKit/addressbook/FolderWatcher.h"
 #include "KinbookKit/addressbook/ImageScaler.h"
 #include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
+#include "KinbookKit/addressbook/StoredEntryRegistry.h"
 #include "KinbookKit/text/KinLog.h"
+#include "KinbookKit/vcard/CardWriter.h"
 
 #include <atomic>
 #include <chrono>
@@ -177,7 +177,7 @@ private:
     CardIndex m_index;                           // card id to its file, as last read
     std::vector<std::string> m_accountIDs;       // the accounts the index's places refer to
     std::unique_ptr<ChangeJournal> m_journal;
-    EntryRegistry m_entries;
+    StoredEntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex
 
     // Notices wait here until the journal is next used. A notice arrives on

@@ -1,14 +1,14 @@
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 
 #include "KinbookKit/SecureRandom.h"
-#include "KinbookKit/addressbook/CardEntries.h"
-#include "KinbookKit/addressbook/CardLabels.h"
-#include "KinbookKit/addressbook/CardReader.h"
-#include "KinbookKit/addressbook/CardWriter.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/records/StockLabel.h"
 #include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/vcard/CardEntries.h"
+#include "KinbookKit/vcard/CardLabels.h"
+#include "KinbookKit/vcard/CardReader.h"
+#include "KinbookKit/vcard/CardWriter.h"
 
 #include <fmt/format.h>
 

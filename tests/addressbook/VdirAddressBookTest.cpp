@@ -1,7 +1,7 @@
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 
-#include "KinbookKit/addressbook/InotifyFolderWatcher.h"
-#include "KinbookKit/addressbook/VipsImageScaler.h"
+#include "KinbookKit/platform/InotifyFolderWatcher.h"
+#include "KinbookKit/platform/VipsImageScaler.h"
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/KinLog.h"
 #include "tests/support/ManualExecutor.h"

@@ -1,10 +1,10 @@
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 
-#include "KinbookKit/addressbook/CardReader.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/KinLog.h"
+#include "KinbookKit/vcard/CardReader.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>

@@ -35,10 +35,10 @@
 // change.
 
 #include "KinbookKit/AtomicFile.h"
-#include "KinbookKit/addressbook/VCard.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/KinLog.h"
+#include "KinbookKit/vcard/VCard.h"
 #include "tests/support/CardDavServer.h"
 #include "tests/support/TempFolder.h"
 #include "tests/support/Vdirsyncer.h"

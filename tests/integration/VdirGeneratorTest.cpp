@@ -3,7 +3,7 @@
 
 #include "bench/VdirGenerator.h"
 
-#include "KinbookKit/addressbook/VCard.h"
+#include "KinbookKit/vcard/VCard.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 #include "KinbookKit/text/KinLog.h"
 
 #include "KinbookKit/SecureRandom.h"
+#include "KinbookKit/platform/SystemdJournal.h"
 #include "KinbookKit/text/AppLog.h"
-#include "KinbookKit/text/SystemdJournal.h"
 #include "tests/support/TempFolder.h"
 
 #include <syslog.h>
