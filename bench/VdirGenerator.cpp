@@ -1,6 +1,7 @@
 #include "bench/VdirGenerator.h"
 
 #include "KinbookKit/text/Base64.h"
+#include "KinbookKit/vcard/VCardValue.h"
 #include "bench/SplitMix64.h"
 
 #include <fcntl.h>
@@ -310,34 +311,6 @@ struct AccountPlan {
 
 // ---------------------------------------------------------------------------
 // Text helpers.
-
-// vCard 3.0 TEXT escaping: backslash, comma, semicolon, line break.
-void appendEscaped(std::string& out, string_view text) {
-    for (char c : text) {
-        switch (c) {
-        case '\\':
-            out += "\\\\";
-            break;
-        case ',':
-            out += "\\,";
-            break;
-        case ';':
-            out += "\\;";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        default:
-            out += c;
-        }
-    }
-}
-
-std::string escaped(string_view text) {
-    std::string out;
-    appendEscaped(out, text);
-    return out;
-}
 
 // Appends `line` folded at 75 octets, never inside a UTF-8 sequence, and
 // CRLF.
@@ -652,16 +625,16 @@ void composeCard(std::string& out, SplitMix64& random, const Person& person, Dia
     if (apple) {
         appendLine(out, "PRODID:-//Apple Inc.//" + std::string(random.pick(kAppleProducts)) + "//EN");
     }
-    appendLine(out, "N:" + escaped(person.family) + ";" + escaped(person.given) + ";" +
-                        escaped(person.middle) + ";" + escaped(person.prefix) + ";");
-    appendLine(out, "FN:" + escaped(formattedName(person)));
+    appendLine(out, "N:" + escapeVCardText(person.family) + ";" + escapeVCardText(person.given) + ";" +
+                        escapeVCardText(person.middle) + ";" + escapeVCardText(person.prefix) + ";");
+    appendLine(out, "FN:" + escapeVCardText(formattedName(person)));
     if (!person.nickname.empty() && full) {
-        appendLine(out, "NICKNAME:" + escaped(person.nickname));
+        appendLine(out, "NICKNAME:" + escapeVCardText(person.nickname));
     }
     if (!person.organisation.empty()) {
-        appendLine(out, "ORG:" + escaped(person.organisation) + ";" + escaped(person.department));
+        appendLine(out, "ORG:" + escapeVCardText(person.organisation) + ";" + escapeVCardText(person.department));
         if (!person.title.empty()) {
-            appendLine(out, "TITLE:" + escaped(person.title));
+            appendLine(out, "TITLE:" + escapeVCardText(person.title));
         }
     }
 
@@ -714,8 +687,8 @@ void composeCard(std::string& out, SplitMix64& random, const Person& person, Dia
 
     if (person.hasAddress && (full || random.percent(40))) {
         const Region& region = *person.region;
-        std::string value = ";;" + escaped(person.street) + ";" + escaped(person.city) + ";;" +
-                            person.postal + ";" + escaped(region.country);
+        std::string value = ";;" + escapeVCardText(person.street) + ";" + escapeVCardText(person.city) + ";;" +
+                            person.postal + ";" + escapeVCardText(region.country);
         if (apple) {
             std::string item = nextGroup();
             appendLine(out, item + "ADR" + types({"HOME", "pref"}) + ":" + value);
@@ -749,7 +722,7 @@ void composeCard(std::string& out, SplitMix64& random, const Person& person, Dia
         }
     }
     if (!person.note.empty() && full) {
-        appendLine(out, "NOTE:" + escaped(person.note));
+        appendLine(out, "NOTE:" + escapeVCardText(person.note));
     }
     if (!person.socialService.empty() && apple) {
         std::string user =
@@ -790,8 +763,8 @@ void composeGroup(std::string& out, string_view name, Dialect dialect,
     if (dialect == Dialect::apple) {
         appendLine(out, "PRODID:-//Apple Inc.//macOS 14.4//EN");
     }
-    appendLine(out, "N:" + escaped(name));
-    appendLine(out, "FN:" + escaped(name));
+    appendLine(out, "N:" + escapeVCardText(name));
+    appendLine(out, "FN:" + escapeVCardText(name));
     appendLine(out, "X-ADDRESSBOOKSERVER-KIND:group");
     for (const std::string& member : members) {
         appendLine(out, "X-ADDRESSBOOKSERVER-MEMBER:urn:uuid:" + member);

@@ -51,7 +51,6 @@ function(kinbook_test name dir)
     target_link_libraries(${name} PRIVATE kinbook_options kinbook_test_support ${ARG_DEPS}
         GTest::gtest GTest::gmock GTest::gtest_main kinbook_heap)
     target_compile_definitions(${name} PRIVATE
-        KINBOOK_TESTDATA_DIR="${PROJECT_SOURCE_DIR}/tests/data"
-        KINBOOK_SHARED_TESTDATA_DIR="${PROJECT_SOURCE_DIR}/../shared/testdata")
+        KINBOOK_TESTDATA_DIR="${PROJECT_SOURCE_DIR}/tests/data")
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endfunction()

@@ -1,5 +1,6 @@
 #include "KinbookKit/text/AddressParser.h"
 
+#include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/text/CodePoints.h"
 #include "KinbookKit/text/Fold.h"
 
@@ -20,18 +21,6 @@ namespace {
 
 // ---------------------------------------------------------------------------
 // Characters
-
-bool isAsciiDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-bool isAsciiLetter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-char asciiUpper(char c) {
-    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-}
 
 bool isLineBreak(std::int32_t value) {
     return value == '\n' || value == '\r' || value == '\v' || value == '\f' || value == 0x85 ||

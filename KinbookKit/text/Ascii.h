@@ -25,6 +25,10 @@ constexpr bool isAsciiDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+constexpr bool isAsciiLetter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
 // The value of a hexadecimal digit of either case; -1 for any other byte.
 constexpr int hexDigitValue(char c) {
     if (c >= '0' && c <= '9') {

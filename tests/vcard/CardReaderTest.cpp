@@ -2,6 +2,7 @@
 
 #include "KinbookKit/records/KinID.h"
 #include "KinbookKit/vcard/EntryRegistry.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 
@@ -16,12 +17,7 @@ namespace {
 
 const std::filesystem::path kSamples = std::filesystem::path(KINBOOK_TESTDATA_DIR) / "vcard-real";
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+using testing::readFile;
 
 VCard sample(const std::string& name) {
     return VCard::parse(readFile(kSamples / name)).value();

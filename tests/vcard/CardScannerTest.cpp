@@ -7,6 +7,7 @@
 
 #include "KinbookKit/vcard/CardReader.h"
 #include "KinbookKit/vcard/VCard.h"
+#include "tests/support/Files.h"
 
 #include <nlohmann/json.hpp>
 
@@ -24,12 +25,7 @@ namespace {
 
 const std::filesystem::path kSamples = std::filesystem::path(KINBOOK_TESTDATA_DIR) / "vcard-real";
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+using testing::readFile;
 
 struct Sample {
     std::string name;

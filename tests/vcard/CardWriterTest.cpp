@@ -7,6 +7,7 @@
 #include "KinbookKit/records/Iso8601.h"
 #include "KinbookKit/records/StockLabel.h"
 #include "KinbookKit/vcard/CardLabels.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 
@@ -829,12 +830,7 @@ TEST(CardWriter, NewCardCarriesTheDraft) {
 // ---------------------------------------------------------------------------
 // Real cards
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+using testing::readFile;
 
 TEST(CardWriter, UnchangedDraftOfEveryRealCardWritesNothing) {
     const auto folder = std::filesystem::path(KINBOOK_TESTDATA_DIR) / "vcard-real";

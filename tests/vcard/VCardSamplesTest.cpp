@@ -3,6 +3,7 @@
 // line it was not asked to change.
 
 #include "KinbookKit/vcard/VCard.h"
+#include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
 
@@ -20,12 +21,7 @@ namespace {
 const std::filesystem::path kSamples = std::filesystem::path(KINBOOK_TESTDATA_DIR) / "vcard-real";
 const std::filesystem::path kGolden = std::filesystem::path(KINBOOK_TESTDATA_DIR) / "vcard-golden";
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return bytes.str();
-}
+using testing::readFile;
 
 std::vector<std::string> sampleNames() {
     std::vector<std::string> names;
