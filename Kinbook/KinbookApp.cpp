@@ -3,12 +3,7 @@
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/QtText.h"
-#include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/PeopleList.h"
-#include "KinbookKit/platform/InotifyFolderWatcher.h"
-#include "KinbookKit/platform/VipsImageScaler.h"
-#include "KinbookKit/platform/VipsPortraitPainter.h"
-#include "KinbookKit/setup/DemoAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 
 #include <fmt/format.h>
@@ -39,49 +34,36 @@ KinbookApp::~KinbookApp() {
     m_scrollBench.reset();
     m_watcher.reset();
     m_window.reset();
-    m_list.reset();
+    m_session.reset();
 }
 
 bool KinbookApp::start() {
-    Configuration::Overrides overrides;
-    overrides.contacts = m_options.contactsRoot;
-    auto configuration = Configuration::load(Configuration::processEnvironment(), overrides);
-    if (!configuration) {
-        m_log.error("configuration: " + configuration.error());
-        QMessageBox::critical(nullptr, "Vellumary Contacts", qt(configuration.error()));
-        return false;
-    }
-    m_configuration = std::move(configuration).value();
-    for (const auto& warning : m_configuration.warnings) {
-        m_log.info(warning);
-    }
-
+    KinbookSession::Options options = KinbookSession::Options::window();
+    options.contacts = m_options.contactsRoot;
+    options.warning = [this](const std::string& warning) { m_log.info(warning); };
     // Opening the address book reads its change journal, a matter of a
     // second for a large one: it is done off the GUI thread, which stays
     // free, and the window follows as soon as the book is open.
+    options.openedInBackground = [self = QPointer(this)] {
+        if (self) {
+            self->opened();
+        }
+    };
+    auto session = KinbookSession::open(m_main, m_background, std::move(options));
+    if (!session) {
+        m_log.error("configuration: " + session.error());
+        QMessageBox::critical(nullptr, "Vellumary Contacts", qt(session.error()));
+        return false;
+    }
+    m_session = std::move(session).value();
     m_watcher = std::make_unique<MainThreadWatcher>(m_log);
-    VdirAddressBook::Options bookOptions = m_configuration.addressBookOptions();
-    bookOptions.imageScaler = std::make_shared<VipsImageScaler>();
-    bookOptions.watcher = std::make_shared<InotifyFolderWatcher>();
-    Executor* main = &m_main;
-    m_background.post([main, self = QPointer(this), bookOptions = std::move(bookOptions)]() mutable {
-        auto book = std::make_shared<VdirAddressBook>(std::move(bookOptions));
-        main->post([self, book = std::move(book)]() mutable {
-            if (self) {
-                self->open(std::move(book));
-            }
-        });
-    });
     return true;
 }
 
-void KinbookApp::open(std::shared_ptr<AddressBook> book) {
-    m_book = std::move(book);
-    PeopleListOptions listOptions;
-    listOptions.cache = std::make_shared<SnapshotCache>(m_configuration.snapshotFile());
-    m_list = std::make_unique<PeopleList>(m_main, m_background, m_book, std::move(listOptions));
-
-    const auto settingsFile = m_configuration.configFile.parent_path() / "vellumary-contacts.ini";
+void KinbookApp::opened() {
+    m_list = m_session->list();
+    const Configuration& configuration = m_session->configuration();
+    const auto settingsFile = configuration.configFile.parent_path() / "vellumary-contacts.ini";
     m_settings = std::make_unique<QSettings>(qt(settingsFile.string()), QSettings::IniFormat);
 
     m_window = std::make_unique<MainWindow>(*m_list, m_main, m_background, *m_settings, AppLog::shared());
@@ -95,7 +77,7 @@ void KinbookApp::open(std::shared_ptr<AddressBook> book) {
 
     // A missing address book is not an error on a first run: it is made on
     // request. Anything else is read at once.
-    if (m_book->access() == AddressBookAccess::notDetermined) {
+    if (m_session->addressBook()->access() == AddressBookAccess::notDetermined) {
         offerToCreate();
     } else {
         load();
@@ -120,8 +102,9 @@ void KinbookApp::loaded() {
 }
 
 void KinbookApp::offerToCreate() {
-    const QString folder = qt(m_configuration.contacts.string());
-    if (m_configuration.usesEmbeddedDefault()) {
+    const Configuration& configuration = m_session->configuration();
+    const QString folder = qt(configuration.contacts.string());
+    if (configuration.usesEmbeddedDefault()) {
         m_window->showWelcome(
             QString("Vellumary Contacts keeps your address book as vCard files in %1. Create it "
                     "now, with a few example people to show what it can do? Point it at an "
@@ -138,13 +121,12 @@ void KinbookApp::offerToCreate() {
 }
 
 void KinbookApp::createAddressBook() {
-    if (m_configuration.usesEmbeddedDefault()) {
+    if (m_session->configuration().usesEmbeddedDefault()) {
         // The demo book paints its portraits and writes its cards off the
         // GUI thread, then the list reads it as on any other start.
         Executor* main = &m_main;
-        m_background.post([main, self = QPointer(this), configuration = m_configuration] {
-            VipsPortraitPainter painter;
-            auto seeded = seedDemoAddressBookOnFirstRun(configuration, &painter);
+        m_background.post([main, self = QPointer(this), configuration = m_session->configuration()] {
+            auto seeded = KinbookSession::seedDemoAddressBook(configuration);
             std::optional<std::string> problem;
             if (!seeded) {
                 problem = seeded.error();
@@ -172,7 +154,7 @@ void KinbookApp::createAddressBook() {
             self->load();
         } else {
             self->m_window->showProblem(QString("Vellumary Contacts couldn't create an address book at %1.")
-                                            .arg(qt(self->m_configuration.contacts.string())));
+                                            .arg(qt(self->m_session->configuration().contacts.string())));
         }
     });
 }

@@ -3,7 +3,7 @@
 #include "Kinbook/LaunchOptions.h"
 #include "Kinbook/MainThreadWatcher.h"
 #include "Kinbook/QtMainExecutor.h"
-#include "KinbookKit/setup/Configuration.h"
+#include "KinbookKit/setup/KinbookSession.h"
 #include "KinbookKit/text/KinLog.h"
 
 #include <QObject>
@@ -14,16 +14,15 @@ class QSettings;
 
 namespace kinbook {
 
-class AddressBook;
 class MainWindow;
 class PeopleList;
 class ScrollBench;
 class SearchBench;
 
-// The application: reads the configuration, opens the address book, creates
-// the one people list with its main executor on the GUI thread, shows the
-// main window over it and starts the first load (the cached people show at
-// once). It watches the GUI thread for stalls, offers to create the address
+// The application: opens the session (the configuration, the address book
+// and the one people list, with its main executor on the GUI thread), shows
+// the main window over it and starts the first load (the cached people show
+// at once). It watches the GUI thread for stalls, offers to create the address
 // book on a first run, and runs the diagnostic launch switches.
 //
 // Lives on the GUI thread for the process's life.
@@ -40,8 +39,7 @@ public:
 
     // The main window; null until the address book is open (windowShown).
     MainWindow* window() const { return m_window.get(); }
-    PeopleList* list() const { return m_list.get(); }
-    const Configuration& configuration() const { return m_configuration; }
+    PeopleList* list() const { return m_list; }
     // Whether the first load has finished.
     bool isLoaded() const { return m_loaded; }
 
@@ -50,7 +48,7 @@ Q_SIGNALS:
     void firstLoadFinished();
 
 private:
-    void open(std::shared_ptr<AddressBook> book);
+    void opened();
     void load();
     void loaded();
     void offerToCreate();
@@ -61,12 +59,11 @@ private:
 
     LaunchOptions m_options;
     KinLog m_log{"app"};
-    Configuration m_configuration;
     // Declared before everything that posts to them, so that they outlive it.
     QtMainExecutor m_main;
     ThreadPool m_background{2};
-    std::shared_ptr<AddressBook> m_book;
-    std::unique_ptr<PeopleList> m_list;
+    std::unique_ptr<KinbookSession> m_session;
+    PeopleList* m_list = nullptr; // the session's; null until the address book is open
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<MainWindow> m_window;
     std::unique_ptr<MainThreadWatcher> m_watcher;

@@ -4,7 +4,7 @@
 #include "Kinbook/KinbookApplication.h"
 #include "Kinbook/LaunchOptions.h"
 #include "KinbookKit/Version.h"
-#include "KinbookKit/platform/SystemdJournal.h"
+#include "KinbookKit/setup/KinbookSession.h"
 
 #include <fmt/core.h>
 
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
         }
     }
 
-    kinbook::installSystemdJournal();
+    kinbook::KinbookSession::openPlatformLog();
     kinbook::KinbookApplication application(argc, argv);
 
     // Qt has taken its own options (-platform, -style, …) out of argv.

@@ -1,9 +1,6 @@
 #include "cli/PeopleSession.h"
 
 #include "KinbookKit/people/PeopleList.h"
-#include "KinbookKit/people/SnapshotCache.h"
-#include "KinbookKit/platform/VipsPortraitPainter.h"
-#include "KinbookKit/setup/DemoAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/Fold.h"
 #include "cli/Failure.h"
@@ -60,66 +57,55 @@ bool valueNames(const ContactCard::Item& item, const std::string& argument, bool
 
 } // namespace
 
-PeopleSession::PeopleSession(const ToolOptions& options) {
-    Configuration::Overrides overrides;
-    if (options.contacts) {
-        overrides.contacts = *options.contacts;
-    }
-    auto configuration = Configuration::load(Configuration::processEnvironment(), overrides);
-    if (!configuration) {
-        fail(configuration.error());
-    }
-    m_configuration = std::move(*configuration);
-    for (const auto& warning : m_configuration.warnings) {
-        warn(warning);
-    }
-
+PeopleSession::PeopleSession(const ToolOptions& options)
+    : m_pool(std::make_unique<ThreadPool>()), m_cached(!options.noCache) {
+    KinbookSession::Options sessionOptions;
+    sessionOptions.contacts = options.contacts;
+    sessionOptions.snapshotCache = !options.noCache;
     // A new user's first run shows what Kinbook does at once.
-    VipsPortraitPainter painter;
-    auto seeded = seedDemoAddressBookOnFirstRun(m_configuration, &painter);
-    if (!seeded) {
-        fail(fmt::format("couldn't make the demo address book: {}", seeded.error()));
+    sessionOptions.seedDemoAddressBook = true;
+    sessionOptions.warning = [](const std::string& warning) { warn(warning); };
+    sessionOptions.pastJobs = [](const std::filesystem::path& sidecar) -> std::shared_ptr<PastJobSource> {
+        if (!SidecarPastJobs::hasPeople(sidecar)) {
+            return nullptr;
+        }
+        return std::make_shared<SidecarPastJobs>(sidecar);
+    };
+    auto session = KinbookSession::open(m_loop, *m_pool, std::move(sessionOptions));
+    if (!session) {
+        fail(session.error());
     }
-    if (*seeded) {
+    m_session = std::move(session).value();
+    m_list = m_session->list();
+
+    const Configuration& configuration = m_session->configuration();
+    if (const auto& seeded = m_session->seeded()) {
         warn(fmt::format(
             "made a demo address book of {} people in {}; delete its cards (*.vcf) to start empty, "
             "or set \"contacts\" in {} to use your own",
-            (*seeded)->people, m_configuration.contacts.string(), m_configuration.configFile.string()));
-        for (const auto& warning : (*seeded)->warnings) {
+            seeded->people, configuration.contacts.string(), configuration.configFile.string()));
+        for (const auto& warning : seeded->warnings) {
             warn(warning);
         }
     }
 
-    auto addressBookOptions = m_configuration.addressBookOptions();
-    m_addressBook = std::make_shared<VdirAddressBook>(std::move(addressBookOptions));
-    switch (m_addressBook->access()) {
+    switch (m_session->addressBook()->access()) {
     case AddressBookAccess::notDetermined:
         // A folder the user named that isn't there: a typo, or a share that
         // isn't mounted. Making it would hide either.
-        fail(fmt::format("there is no address book at {}", m_configuration.contacts.string()));
+        fail(fmt::format("there is no address book at {}", configuration.contacts.string()));
     case AddressBookAccess::denied:
-        fail(fmt::format("can't read the address book at {}", m_configuration.contacts.string()));
+        fail(fmt::format("can't read the address book at {}", configuration.contacts.string()));
     case AddressBookAccess::granted:
     case AddressBookAccess::limited:
         break;
     }
-
-    if (!options.noCache) {
-        m_cache = std::make_shared<SnapshotCache>(m_configuration.snapshotFile());
-    }
-    m_pool = std::make_unique<ThreadPool>();
-    PeopleListOptions listOptions;
-    listOptions.cache = m_cache;
-    if (m_configuration.sidecar && SidecarPastJobs::hasPeople(*m_configuration.sidecar)) {
-        listOptions.pastJobs = std::make_shared<SidecarPastJobs>(*m_configuration.sidecar);
-    }
-    m_list = std::make_unique<PeopleList>(m_loop, *m_pool, m_addressBook, std::move(listOptions));
 }
 
 PeopleSession::~PeopleSession() {
     // The list first: its last background tasks (the cache write) then run
     // as the pool winds down, and post nothing back that anyone waits for.
-    m_list.reset();
+    m_session.reset();
     m_pool.reset();
 }
 
@@ -128,7 +114,7 @@ void PeopleSession::finish() {
     std::fflush(stderr);
     // After a full read the cache is being written: let it land, and end
     // the ordinary way.
-    if (m_cache && m_list->timings().refreshKind == std::optional<std::string>("full")) {
+    if (m_cached && m_list->timings().refreshKind == std::optional<std::string>("full")) {
         return;
     }
     // Otherwise nothing the user needs is left to do. Freeing a hundred

@@ -2,13 +2,12 @@
 
 #include "KinbookKit/Executor.h"
 #include "KinbookKit/RunLoop.h"
-#include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/Sections.h"
 #include "KinbookKit/people/SortOrder.h"
 #include "KinbookKit/records/Account.h"
 #include "KinbookKit/records/ContactCircle.h"
 #include "KinbookKit/records/Person.h"
-#include "KinbookKit/setup/Configuration.h"
+#include "KinbookKit/setup/KinbookSession.h"
 #include "cli/PeopleOutput.h"
 #include "cli/ToolOptions.h"
 
@@ -22,7 +21,6 @@
 
 namespace kinbook {
 class PeopleList;
-class SnapshotCache;
 } // namespace kinbook
 
 namespace kinbook::cli {
@@ -37,25 +35,26 @@ struct ListView {
     std::string searchText;
 };
 
-// One run of the tool on the people list: the configuration, the address
-// book, the snapshot cache and the same PeopleList the application runs,
-// with its main actor on this thread (a RunLoop) and its background work on
-// a thread pool. Every method blocks, pumping the run loop until the list
-// has answered, so that the commands read as straight-line code.
+// One run of the tool on the people list: the same wiring and PeopleList the
+// application runs, with its main actor on this thread (a RunLoop) and its
+// background work on a thread pool. Every method blocks, pumping the run loop
+// until the list has answered, so that the commands read as straight-line
+// code.
 //
 // Failures the user must see (no address book, a read that failed, a refused
 // change) end the command through fail(), with the product's message.
 class PeopleSession {
 public:
-    // Reads the configuration (warnings to stderr), seeds the embedded default
-    // address book on its first run, and opens the address book and the cache.
+    // Opens the session (configuration warnings to stderr), seeding the
+    // embedded default address book on its first run; fails when there is no
+    // address book to read.
     explicit PeopleSession(const ToolOptions& options);
     ~PeopleSession();
 
     PeopleSession(const PeopleSession&) = delete;
     PeopleSession& operator=(const PeopleSession&) = delete;
 
-    const Configuration& configuration() const { return m_configuration; }
+    const Configuration& configuration() const { return m_session->configuration(); }
 
     // Loads the list: from the snapshot cache when there is one, then
     // brought up to date with the address book (the changes since the
@@ -101,13 +100,13 @@ private:
     // Fails with the action's message when it was refused.
     void check(const std::optional<std::string>& failure);
 
-    Configuration m_configuration;
-    // The loop outlives the pool, whose last tasks may still post to it.
+    // The loop outlives the pool, whose last tasks may still post to it, and
+    // both outlive the session.
     RunLoop m_loop;
     std::unique_ptr<ThreadPool> m_pool;
-    std::shared_ptr<VdirAddressBook> m_addressBook;
-    std::shared_ptr<SnapshotCache> m_cache;
-    std::unique_ptr<PeopleList> m_list;
+    bool m_cached = true; // whether the list reads and writes the snapshot cache
+    std::unique_ptr<KinbookSession> m_session;
+    PeopleList* m_list = nullptr; // the session's
     // Card id to its raw person, for the account each card is in.
     std::unordered_map<std::string, PersonPtr> m_rawByID;
     std::uint64_t m_rawVersion = 0;

@@ -1,5 +1,5 @@
 #include "KinbookKit/Version.h"
-#include "KinbookKit/platform/SystemdJournal.h"
+#include "KinbookKit/setup/KinbookSession.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
 #include "cli/PeopleCommands.h"
@@ -10,7 +10,7 @@
 
 int main(int argc, char** argv) {
     // Log lines go to the journal too, where one runs.
-    kinbook::installSystemdJournal();
+    kinbook::KinbookSession::openPlatformLog();
 
     CLI::App app{fmt::format("kinbook: the command-line face of {}", kinbook::kProductName), "kinbook"};
     app.set_version_flag("--version", fmt::format("kinbook {}", kinbook::kVersion));

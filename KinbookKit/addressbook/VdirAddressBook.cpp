@@ -4,7 +4,6 @@
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
-#include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/vcard/CardEntries.h"
 #include "KinbookKit/vcard/CardReader.h"
@@ -135,6 +134,16 @@ AddressBookError conflictError() {
 AddressBookError scriptError(const ContactsAppScript::Failure& failure) {
     return AddressBookError::store(failure.description());
 }
+
+// Stands in for a book given no scripting host: there is nothing to play
+// the Contacts application, so every script fails and changes nothing.
+class NoScriptHost final : public ScriptHost {
+public:
+    AutomationPermission automationPermission() override { return AutomationPermission::granted; }
+    Result<std::vector<std::string>, ScriptError> run(std::string_view) override {
+        return failure(ScriptError{ScriptError::Kind::runtime, "nothing here runs scripts"});
+    }
+};
 
 // The name by which a store would link two cards: given and family name,
 // else the organisation.
@@ -1292,7 +1301,7 @@ VdirAddressBook::image(std::string_view cardID) {
 ContactsAppScript& VdirAddressBook::contactsApp() {
     std::call_once(m_contactsAppOnce, [this] {
         std::shared_ptr<ScriptHost> host =
-            m_options.scriptHost ? m_options.scriptHost(*this) : std::make_shared<VdirScriptHost>(*this);
+            m_options.scriptHost ? m_options.scriptHost : std::make_shared<NoScriptHost>();
         m_contactsApp = std::make_unique<ContactsAppScript>(std::move(host));
     });
     return *m_contactsApp;
@@ -1322,7 +1331,7 @@ Result<VCard, AddressBookError> VdirAddressBook::scriptedRead(std::string_view c
 }
 
 Result<void, AddressBookError> VdirAddressBook::scriptedEdit(std::string_view cardID,
-                                                             const ScriptedEdit& edit) {
+                                                             const ScriptedCards::Edit& edit) {
     return editCard(
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {

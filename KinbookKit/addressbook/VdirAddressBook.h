@@ -8,6 +8,7 @@
 #include "KinbookKit/addressbook/ImageScaler.h"
 #include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
+#include "KinbookKit/addressbook/ScriptedCards.h"
 #include "KinbookKit/addressbook/StoredEntryRegistry.h"
 #include "KinbookKit/text/KinLog.h"
 #include "KinbookKit/vcard/CardWriter.h"
@@ -39,7 +40,7 @@ namespace kinbook {
 // names come from the "displayname" file, else the folder name.
 //
 // Thread-safe: reads run in parallel; writes are one at a time.
-class VdirAddressBook final : public AddressBook {
+class VdirAddressBook final : public AddressBook, public ScriptedCards {
 public:
     struct Options {
         std::filesystem::path root;
@@ -48,9 +49,11 @@ public:
         // Refuse to change cards that carry a note, as some stores do; the
         // scripting path then makes the change.
         bool notesLocked = false;
-        // Runs the scripts for cards with a note; none: a VdirScriptHost on
-        // this address book. Made on first use.
-        std::function<std::shared_ptr<ScriptHost>(VdirAddressBook&)> scriptHost;
+        // Runs the scripts for cards with a note (the Contacts application's
+        // part): on a vdir, a VdirScriptHost given this address book once it
+        // is made. None: every script fails, so a card with a note can't be
+        // changed while notes are locked and held notes stay held.
+        std::shared_ptr<ScriptHost> scriptHost;
         // The held-notes file; empty: NoteGuard::defaultFile().
         std::filesystem::path heldNotesFile;
         // Told how many held notes were put back after a crash, so that the
@@ -117,15 +120,11 @@ public:
 
     const std::filesystem::path& root() const { return m_options.root; }
 
-    // For the scripting host, which plays the Contacts application: the
-    // store's own reading, writing and deleting of one card, past the lock
-    // on notes. Writes keep every rule of a save (only changed lines are
-    // rewritten, a card changed on disk meanwhile is retried once, entry
-    // identities move with their lines, the change journal hears of it).
-    using ScriptedEdit = std::function<ApplyResult(VCard&, const std::string& cardID, EntryRegistry&)>;
-    Result<VCard, AddressBookError> scriptedRead(std::string_view cardID);
-    Result<void, AddressBookError> scriptedEdit(std::string_view cardID, const ScriptedEdit& edit);
-    Result<void, AddressBookError> scriptedRemove(std::string_view cardID);
+    // For the scripting host, which plays the Contacts application.
+    Result<VCard, AddressBookError> scriptedRead(std::string_view cardID) override;
+    Result<void, AddressBookError> scriptedEdit(std::string_view cardID,
+                                                const ScriptedCards::Edit& edit) override;
+    Result<void, AddressBookError> scriptedRemove(std::string_view cardID) override;
 
 private:
     struct CardFile {

@@ -2,7 +2,6 @@
 
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
-#include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/records/StockLabel.h"
 #include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/vcard/CardEntries.h"
@@ -658,7 +657,7 @@ ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& regis
 
 class ScriptRun {
 public:
-    ScriptRun(VdirAddressBook& book, const VdirScriptHost::Clock& now) : m_book(book), m_now(now) {}
+    ScriptRun(ScriptedCards& cards, const VdirScriptHost::Clock& now) : m_cards(cards), m_now(now) {}
 
     Result<std::vector<std::string>, ScriptError> run(const std::vector<Statement>& statements) {
         for (const Statement& statement : statements) {
@@ -693,7 +692,7 @@ private:
                 return std::nullopt;
             }
         }
-        auto card = m_book.scriptedRead(set.id);
+        auto card = m_cards.scriptedRead(set.id);
         if (!card.ok()) {
             return card.error().code == AddressBookError::Code::notFound ? personError(set.id)
                                                                          : card.error().description();
@@ -950,7 +949,7 @@ private:
                 continue;
             }
             if (person.deleted) {
-                const auto removed = m_book.scriptedRemove(person.id);
+                const auto removed = m_cards.scriptedRemove(person.id);
                 if (!removed.ok()) {
                     return removed.error().code == AddressBookError::Code::notFound
                                ? personError(person.id)
@@ -962,7 +961,7 @@ private:
             if (person.changed == 0 && !person.note) {
                 continue;
             }
-            const auto written = m_book.scriptedEdit(
+            const auto written = m_cards.scriptedEdit(
                 person.id, [&](VCard& card, const std::string& id, EntryRegistry& registry) {
                     return writePerson(card, id, registry, person);
                 });
@@ -984,7 +983,7 @@ private:
 
     Outcome execute(const TryReadNote& read) {
         // Any failure to read is caught by the script's own "on error".
-        auto card = m_book.scriptedRead(read.id);
+        auto card = m_cards.scriptedRead(read.id);
         m_n = card.ok() ? noteOf(card.value()) : std::string();
         return std::nullopt;
     }
@@ -1003,7 +1002,7 @@ private:
         return std::nullopt;
     }
 
-    VdirAddressBook& m_book;
+    ScriptedCards& m_cards;
     const VdirScriptHost::Clock& m_now;
     std::vector<Person> m_people;
     std::optional<std::size_t> m_person;
@@ -1014,14 +1013,19 @@ private:
 
 } // namespace
 
-VdirScriptHost::VdirScriptHost(VdirAddressBook& book, Clock now) : m_book(book), m_now(std::move(now)) {}
+VdirScriptHost::VdirScriptHost(Clock now) : m_now(std::move(now)) {}
+
+VdirScriptHost::VdirScriptHost(ScriptedCards& cards, Clock now) : m_cards(&cards), m_now(std::move(now)) {}
 
 Result<std::vector<std::string>, ScriptError> VdirScriptHost::run(std::string_view source) {
     auto statements = Parser(source).parse();
     if (!statements) {
         return failure(ScriptError{ScriptError::Kind::compile, "the script didn't compile"});
     }
-    return ScriptRun(m_book, m_now).run(*statements);
+    if (!m_cards) {
+        return failure(ScriptError{ScriptError::Kind::runtime, "no address book to run the script on"});
+    }
+    return ScriptRun(*m_cards, m_now).run(*statements);
 }
 
 } // namespace kinbook

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KinbookKit/addressbook/ScriptHost.h"
+#include "KinbookKit/addressbook/ScriptedCards.h"
 
 #include <chrono>
 #include <functional>
@@ -9,8 +10,6 @@
 #include <vector>
 
 namespace kinbook {
-
-class VdirAddressBook;
 
 // The Contacts application's part, played on a vdir: runs the scripts
 // ContactsAppScript builds against the address book's card files.
@@ -36,15 +35,24 @@ class VdirScriptHost final : public ScriptHost {
 public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
-    // `book` must outlive the host. `now` gives AppleScript's "current date"
-    // (read in local time); none means the system clock.
-    explicit VdirScriptHost(VdirAddressBook& book, Clock now = {});
+    // A host for a store not made yet: the store is handed this host, then
+    // the host the store (attach), before the first script runs. `now` gives
+    // AppleScript's "current date" (read in local time); none means the
+    // system clock.
+    explicit VdirScriptHost(Clock now = {});
+    // A host on a store that exists already. `cards` must outlive the host.
+    explicit VdirScriptHost(ScriptedCards& cards, Clock now = {});
+
+    // Gives the host the store whose cards its scripts change. Call once,
+    // before the first script runs; `cards` must outlive every run. Until
+    // then a script that reaches a card fails.
+    void attach(ScriptedCards& cards) { m_cards = &cards; }
 
     AutomationPermission automationPermission() override { return AutomationPermission::granted; }
     Result<std::vector<std::string>, ScriptError> run(std::string_view source) override;
 
 private:
-    VdirAddressBook& m_book;
+    ScriptedCards* m_cards = nullptr;
     Clock m_now;
 };
 

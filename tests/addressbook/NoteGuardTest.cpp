@@ -3,6 +3,7 @@
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/text/AppLog.h"
+#include "tests/addressbook/ScriptedBook.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>
@@ -96,7 +97,8 @@ protected:
 };
 
 TEST_F(NoteGuardOnAVdir, APhotoOnANotedCardLiftsTheNoteAndPutsItBack) {
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     const std::vector<std::string> ids{"NORA-1", "PLAIN-1"};
     ASSERT_TRUE(book.setPhoto(ids, kPhoto).ok());
     EXPECT_EQ(book.image("NORA-1").value(), kPhoto);
@@ -119,7 +121,8 @@ TEST_F(NoteGuardOnAVdir, ACrashAtAnyStepLeavesTheNoteRecoverable) {
         {
             auto crashing = options();
             crashing.noteStep = [crash](Step step) { return step != crash; };
-            VdirAddressBook book(crashing);
+            testing::ScriptedBook scripted(crashing);
+            VdirAddressBook& book = scripted.book;
             const std::vector<std::string> ids{"NORA-1"};
             EXPECT_FALSE(book.setPhoto(ids, kPhoto).ok());
         }
@@ -131,7 +134,8 @@ TEST_F(NoteGuardOnAVdir, ACrashAtAnyStepLeavesTheNoteRecoverable) {
         }
 
         // The next start puts it back at the first read.
-        VdirAddressBook restarted(options());
+        testing::ScriptedBook scriptedRestart(options());
+        VdirAddressBook& restarted = scriptedRestart.book;
         ASSERT_TRUE(restarted.readAll({}).ok());
         EXPECT_EQ(noteOf(restarted, "NORA-1"), kNoraNote);
         EXPECT_TRUE(NoteGuard(heldFile(), nullptr).held().empty());
@@ -143,7 +147,8 @@ TEST_F(NoteGuardOnAVdir, ACrashAtAnyStepLeavesTheNoteRecoverable) {
 }
 
 TEST_F(NoteGuardOnAVdir, AFailedChangePutsTheNotesBackAndReleasesThem) {
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     ContactsAppScript script(std::make_shared<VdirScriptHost>(book));
     NoteGuard guard(heldFile(), m_log);
     const std::vector<std::string> ids{"NORA-1", "PLAIN-1"};
@@ -168,7 +173,8 @@ TEST_F(NoteGuardOnAVdir, ANoteThatCantBeRestoredStaysHeld) {
     NoteGuard guard(heldFile(), nullptr);
     ASSERT_TRUE(guard.hold({{"NORA-1", kNoraNote}, {"GONE-1", "lost?"}}));
 
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     EXPECT_EQ(book.restoreHeldNotes(), 1u);
     EXPECT_EQ(m_restoredAfterCrash, 1u);
     EXPECT_EQ(noteOf(book, "NORA-1"), kNoraNote);

@@ -4,6 +4,7 @@
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
+#include "tests/addressbook/ScriptedBook.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>
@@ -61,7 +62,8 @@ protected:
 };
 
 TEST_F(VdirAddressBookNotesTest, SavingANotedCardReturnsItsScriptAndTheContactsAppWritesIt) {
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     auto draft = book.draft("NORA-1");
     ASSERT_TRUE(draft.ok());
     draft->nickname = "Nor";
@@ -91,7 +93,8 @@ TEST_F(VdirAddressBookNotesTest, SavingANotedCardReturnsItsScriptAndTheContactsA
 }
 
 TEST_F(VdirAddressBookNotesTest, ANewCardNamedLikeANotedCardIsNamedThroughTheContactsApp) {
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     ContactDraft draft = ContactDraft::empty(std::nullopt, "family");
     draft.givenName = "nora";
     draft.familyName = "Noted ";
@@ -142,7 +145,8 @@ TEST_F(VdirAddressBookNotesTest, ANewCardNamedLikeANotedCardIsNamedThroughTheCon
 }
 
 TEST_F(VdirAddressBookNotesTest, DeletingANotedCardGoesThroughTheContactsApp) {
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     const std::vector<std::string> nora{"NORA-1"};
     ASSERT_TRUE(book.remove(nora).ok());
     EXPECT_FALSE(fs::exists(noraPath()));
@@ -158,7 +162,8 @@ TEST_F(VdirAddressBookNotesTest, DeletingANotedCardGoesThroughTheContactsApp) {
 }
 
 TEST_F(VdirAddressBookNotesTest, APhotoIsNotCopiedOntoANotedCard) {
-    VdirAddressBook book(options());
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
     const std::vector<std::uint8_t> photo{0xFF, 0xD8, 0xFF, 0xD9};
     ASSERT_TRUE(book.setPhoto(std::vector<std::string>{"PLAIN-1"}, photo).ok());
     EXPECT_EQ(book.copyPhoto("PLAIN-1", "NORA-1").value(), false);
@@ -178,7 +183,7 @@ public:
 
 TEST_F(VdirAddressBookNotesTest, AScriptFailureIsTheStoresErrorWithItsMessage) {
     auto refusing = options();
-    refusing.scriptHost = [](VdirAddressBook&) { return std::make_shared<RefusingHost>(); };
+    refusing.scriptHost = std::make_shared<RefusingHost>();
     VdirAddressBook book(refusing);
     auto draft = book.draft("NORA-1");
     ASSERT_TRUE(draft.ok());
