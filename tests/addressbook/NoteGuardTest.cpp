@@ -3,8 +3,8 @@
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/text/AppLog.h"
-#include "tests/addressbook/ScriptedBook.h"
-#include "tests/support/TempFolder.h"
+#include "tests/support/ScriptedBook.h"
+#include "tests/support/TempVdir.h"
 
 #include <gtest/gtest.h>
 
@@ -59,22 +59,17 @@ TEST(NoteGuard, HoldingReplacesAndReleasingRemovesOnlyThoseCards) {
 class NoteGuardOnAVdir : public ::testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories(root() / "family");
-        writeFile(noraPath(), kNora);
-        writeFile(root() / "family" / "PLAIN-1.vcf", kPlain);
+        m_vdir.write("family", "NORA-1.vcf", kNora);
+        m_vdir.write("family", "PLAIN-1.vcf", kPlain);
     }
 
-    fs::path root() const { return m_folder / "contacts"; }
+    fs::path root() const { return m_vdir.root(); }
     fs::path noraPath() const { return root() / "family" / "NORA-1.vcf"; }
-    fs::path heldFile() const { return m_folder / "data" / "notes-in-flight.json"; }
+    fs::path heldFile() const { return m_vdir.heldNotesFile(); }
 
     VdirAddressBook::Options options() {
-        VdirAddressBook::Options options;
-        options.root = root();
-        options.stateFolder = m_folder / "state";
-        options.heldNotesFile = heldFile();
+        VdirAddressBook::Options options = m_vdir.options();
         options.notesLocked = true;
-        options.log = m_log;
         options.restoredAfterCrash = [this](std::size_t count) { m_restoredAfterCrash += count; };
         return options;
     }
@@ -85,14 +80,9 @@ protected:
         return script.readNotes(ids).value().front();
     }
 
-    std::string log() {
-        m_appLog.flush();
-        return readFile(m_folder / "log" / "app.log");
-    }
+    std::string log() { return m_vdir.log(); }
 
-    testing::TempFolder m_folder;
-    AppLog m_appLog{m_folder / "log" / "app.log"};
-    std::shared_ptr<KinLog> m_log = std::make_shared<KinLog>("store", m_appLog);
+    testing::TempVdir m_vdir;
     std::size_t m_restoredAfterCrash = 0;
 };
 
@@ -150,7 +140,7 @@ TEST_F(NoteGuardOnAVdir, AFailedChangePutsTheNotesBackAndReleasesThem) {
     testing::ScriptedBook scripted(options());
     VdirAddressBook& book = scripted.book;
     ContactsAppScript script(std::make_shared<VdirScriptHost>(book));
-    NoteGuard guard(heldFile(), m_log);
+    NoteGuard guard(heldFile(), m_vdir.kinLog());
     const std::vector<std::string> ids{"NORA-1", "PLAIN-1"};
     bool noteWasOff = false;
     const auto result = guard.liftWhile(ids, script, [&]() -> Result<void, std::string> {

@@ -4,8 +4,8 @@
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
-#include "tests/addressbook/ScriptedBook.h"
-#include "tests/support/TempFolder.h"
+#include "tests/support/ScriptedBook.h"
+#include "tests/support/TempVdir.h"
 
 #include <gtest/gtest.h>
 
@@ -27,21 +27,16 @@ const std::string kPlain = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Plain;Pat;;;\r\nFN:P
 class VdirAddressBookNotesTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories(root() / "family");
-        writeFile(noraPath(), kNora);
-        writeFile(root() / "family" / "PLAIN-1.vcf", kPlain);
+        m_vdir.write("family", "NORA-1.vcf", kNora);
+        m_vdir.write("family", "PLAIN-1.vcf", kPlain);
     }
 
-    fs::path root() const { return m_folder / "contacts"; }
+    fs::path root() const { return m_vdir.root(); }
     fs::path noraPath() const { return root() / "family" / "NORA-1.vcf"; }
 
     VdirAddressBook::Options options() {
-        VdirAddressBook::Options options;
-        options.root = root();
-        options.stateFolder = m_folder / "state";
-        options.heldNotesFile = m_folder / "data" / "notes-in-flight.json";
+        VdirAddressBook::Options options = m_vdir.options();
         options.notesLocked = true;
-        options.log = m_log;
         return options;
     }
 
@@ -51,14 +46,9 @@ protected:
         return card.ok() ? Card::read(card.value(), id) : Card{};
     }
 
-    std::string log() {
-        m_appLog.flush();
-        return readFile(m_folder / "log" / "app.log");
-    }
+    std::string log() { return m_vdir.log(); }
 
-    testing::TempFolder m_folder;
-    AppLog m_appLog{m_folder / "log" / "app.log"};
-    std::shared_ptr<KinLog> m_log = std::make_shared<KinLog>("store", m_appLog);
+    testing::TempVdir m_vdir;
 };
 
 TEST_F(VdirAddressBookNotesTest, SavingANotedCardReturnsItsScriptAndTheContactsAppWritesIt) {

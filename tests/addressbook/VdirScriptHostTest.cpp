@@ -5,7 +5,7 @@
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/KinLog.h"
 #include "KinbookKit/vcard/CardReader.h"
-#include "tests/support/TempFolder.h"
+#include "tests/support/TempVdir.h"
 
 #include <gtest/gtest.h>
 
@@ -61,21 +61,16 @@ std::chrono::system_clock::time_point localNoon(int year, int month, int day) {
 class VdirScriptHostTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories(root() / "family");
-        writeFile(janePath(), kJane);
-        writeFile(root() / "family" / "PLAIN-1.vcf", kPlain);
+        m_vdir.write("family", "JANE-1.vcf", kJane);
+        m_vdir.write("family", "PLAIN-1.vcf", kPlain);
     }
 
-    fs::path root() const { return m_folder / "contacts"; }
+    fs::path root() const { return m_vdir.root(); }
     fs::path janePath() const { return root() / "family" / "JANE-1.vcf"; }
 
     VdirAddressBook::Options options() {
-        VdirAddressBook::Options options;
-        options.root = root();
-        options.stateFolder = m_folder / "state";
-        options.heldNotesFile = m_folder / "data" / "notes-in-flight.json";
+        VdirAddressBook::Options options = m_vdir.options();
         options.notesLocked = true;
-        options.log = m_log;
         return options;
     }
 
@@ -89,9 +84,7 @@ protected:
         return m_host.run(script);
     }
 
-    testing::TempFolder m_folder;
-    AppLog m_appLog{m_folder / "log" / "app.log"};
-    std::shared_ptr<KinLog> m_log = std::make_shared<KinLog>("store", m_appLog);
+    testing::TempVdir m_vdir;
     VdirAddressBook m_book{options()};
     // "Current date" is the 31st, when setting a month can overflow.
     VdirScriptHost m_host{m_book, [] { return localNoon(2024, 1, 31); }};
