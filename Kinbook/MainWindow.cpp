@@ -465,12 +465,14 @@ bool MainWindow::selectPerson(std::string_view id) {
 }
 
 void MainWindow::sidebarChosen(const SidebarChoice& choice) {
-    // Filters that stay as they are cost nothing; the one that changes
-    // rebuilds the list once.
-    m_list.setShowingHidden(choice.kind == SidebarChoice::Kind::hidden);
-    m_list.setCircleFilter(choice.kind == SidebarChoice::Kind::circle ? choice.circle : std::nullopt);
-    m_list.setAccountFilter(choice.kind == SidebarChoice::Kind::account ? std::optional(choice.accountID)
-                                                                        : std::nullopt);
+    // One choice may clear one filter and set another: the list is rebuilt
+    // once for both, and not at all when the choice is the one shown.
+    auto view = m_list.view();
+    view.showingHidden = choice.kind == SidebarChoice::Kind::hidden;
+    view.circle = choice.kind == SidebarChoice::Kind::circle ? choice.circle : std::nullopt;
+    view.accountID =
+        choice.kind == SidebarChoice::Kind::account ? std::optional(choice.accountID) : std::nullopt;
+    m_list.setView(std::move(view));
 }
 
 void MainWindow::setHeadingsPreferred(bool show) {

@@ -8,13 +8,9 @@ namespace kinbook {
 
 PeopleTableModel::PeopleTableModel(QObject* parent) : QAbstractListModel(parent) {}
 
-void PeopleTableModel::setSections(std::vector<Section> sections) {
-    setSections(std::make_shared<const std::vector<Section>>(std::move(sections)));
-}
-
-void PeopleTableModel::setSections(SharedSections sections) {
+void PeopleTableModel::setSections(SectionList sections) {
     beginResetModel();
-    m_sections = sections ? std::move(sections) : std::make_shared<const std::vector<Section>>();
+    m_sections = sections ? std::move(sections) : SectionList({}, nullptr);
     m_sectionRows.clear();
     m_sectionRows.reserve(m_sections->size());
     int row = 0;
@@ -49,7 +45,7 @@ const Person* PeopleTableModel::personAt(int row) const {
     if (!location || location->person < 0) {
         return nullptr;
     }
-    return (*m_sections)[location->section].people[static_cast<std::size_t>(location->person)].get();
+    return (*m_sections)[location->section].people[static_cast<std::size_t>(location->person)];
 }
 
 bool PeopleTableModel::isSectionRow(int row) const {

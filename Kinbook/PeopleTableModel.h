@@ -33,10 +33,9 @@ public:
     explicit PeopleTableModel(QObject* parent = nullptr);
 
     // The sections are shared with the list, which never changes them in
-    // place: it publishes new ones.
-    using SharedSections = std::shared_ptr<const std::vector<Section>>;
-    void setSections(SharedSections sections);
-    void setSections(std::vector<Section> sections);
+    // place: it publishes new ones. Holding them keeps their people alive;
+    // a null list shows nothing.
+    void setSections(SectionList sections);
     const std::vector<Section>& sections() const { return *m_sections; }
     void setThumbnailSource(ThumbnailSource source) { m_thumbnails = std::move(source); }
 
@@ -63,7 +62,7 @@ private:
     };
     std::optional<Location> locate(int row) const;
 
-    SharedSections m_sections = std::make_shared<const std::vector<Section>>();
+    SectionList m_sections = SectionList({}, nullptr);
     std::vector<int> m_sectionRows; // the title row of each section, ascending
     int m_rowCount = 0;
     int m_peopleCount = 0;

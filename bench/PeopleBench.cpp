@@ -240,14 +240,14 @@ void BM_IndexOfAllOrders(benchmark::State& state) {
     for (auto _ : state) {
         index = buildIndex(people);
     }
-    // What the index holds beside the people it shares.
+    // What the index holds beside the people it names.
     std::size_t bytes = 0;
     std::size_t sections = 0;
     for (const auto& [order, orderSections] : index) {
         bytes += orderSections.capacity() * sizeof(Section);
         sections += orderSections.size();
         for (const auto& section : orderSections) {
-            bytes += section.people.capacity() * sizeof(PersonPtr) + section.letter.capacity();
+            bytes += section.people.capacity() * sizeof(const Person*) + section.letter.capacity();
         }
     }
     state.counters["MB"] = static_cast<double>(bytes) / 1e6;

@@ -151,9 +151,7 @@ void runCompletion(const ToolOptions& options, const std::string& query, Complet
     const auto shown = session.show(view);
     std::vector<const Person*> matched;
     for (const auto& section : shown.sections) {
-        for (const auto& person : section.people) {
-            matched.push_back(person.get());
-        }
+        matched.insert(matched.end(), section.people.begin(), section.people.end());
     }
     // The labels, and which entries are former, are on the cards.
     const auto cards = session.cards(matched);

@@ -182,7 +182,7 @@ Person PeopleSession::resolve(const std::string& argument) {
     }
     // A search that finds one person, among the listed people first, then
     // among the hidden ones.
-    std::vector<PersonPtr> found;
+    std::vector<const Person*> found;
     for (const bool hidden : {false, true}) {
         ListView view;
         view.showingHidden = hidden;

@@ -65,9 +65,9 @@ public:
     struct Shown {
         std::vector<Section> sections;
         int matchCount = 0;
-        // The list's own sections, which hold the people `sections` lends
+        // The list's own sections, which hold the people `sections` names
         // even once the session loads again.
-        std::shared_ptr<const std::vector<Section>> held;
+        SectionList held;
     };
     Shown show(const ListView& view);
 

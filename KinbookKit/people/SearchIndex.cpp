@@ -169,7 +169,7 @@ std::optional<std::vector<std::uint32_t>> SearchIndex::positionsOf(std::span<con
     positions.reserve(static_cast<std::size_t>(peopleCount(sections)));
     for (const auto& section : sections) {
         for (const auto& person : section.people) {
-            const auto position = positionOf(person.get());
+            const auto position = positionOf(person);
             if (!position) {
                 return std::nullopt;
             }

@@ -222,19 +222,6 @@ void prefetchKeyText(const Person& person, std::uint32_t orders) {
     }
 }
 
-// Each person put into a section takes a reference, an atomic write to a
-// count that lives beside the person; a locked write that misses the cache
-// stalls everything behind it. The count is asked for ahead, with intent
-// to write. A shared pointer holds the person's address and then its
-// count's; reading those bytes is only a hint, and a wrong hint costs
-// nothing.
-void prefetchShareCount(const PersonPtr& person) {
-    static_assert(sizeof(PersonPtr) == 2 * sizeof(void*));
-    const void* count = nullptr;
-    std::memcpy(&count, reinterpret_cast<const char*>(&person) + sizeof(void*), sizeof(count));
-    __builtin_prefetch(count, 1);
-}
-
 // The exact comparison of two people whose words tie and do not settle it.
 bool leadingKeysLess(SortOrder order, const Person& a, const Person& b) {
     switch (order) {
@@ -345,7 +332,7 @@ private:
 bool Section::operator==(const Section& other) const {
     return letter == other.letter &&
            std::equal(people.begin(), people.end(), other.people.begin(), other.people.end(),
-                      [](const PersonPtr& a, const PersonPtr& b) { return a == b || (a && b && *a == *b); });
+                      [](const Person* a, const Person* b) { return a == b || (a && b && *a == *b); });
 }
 
 namespace {
@@ -429,9 +416,6 @@ private:
         SectionTitler titler(order, m_people);
         std::size_t current = 0;
         for (std::size_t i = 0; i < entries.size(); ++i) {
-            if (i + kPrefetchDistance < entries.size()) {
-                prefetchShareCount(m_people[entries[i + kPrefetchDistance].index]);
-            }
             const Entry& entry = entries[i];
             if (i == 0 || titler.titleMayChange(entries[i - 1], entry)) {
                 const std::string_view title = titler.titleOf(entry);
@@ -449,7 +433,7 @@ private:
                     }
                 }
             }
-            sections[current].people.push_back(m_people[entry.index]);
+            sections[current].people.push_back(m_people[entry.index].get());
         }
         return sections;
     }
@@ -480,7 +464,6 @@ std::optional<std::vector<Section>> lastNameSectionsInOrder(std::span<const Pers
         }
         if (i + kPrefetchDistance < people.size()) {
             prefetchKeyText(*people[i + kPrefetchDistance], bitOf(SortOrder::lastName));
-            prefetchShareCount(people[i + kPrefetchDistance]);
         }
         const Person& person = *people[i];
         const std::string_view key = person.sortKey();
@@ -496,7 +479,7 @@ std::optional<std::vector<Section>> lastNameSectionsInOrder(std::span<const Pers
             }
             current = found->second;
         }
-        sections[current].people.push_back(people[i]);
+        sections[current].people.push_back(people[i].get());
     }
     return sections;
 }
@@ -539,8 +522,8 @@ public:
         }
     }
 
-    const PersonPtr* current() const {
-        return m_section < m_sections.size() ? &m_sections[m_section].people[m_index] : nullptr;
+    const Person* current() const {
+        return m_section < m_sections.size() ? m_sections[m_section].people[m_index] : nullptr;
     }
 
     void advance() {
@@ -577,14 +560,13 @@ std::vector<Section> filterSections(std::span<const Section> sections,
         Section narrowed{section.letter, {}};
         for (const auto& person : section.people) {
             if (const auto* ahead = far.current()) {
-                __builtin_prefetch((*ahead)->keysAddress());
-                __builtin_prefetch(&(*ahead)->hidden);
+                __builtin_prefetch(ahead->keysAddress());
+                __builtin_prefetch(&ahead->hidden);
             }
             if (const auto* ahead = near.current()) {
-                const std::string_view text = (*ahead)->searchText();
+                const std::string_view text = ahead->searchText();
                 __builtin_prefetch(text.data());
                 __builtin_prefetch(text.data() + 64);
-                prefetchShareCount(*ahead);
             }
             far.advance();
             near.advance();

@@ -3,6 +3,7 @@
 #include "KinbookKit/people/SortOrder.h"
 #include "KinbookKit/records/Person.h"
 
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,9 +19,15 @@ namespace kinbook {
 using PersonPtr = std::shared_ptr<const Person>;
 
 // One titled run of the list: a letter, a circle's name, "No Phone", "3 fields", …
+//
+// A section names its people by address and holds none of them: whoever
+// made the sections keeps the people alive (a SectionList does, for the
+// list's own). Taking a share of each person would be an atomic write to a
+// count beside each one, far apart in memory; at 100,000 people those
+// writes cost a keystroke more than its search does.
 struct Section {
     std::string letter;
-    std::vector<PersonPtr> people;
+    std::vector<const Person*> people;
 
     // Equal when the titles are and the people are, person by person (by value).
     bool operator==(const Section& other) const;
@@ -34,8 +41,40 @@ struct Heading {
     bool operator==(const Heading&) const = default;
 };
 
+// Sections together with the people they name: the list holds everyone its
+// sections list, so a person read from a section lives as long as the list
+// it came from. Keep the list, or look the person up again, to keep a person
+// longer. Shared, never copied, between the index, the shown list and the
+// last search: switching the sort order is then a look-up. Null until made.
+class SectionList {
+public:
+    SectionList() = default;
+    // `people` keeps alive everyone the sections name; none for no sections.
+    SectionList(std::vector<Section> sections, std::shared_ptr<const void> people)
+        : m_held(std::make_shared<const Held>(Held{std::move(people), std::move(sections)})) {}
+
+    explicit operator bool() const { return m_held != nullptr; }
+    const std::vector<Section>& operator*() const { return m_held->sections; }
+    const std::vector<Section>* operator->() const { return &m_held->sections; }
+    const std::vector<Section>* get() const { return m_held ? &m_held->sections : nullptr; }
+    // How many hold this list: the last holder may free it elsewhere.
+    long holders() const { return m_held.use_count(); }
+
+    // The same list, not merely equal sections.
+    bool operator==(const SectionList& other) const { return m_held == other.m_held; }
+    bool operator==(std::nullptr_t) const { return m_held == nullptr; }
+
+private:
+    struct Held {
+        std::shared_ptr<const void> people;
+        std::vector<Section> sections;
+    };
+    std::shared_ptr<const Held> m_held;
+};
+
 // Sorts `people` in `order` (ascending) and cuts them into sections, each
-// created when its title is first met. Stable: people with equal keys keep
+// created when its title is first met. The sections name the people of
+// `people`, which must outlive them. Stable: people with equal keys keep
 // the order they came in. Quickest when the people come in sort-key order,
 // as the list keeps them. Reads the people only, so it may run on any
 // thread while nobody changes them.
@@ -61,7 +100,7 @@ int peopleCount(std::span<const Section> sections);
 
 // The sections with only the people `keep` accepts, in the same order,
 // sections left empty dropped: what the list's filters and its search show.
-// The kept people are shared, not copied.
+// The kept sections name the same people, who must outlive them.
 std::vector<Section> filterSections(std::span<const Section> sections,
                                     const std::function<bool(const Person&)>& keep);
 

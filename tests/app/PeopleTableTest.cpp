@@ -20,12 +20,15 @@ PersonPtr person(std::string id, std::string given, std::string family) {
 }
 
 // A: Ada Abbott, Al Avery · B: Bo Brown · D: Di Dunn, Dot Drake
-std::vector<Section> threeSections() {
-    return {
-        {"A", {person("a1", "Ada", "Abbott"), person("a2", "Al", "Avery")}},
-        {"B", {person("b1", "Bo", "Brown")}},
-        {"D", {person("d1", "Di", "Dunn"), person("d2", "Dot", "Drake")}},
-    };
+SectionList threeSections() {
+    const auto people = std::make_shared<const std::vector<PersonPtr>>(std::vector<PersonPtr>{
+        person("a1", "Ada", "Abbott"), person("a2", "Al", "Avery"), person("b1", "Bo", "Brown"),
+        person("d1", "Di", "Dunn"), person("d2", "Dot", "Drake")});
+    const auto& held = *people;
+    return SectionList({{"A", {held[0].get(), held[1].get()}},
+                        {"B", {held[2].get()}},
+                        {"D", {held[3].get(), held[4].get()}}},
+                       people);
 }
 
 TEST(PeopleTableModel, EachSectionIsATitleRowFollowedByItsPeople) {
@@ -53,7 +56,7 @@ TEST(PeopleTableModel, EachSectionIsATitleRowFollowedByItsPeople) {
 TEST(PeopleTableModel, AnEmptyListHasNoRows) {
     PeopleTableModel model;
     model.setSections(threeSections());
-    model.setSections(std::vector<Section>());
+    model.setSections(SectionList());
     EXPECT_EQ(model.rowCount(), 0);
     EXPECT_EQ(model.personAt(0), nullptr);
     EXPECT_EQ(model.personRowFrom(0, 1), std::nullopt);

@@ -3,6 +3,7 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/ManualExecutor.h"
 #include "tests/support/TempFolder.h"
 
@@ -209,7 +210,6 @@ protected:
         writeCard("home", "JANE-1", vcard("JANE-1", "Jane", "Appleseed", anchor("K1")));
         writeCard("work", "JANE-2", vcard("JANE-2", "Janie", "Appleseed", anchor("K1", "?p=1")));
         writeCard("home", "BOB-1", vcard("BOB-1", "Bob", "Brown", "TEL;type=WORK:+1 212 555 0100\r\n"));
-        m_wallNow = std::chrono::system_clock::now();
     }
 
     fs::path root() const { return m_folder / "contacts"; }
@@ -231,8 +231,7 @@ protected:
     PeopleListOptions options() {
         PeopleListOptions options;
         options.log = m_log;
-        options.wallClock = [this] { return m_wallNow; };
-        options.monotonicClock = [this] { return std::chrono::steady_clock::time_point(m_main.now()); };
+        options.clock = &m_clock;
         return options;
     }
 
@@ -285,7 +284,7 @@ protected:
     testing::ManualExecutor m_main;
     testing::ManualExecutor m_background;
     std::shared_ptr<FaultyAddressBook> m_book = makeBook();
-    std::chrono::system_clock::time_point m_wallNow;
+    testing::FakeClock m_clock;
 };
 
 const std::string kLaunch = std::string("—— launch: version ") + kVersion + " build " + kVersion;
@@ -359,14 +358,14 @@ TEST_F(PeopleListTest, ChangesAreReadForADayAndThenEverythingIsReadAgain) {
     ASSERT_TRUE(list->fullReadAt().has_value());
     lines();
 
-    m_wallNow = *list->fullReadAt() + 23h;
+    m_clock.setNow(*list->fullReadAt() + 23h);
     loadAndWait(*list);
     auto read = lines();
     EXPECT_TRUE(contains(read, "changes: 0 changed, 0 deleted in 0 ms"));
     EXPECT_EQ(countStartingWith(read, "fetch: "), 0u);
     EXPECT_EQ(list->timings().refreshKind, "changes");
 
-    m_wallNow = *list->fullReadAt() + 25h;
+    m_clock.setNow(*list->fullReadAt() + 25h);
     loadAndWait(*list);
     read = lines();
     EXPECT_TRUE(contains(read, "fetch: 3 people, 2 accounts in 0 ms"));
@@ -423,7 +422,7 @@ TEST_F(PeopleListTest, AFailedReadKeepsWhatIsShownAndReportsOnlyWhenNothingIs) {
     loadAndWait(*list);
     lines();
     m_book->failReads = AddressBookError::store("the disk is gone");
-    m_wallNow += 25h;
+    m_clock.setNow(*list->fullReadAt() + 25h);
     loadAndWait(*list);
     EXPECT_TRUE(contains(lines(), "fetch failed: the disk is gone"));
     EXPECT_EQ(list->people().size(), 2u);
@@ -597,7 +596,7 @@ TEST_F(PeopleListTest, AnAccountFilterGoesWhenItsAccountDoes) {
     list->observe([&](PeopleList::Changes changes) {
         toldOfFilters = toldOfFilters || changes.contains(PeopleList::Change::filters);
     });
-    m_wallNow = *list->fullReadAt() + 25h;
+    m_clock.setNow(*list->fullReadAt() + 25h);
     loadAndWait(*list);
     EXPECT_EQ(list->accountFilter(), std::nullopt);
     EXPECT_TRUE(toldOfFilters);
@@ -807,30 +806,95 @@ TEST_F(PeopleListShownTest, TypingLetterByLetterFindsWhatTheQueryItselfSaysOfEve
     }
 }
 
-// A search's list lends its people; whoever holds the list still holds them
-// once everyone is read again and the list lets go of the people it had.
-TEST_F(PeopleListShownTest, AHeldSearchResultOutlivesThePeopleBeingReadAgain) {
+// The shown sections name their people without holding them; the list they
+// came in holds them. A held search result, and a held order of the index,
+// still name living people once everyone is read again, and once the list
+// itself is gone.
+TEST_F(PeopleListShownTest, HeldSectionsOutliveThePeopleBeingReadAgainAndTheList) {
     auto list = makeList();
     loadAndWait(*list);
+    ASSERT_FALSE(list->isIndexing());
     list->setSearchText("smith");
     const SectionList held = list->sharedSections();
-    const auto familyNames = [&] {
+    const SectionList indexed = list->indexed(SortOrder::firstName);
+    ASSERT_TRUE(indexed);
+    const auto familyNames = [](const SectionList& sections) {
         std::vector<std::string> names;
-        for (const auto& section : *held) {
-            for (const auto& person : section.people) {
+        for (const auto& section : *sections) {
+            for (const auto* person : section.people) {
                 names.push_back(person->familyName);
             }
         }
         return names;
     };
-    ASSERT_EQ(familyNames(), (std::vector<std::string>{"Smith", "Smithers"}));
+    ASSERT_EQ(familyNames(held), (std::vector<std::string>{"Smith", "Smithers"}));
+    const auto everyone = familyNames(indexed);
+    ASSERT_EQ(everyone.size(), 4u);
 
     writeCard("home", "ANN-1", vcard("ANN-1", "Ann", "Smythe", anchor("KANN", "?r=1")));
     writeCard("work", "BOB-1", vcard("BOB-1", "Bob", "Smithson"));
     m_book->startOver = true;
     loadAndWait(*list);
     EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"BOB-1"});
-    EXPECT_EQ(familyNames(), (std::vector<std::string>{"Smith", "Smithers"}));
+    EXPECT_EQ(familyNames(held), (std::vector<std::string>{"Smith", "Smithers"}));
+
+    list.reset();
+    run();
+    EXPECT_EQ(familyNames(held), (std::vector<std::string>{"Smith", "Smithers"}));
+    EXPECT_EQ(familyNames(indexed), everyone);
+}
+
+// The sidebar and the tool change several settings at once: the list is
+// rebuilt once for all of them, observers hear of it once, and what is shown
+// is what the settings one at a time would show.
+TEST_F(PeopleListShownTest, AWholeViewIsShownWithOneRebuild) {
+    using Change = PeopleList::Change;
+    auto list = makeList();
+    loadAndWait(*list);
+    auto oneAtATime = makeList();
+    loadAndWait(*oneAtATime);
+    std::vector<PeopleList::Changes> heard;
+    list->observe([&](PeopleList::Changes changes) { heard.push_back(changes); });
+    const auto listID = list->listID();
+    const auto scrollToTop = list->scrollToTopToken();
+
+    ViewSettings view = list->view();
+    view.order = SortOrder::firstName;
+    view.descending = true;
+    view.accountID = "work";
+    view.searchText = "b";
+    list->setView(view);
+    oneAtATime->setSortOrder(SortOrder::firstName);
+    oneAtATime->setDescending(true);
+    oneAtATime->setAccountFilter("work");
+    oneAtATime->setSearchText("b");
+
+    EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"DAN-1", "BOB-1"}));
+    EXPECT_EQ(list->sections(), oneAtATime->sections());
+    EXPECT_EQ(list->headings(), oneAtATime->headings());
+    EXPECT_EQ(list->listID(), listID + 1);
+    EXPECT_EQ(list->scrollToTopToken(), scrollToTop + 1);
+    ASSERT_EQ(heard.size(), 1u);
+    EXPECT_EQ(heard.front(), Change::filters | Change::search | Change::sections);
+    EXPECT_EQ(list->searchInput(), "b");
+
+    // The same view again changes nothing; a filter alone is no search.
+    list->setView(view);
+    EXPECT_EQ(list->listID(), listID + 1);
+    view.accountID.reset();
+    list->setView(view);
+    ASSERT_EQ(heard.size(), 2u);
+    EXPECT_EQ(heard.back(), Change::filters | Change::sections);
+
+    // Typing not yet settled survives a filter chosen meanwhile, and is
+    // searched once it settles.
+    list->setSearchInput("da");
+    view.order = SortOrder::lastName;
+    list->setView(view);
+    EXPECT_EQ(list->searchInput(), "da");
+    m_main.advance(60ms);
+    EXPECT_EQ(list->searchText(), "da");
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"DAN-1"});
 }
 
 TEST_F(PeopleListShownTest, TypingSettlesBeforeTheListIsSearched) {

@@ -100,9 +100,10 @@ TEST(SearchIndexTest, MatchesWhatTheQueryItselfSaysOfEveryPerson) {
 TEST(SearchIndexTest, PositionsOfSectionsNeedEveryPersonKnown) {
     const std::vector<PersonPtr> people = {personNamed("Ann", "Smith"), personNamed("Bob", "Brown")};
     const SearchIndex index(people);
-    const std::vector<Section> sections = {{"B", {people[1]}}, {"S", {people[0]}}};
+    const std::vector<Section> sections = {{"B", {people[1].get()}}, {"S", {people[0].get()}}};
     EXPECT_EQ(index.positionsOf(sections), (std::vector<std::uint32_t>{1, 0}));
-    const std::vector<Section> withStranger = {{"C", {personNamed("Cy", "Cole")}}};
+    const auto stranger = personNamed("Cy", "Cole");
+    const std::vector<Section> withStranger = {{"C", {stranger.get()}}};
     EXPECT_EQ(index.positionsOf(withStranger), std::nullopt);
 }
 

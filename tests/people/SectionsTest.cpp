@@ -162,14 +162,14 @@ TEST(Sections, PhotoDescendingKeepsPicturesFirstAndRunsNamesFromZToA) {
               (Shape{{"Picture", {"zed", "ann"}}, {"No Picture", {"cy", "bo"}}}));
 }
 
-TEST(Sections, SectionsShareThePeopleTheyWereGiven) {
+TEST(Sections, SectionsNameThePeopleTheyWereGiven) {
     const std::vector<PersonPtr> people{make({"b", "Bo", "Brown"}), make({"a", "Al", "Adams"})};
     for (const auto order : allSortOrders()) {
         const auto sections = buildSections(order, people);
         ASSERT_EQ(peopleCount(sections), 2) << rawValue(order);
         for (const auto& section : sections) {
             for (const auto& person : section.people) {
-                EXPECT_TRUE(person == people[0] || person == people[1]) << rawValue(order);
+                EXPECT_TRUE(person == people[0].get() || person == people[1].get()) << rawValue(order);
             }
         }
     }
@@ -189,7 +189,7 @@ TEST(Sections, HeadingsCountsAndFilteringDropEmptySections) {
     const auto onlyB =
         filterSections(sections, [](const Person& person) { return person.givenName == "Bo"; });
     EXPECT_EQ(shapeOf(onlyB), (Shape{{"B", {"bo"}}}));
-    EXPECT_EQ(onlyB.front().people.front(), people[2]);
+    EXPECT_EQ(onlyB.front().people.front(), people[2].get());
     EXPECT_TRUE(filterSections(sections, [](const Person&) { return false; }).empty());
 
     // Sections a caller put together may be empty; they are dropped too.
@@ -201,10 +201,10 @@ TEST(Sections, EqualityComparesPeopleByValue) {
     const auto ann = make({"ann", "Ann", "Able"});
     const auto sameAnn = make({"ann", "Ann", "Able"});
     const auto otherAnn = make({"ann2", "Ann", "Able"});
-    EXPECT_EQ((Section{"A", {ann}}), (Section{"A", {sameAnn}}));
-    EXPECT_NE((Section{"A", {ann}}), (Section{"A", {otherAnn}}));
-    EXPECT_NE((Section{"A", {ann}}), (Section{"B", {ann}}));
-    EXPECT_NE((Section{"A", {ann}}), (Section{"A", {ann, ann}}));
+    EXPECT_EQ((Section{"A", {ann.get()}}), (Section{"A", {sameAnn.get()}}));
+    EXPECT_NE((Section{"A", {ann.get()}}), (Section{"A", {otherAnn.get()}}));
+    EXPECT_NE((Section{"A", {ann.get()}}), (Section{"B", {ann.get()}}));
+    EXPECT_NE((Section{"A", {ann.get()}}), (Section{"A", {ann.get(), ann.get()}}));
 }
 
 // The sections as the table of orders describes them, worked out the plain
@@ -282,7 +282,7 @@ std::vector<Section> plainSections(SortOrder order, std::vector<PersonPtr> peopl
             sections.push_back(Section{name, {}});
             found = sections.end() - 1;
         }
-        found->people.push_back(person);
+        found->people.push_back(person.get());
     }
     return sections;
 }
