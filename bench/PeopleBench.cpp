@@ -10,7 +10,6 @@
 #include "bench/SplitMix64.h"
 
 #include <fmt/core.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
@@ -182,11 +181,6 @@ void sizes(benchmark::internal::Benchmark* benchmark) {
     benchmark->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 }
 
-// The comparisons through a general JSON tree take seconds at 100k.
-void smallSizes(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-}
-
 // The cards of a start from the cache joined into people, as the list joins
 // them: every card points into the one snapshot read, in the order the store
 // gave them rather than the list's, and one card in five shares a KinID with
@@ -323,16 +317,6 @@ void BM_CacheEncode(benchmark::State& state) {
 }
 BENCHMARK(BM_CacheEncode)->Apply(sizes);
 
-// The same snapshot through a general JSON tree, for comparison.
-void BM_CacheEncodeThroughTree(benchmark::State& state) {
-    const auto snapshot = snapshotOf(state.range(0));
-    for (auto _ : state) {
-        const nlohmann::json file = {{"format", SnapshotCache::kFormat}, {"snapshot", snapshot.toJSON()}};
-        benchmark::DoNotOptimize(file.dump());
-    }
-}
-BENCHMARK(BM_CacheEncodeThroughTree)->Apply(smallSizes);
-
 // A temporary folder for the cache files, removed when the benchmarks end.
 class BenchFolder {
 public:
@@ -388,16 +372,6 @@ void BM_CacheRead(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_CacheRead)->Apply(sizes);
-
-// The same file through a general JSON tree, for comparison.
-void BM_CacheReadThroughTree(benchmark::State& state) {
-    const auto json = SnapshotCache::encode(snapshotOf(state.range(0)));
-    for (auto _ : state) {
-        const auto file = nlohmann::json::parse(*json);
-        benchmark::DoNotOptimize(AddressBookSnapshot::fromJSON(file.at("snapshot")));
-    }
-}
-BENCHMARK(BM_CacheReadThroughTree)->Apply(smallSizes);
 
 } // namespace
 } // namespace kinbook

@@ -3,6 +3,7 @@
 #include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/SideBySide.h"
 #include "KinbookKit/records/Iso8601.h"
+#include "KinbookKit/records/PersonFields.h"
 #include "KinbookKit/records/PersonJsonReader.h"
 #include "KinbookKit/records/PersonJsonWriter.h"
 #include "KinbookKit/text/Base64.h"
@@ -36,8 +37,8 @@ constexpr std::string_view kFileName = "kinbook-snapshot.json";
 
 // The cache is written by hand rather than through a JSON tree: at 100,000
 // people a tree costs several times the file in memory and most of the time.
-// The layout is the snapshot's own JSON (AddressBookSnapshot::toJSON), keys
-// in field order.
+// The layout is the snapshot's JSON: its people as PersonJsonWriter writes
+// them, then the accounts, the history token and the time of the read.
 class SnapshotWriter {
 public:
     explicit SnapshotWriter(std::string& out) : m_out(out) {}
@@ -152,20 +153,8 @@ bool readStrings(ondemand::value& value, Texts& out) {
     return true;
 }
 
-bool readBool(ondemand::value& value, bool& out) {
-    return value.get_bool().get(out) == SUCCESS;
-}
-
-bool readInt(ondemand::value& value, int& out) {
-    std::int64_t number = 0;
-    if (value.get_int64().get(number) != SUCCESS || number < INT32_MIN || number > INT32_MAX) {
-        return false;
-    }
-    out = static_cast<int>(number);
-    return true;
-}
-
-// Null reads as absent for the optional fields, as in the snapshot's JSON.
+// Null reads as absent for the optional fields, as a general JSON encoder
+// may write them.
 bool isNull(ondemand::value& value, bool& null) {
     return value.is_null().get(null) == SUCCESS;
 }
@@ -189,80 +178,84 @@ std::optional<std::string_view> keyText(const ondemand::raw_json_string& key) {
     return std::string_view(unescaped);
 }
 
-enum PersonField : int {
-    id,
-    givenName,
-    middleName,
-    familyName,
-    nickname,
-    organization,
-    jobTitle,
-    department,
-    phoneNumbers,
-    emailAddresses,
-    accountIDs,
-    hasImage,
-    postalCodes,
-    places,
-    filledCount,
-    detailed,
-    hidden,
-    isPrimaryCard,
-    memberIDs,
-    // Optional stored fields.
-    kinID,
-    circle,
-    // Derived keys: all of them, or none and the keys are worked out again.
-    displayName,
-    sortKey,
-    sectionLetter,
-    firstNameSortKey,
-    firstNameSectionLetter,
-    areaCodes,
-    searchText,
-    phoneDigits,
-    personFieldCount,
-};
+// The general reader's way with each kind of field, as written by
+// PersonJsonWriter.
+bool readValue(ondemand::value& value, std::string& out) {
+    return readString(value, out);
+}
+bool readValue(ondemand::value& value, Texts& out) {
+    return readStrings(value, out);
+}
+bool readValue(ondemand::value& value, std::vector<std::string>& out) {
+    return readStrings(value, out);
+}
+bool readValue(ondemand::value& value, bool& out) {
+    return value.get_bool().get(out) == SUCCESS;
+}
+bool readValue(ondemand::value& value, int& out) {
+    std::int64_t number = 0;
+    if (value.get_int64().get(number) != SUCCESS || number < INT32_MIN || number > INT32_MAX) {
+        return false;
+    }
+    out = static_cast<int>(number);
+    return true;
+}
+bool readValue(ondemand::value& value, std::optional<std::string>& out) {
+    bool null = false;
+    if (!isNull(value, null)) {
+        return false;
+    }
+    if (null) {
+        out.reset();
+        return true;
+    }
+    return readString(value, out.emplace());
+}
+bool readValue(ondemand::value& value, std::optional<ContactCircle>& out) {
+    bool null = false;
+    if (!isNull(value, null)) {
+        return false;
+    }
+    out.reset();
+    if (null) {
+        return true;
+    }
+    std::int64_t raw = 0;
+    if (value.get_int64().get(raw) != SUCCESS) {
+        return false;
+    }
+    // A circle this version doesn't know reads as none.
+    out = circleFromRawValue(raw);
+    return true;
+}
 
-// In the order the writer puts them, so that the usual file is read with one
-// comparison per key.
-constexpr std::array<std::pair<std::string_view, PersonField>, personFieldCount> kPersonKeys{{
-    {"id", id},
-    {"givenName", givenName},
-    {"middleName", middleName},
-    {"familyName", familyName},
-    {"nickname", nickname},
-    {"organization", organization},
-    {"jobTitle", jobTitle},
-    {"department", department},
-    {"phoneNumbers", phoneNumbers},
-    {"emailAddresses", emailAddresses},
-    {"accountIDs", accountIDs},
-    {"hasImage", hasImage},
-    {"postalCodes", postalCodes},
-    {"places", places},
-    {"filledCount", filledCount},
-    {"detailed", detailed},
-    {"kinID", kinID},
-    {"hidden", hidden},
-    {"circle", circle},
-    {"isPrimaryCard", isPrimaryCard},
-    {"memberIDs", memberIDs},
-    {"displayName", displayName},
-    {"sortKey", sortKey},
-    {"sectionLetter", sectionLetter},
-    {"firstNameSortKey", firstNameSortKey},
-    {"firstNameSectionLetter", firstNameSectionLetter},
-    {"areaCodes", areaCodes},
-    {"searchText", searchText},
-    {"phoneDigits", phoneDigits},
-}};
+static_assert(kPersonFieldCount <= 32, "the fields seen are marked in 32 bits");
 
-constexpr std::uint32_t bit(PersonField field) {
+constexpr std::uint32_t bit(std::size_t field) {
     return std::uint32_t{1} << field;
 }
-constexpr std::uint32_t kStoredFields = bit(kinID) - 1;
-constexpr std::uint32_t kDerivedFields = (bit(personFieldCount) - 1) & ~(bit(displayName) - 1);
+
+// The fields for which `test` holds, as bits by their place among the fields.
+template <typename Test>
+constexpr std::uint32_t personFieldBits(Test test) {
+    std::uint32_t bits = 0;
+    std::size_t at = 0;
+    forEachPersonField([&](auto field) {
+        if (test(field)) {
+            bits |= bit(at);
+        }
+        ++at;
+    });
+    return bits;
+}
+
+// Every person has every stored field but the optional ones; the derived
+// keys are there all together, or none and the keys are worked out again.
+constexpr std::uint32_t kStoredFields =
+    personFieldBits([](auto field) { return !decltype(field)::derived && !decltype(field)::optional; });
+constexpr std::uint32_t kDerivedFields = personFieldBits([](auto field) { return decltype(field)::derived; });
+constexpr std::uint32_t kSearchTextField =
+    personFieldBits([](auto field) { return decltype(field)::name == "searchText"; });
 
 // Whether the key whose text starts at `raw` is `name`; the file is padded,
 // so comparing a few bytes past a short key is safe.
@@ -270,116 +263,39 @@ bool keyIs(const char* raw, std::string_view name) {
     return std::memcmp(raw, name.data(), name.size()) == 0 && raw[name.size()] == '"';
 }
 
-// The field a key names; kUnknownField for a key of no field, kDamagedKey
-// for one JSON does not allow.
+// The field a key names, by its place among the fields; kUnknownField for a
+// key of no field, kDamagedKey for one JSON does not allow. The fields are
+// tried in the order the writer puts them, starting after the last one
+// found, so that the usual file is read with one comparison per key.
 constexpr int kUnknownField = -1;
 constexpr int kDamagedKey = -2;
 
 int personFieldOf(const ondemand::raw_json_string& key, std::size_t& guess) {
-    if (guess < kPersonKeys.size() && keyIs(key.raw(), kPersonKeys[guess].first)) {
-        return kPersonKeys[guess++].second;
+    if (guess < kPersonFieldNames.size() && keyIs(key.raw(), kPersonFieldNames[guess])) {
+        return static_cast<int>(guess++);
     }
     const auto name = keyText(key);
     if (!name) {
         return kDamagedKey;
     }
-    for (std::size_t i = 0; i < kPersonKeys.size(); ++i) {
-        if (kPersonKeys[i].first == *name) {
+    for (std::size_t i = 0; i < kPersonFieldNames.size(); ++i) {
+        if (kPersonFieldNames[i] == *name) {
             guess = i + 1;
-            return kPersonKeys[i].second;
+            return static_cast<int>(i);
         }
     }
     return kUnknownField;
 }
 
-bool readPersonField(PersonField which, ondemand::value& value, Person& person, PersonKeys& keys) {
-    switch (which) {
-    case id:
-        return readString(value, person.id);
-    case givenName:
-        return readString(value, person.givenName);
-    case middleName:
-        return readString(value, person.middleName);
-    case familyName:
-        return readString(value, person.familyName);
-    case nickname:
-        return readString(value, person.nickname);
-    case organization:
-        return readString(value, person.organization);
-    case jobTitle:
-        return readString(value, person.jobTitle);
-    case department:
-        return readString(value, person.department);
-    case phoneNumbers:
-        return readStrings(value, person.phoneNumbers);
-    case emailAddresses:
-        return readStrings(value, person.emailAddresses);
-    case accountIDs:
-        return readStrings(value, person.accountIDs);
-    case hasImage:
-        return readBool(value, person.hasImage);
-    case postalCodes:
-        return readStrings(value, person.postalCodes);
-    case places:
-        return readStrings(value, person.places);
-    case filledCount:
-        return readInt(value, person.filledCount);
-    case detailed:
-        return readBool(value, person.detailed);
-    case hidden:
-        return readBool(value, person.hidden);
-    case isPrimaryCard:
-        return readBool(value, person.isPrimaryCard);
-    case memberIDs:
-        return readStrings(value, person.memberIDs);
-    case kinID: {
-        bool null = false;
-        if (!isNull(value, null)) {
-            return false;
+bool readPersonField(std::size_t which, ondemand::value& value, Person& person, PersonKeys& keys) {
+    return visitPersonField(which, [&](auto field) {
+        using Field = decltype(field);
+        if constexpr (Field::derived) {
+            return readValue(value, keys.*Field::key);
+        } else {
+            return readValue(value, person.*Field::member);
         }
-        if (null) {
-            person.kinID.reset();
-            return true;
-        }
-        return readString(value, person.kinID.emplace());
-    }
-    case circle: {
-        bool null = false;
-        if (!isNull(value, null)) {
-            return false;
-        }
-        person.circle.reset();
-        if (null) {
-            return true;
-        }
-        std::int64_t raw = 0;
-        if (value.get_int64().get(raw) != SUCCESS) {
-            return false;
-        }
-        // A circle this version doesn't know reads as none.
-        person.circle = circleFromRawValue(raw);
-        return true;
-    }
-    case displayName:
-        return readString(value, keys.displayName);
-    case sortKey:
-        return readString(value, keys.sortKey);
-    case sectionLetter:
-        return readString(value, keys.sectionLetter);
-    case firstNameSortKey:
-        return readString(value, keys.firstNameSortKey);
-    case firstNameSectionLetter:
-        return readString(value, keys.firstNameSectionLetter);
-    case areaCodes:
-        return readStrings(value, keys.areaCodes);
-    case searchText:
-        return readString(value, keys.searchText);
-    case phoneDigits:
-        return readStrings(value, keys.phoneDigits);
-    case personFieldCount:
-        break;
-    }
-    return false;
+    });
 }
 
 bool readPerson(ondemand::value& value, Person& person) {
@@ -402,18 +318,17 @@ bool readPerson(ondemand::value& value, Person& person) {
         if (which == kUnknownField) {
             continue;
         }
-        if (!readPersonField(static_cast<PersonField>(which), field.value(), person, keys)) {
+        if (!readPersonField(static_cast<std::size_t>(which), field.value(), person, keys)) {
             return false;
         }
-        seen |= bit(static_cast<PersonField>(which));
+        seen |= bit(static_cast<std::size_t>(which));
     }
     if ((seen & kStoredFields) != kStoredFields) {
         return false;
     }
     // Keys stored beside the fields they came from are taken as they are;
-    // without the search text the set is taken as absent, as the snapshot's
-    // own JSON reader does.
-    if (seen & bit(searchText)) {
+    // without the search text the set is taken as absent, and worked out.
+    if ((seen & kSearchTextField) != 0) {
         if ((seen & kDerivedFields) != kDerivedFields) {
             return false;
         }
@@ -536,9 +451,8 @@ bool readSnapshot(ondemand::value& value, AddressBookSnapshot& snapshot) {
                 if (item.get_double().get(seconds) != SUCCESS) {
                     return false;
                 }
-                // As the snapshot's own reader does: seconds as a double keep
-                // microseconds exactly, and rounding to them reads a written
-                // time back equal.
+                // Seconds as a double keep microseconds exactly for centuries
+                // around 2001; rounding to them reads a written time back equal.
                 snapshot.fullReadAt =
                     std::chrono::round<std::chrono::microseconds>(dateFromReferenceSeconds(seconds));
             }

@@ -3,8 +3,6 @@
 #include "KinbookKit/Hash.h"
 #include "KinbookKit/text/Ascii.h"
 
-#include <nlohmann/json.hpp>
-
 namespace kinbook {
 std::string Account::displayName(const AccountContainer& container) {
     const std::string_view name = trimAsciiSpace(container.name);
@@ -27,22 +25,6 @@ std::string Account::displayName(const AccountContainer& container) {
 
 Account Account::from(const AccountContainer& container) {
     return Account{container.id, displayName(container)};
-}
-
-nlohmann::json Account::toJSON() const {
-    return {{"id", id}, {"name", name}};
-}
-
-std::optional<Account> Account::fromJSON(const nlohmann::json& json) {
-    if (!json.is_object()) {
-        return std::nullopt;
-    }
-    const auto id = json.find("id");
-    const auto name = json.find("name");
-    if (id == json.end() || name == json.end() || !id->is_string() || !name->is_string()) {
-        return std::nullopt;
-    }
-    return Account{id->get<std::string>(), name->get<std::string>()};
 }
 
 } // namespace kinbook

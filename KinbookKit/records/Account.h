@@ -1,7 +1,5 @@
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
-
 #include <functional>
 #include <optional>
 #include <string>
@@ -33,9 +31,6 @@ struct Account {
     // "On My Computer" for a local folder).
     static std::string displayName(const AccountContainer& container);
     static Account from(const AccountContainer& container);
-
-    nlohmann::json toJSON() const;
-    static std::optional<Account> fromJSON(const nlohmann::json& json);
 };
 
 // A reference to one card inside one person.

@@ -3,8 +3,6 @@
 #include "KinbookKit/records/Account.h"
 #include "KinbookKit/records/Person.h"
 
-#include <nlohmann/json_fwd.hpp>
-
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -23,12 +21,6 @@ struct AddressBookSnapshot {
         fullReadAt; // seconds since 2001-01-01, to the microsecond
 
     bool operator==(const AddressBookSnapshot&) const = default;
-
-    // The optional fields are written only when present.
-    nlohmann::json toJSON() const;
-    // None when anything stored is missing or malformed: a damaged cache is
-    // no cache.
-    static std::optional<AddressBookSnapshot> fromJSON(const nlohmann::json& json);
 };
 
 } // namespace kinbook

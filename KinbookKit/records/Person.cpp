@@ -1,6 +1,7 @@
 #include "KinbookKit/records/Person.h"
 
 #include "KinbookKit/Hash.h"
+#include "KinbookKit/records/PersonFields.h"
 #include "KinbookKit/text/AreaCodes.h"
 #include "KinbookKit/text/CodePoints.h"
 #include "KinbookKit/text/Fold.h"
@@ -148,105 +149,77 @@ Person Person::with(Changes changes) const {
     return copy;
 }
 
-nlohmann::json Person::toJSON() const {
-    nlohmann::json json = {
-        {"id", id},
-        {"givenName", givenName},
-        {"middleName", middleName},
-        {"familyName", familyName},
-        {"nickname", nickname},
-        {"organization", organization},
-        {"jobTitle", jobTitle},
-        {"department", department},
-        {"phoneNumbers", phoneNumbers.strings()},
-        {"emailAddresses", emailAddresses.strings()},
-        {"accountIDs", accountIDs.strings()},
-        {"hasImage", hasImage},
-        {"postalCodes", postalCodes.strings()},
-        {"places", places.strings()},
-        {"filledCount", filledCount},
-        {"detailed", detailed},
-        {"hidden", hidden},
-        {"isPrimaryCard", isPrimaryCard},
-        {"memberIDs", memberIDs.strings()},
-        {"displayName", displayName()},
-        {"sortKey", sortKey()},
-        {"sectionLetter", sectionLetter()},
-        {"firstNameSortKey", firstNameSortKey()},
-        {"firstNameSectionLetter", firstNameSectionLetter()},
-        {"areaCodes", areaCodes().strings()},
-        {"searchText", searchText()},
-        {"phoneDigits", phoneDigits().strings()},
-    };
-    if (kinID) {
-        json["kinID"] = *kinID;
-    }
-    if (circle) {
-        json["circle"] = rawValue(*circle);
-    }
-    return json;
+namespace {
+
+// A field's value as the JSON tree holds it.
+nlohmann::json jsonValue(const std::string& text) {
+    return text;
+}
+nlohmann::json jsonValue(std::string_view text) {
+    return std::string(text);
+}
+nlohmann::json jsonValue(const Texts& texts) {
+    return texts.strings();
+}
+nlohmann::json jsonValue(const TextList& texts) {
+    return texts.strings();
+}
+nlohmann::json jsonValue(bool flag) {
+    return flag;
+}
+nlohmann::json jsonValue(int number) {
+    return number;
+}
+nlohmann::json jsonValue(const std::optional<std::string>& text) {
+    return *text;
+}
+nlohmann::json jsonValue(const std::optional<ContactCircle>& circle) {
+    return rawValue(*circle);
 }
 
-std::optional<Person> Person::fromJSON(const nlohmann::json& json) {
-    if (!json.is_object()) {
-        return std::nullopt;
-    }
-    try {
-        Person person;
-        json.at("id").get_to(person.id);
-        json.at("givenName").get_to(person.givenName);
-        json.at("middleName").get_to(person.middleName);
-        json.at("familyName").get_to(person.familyName);
-        json.at("nickname").get_to(person.nickname);
-        json.at("organization").get_to(person.organization);
-        json.at("jobTitle").get_to(person.jobTitle);
-        json.at("department").get_to(person.department);
-        person.phoneNumbers = json.at("phoneNumbers").get<std::vector<std::string>>();
-        person.emailAddresses = json.at("emailAddresses").get<std::vector<std::string>>();
-        person.accountIDs = json.at("accountIDs").get<std::vector<std::string>>();
-        json.at("hasImage").get_to(person.hasImage);
-        person.postalCodes = json.at("postalCodes").get<std::vector<std::string>>();
-        person.places = json.at("places").get<std::vector<std::string>>();
-        json.at("filledCount").get_to(person.filledCount);
-        json.at("detailed").get_to(person.detailed);
-        json.at("hidden").get_to(person.hidden);
-        json.at("isPrimaryCard").get_to(person.isPrimaryCard);
-        person.memberIDs = json.at("memberIDs").get<std::vector<std::string>>();
-        if (const auto kinID = json.find("kinID"); kinID != json.end() && !kinID->is_null()) {
-            person.kinID = kinID->get<std::string>();
+template <typename T>
+bool isSet(const T&) {
+    return true;
+}
+template <typename T>
+bool isSet(const std::optional<T>& value) {
+    return value.has_value();
+}
+
+// What a field adds to the hash; a circle by its raw value, none as 0.
+template <typename T>
+const T& hashed(const T& value) {
+    return value;
+}
+int hashed(const std::optional<ContactCircle>& circle) {
+    return circle ? rawValue(*circle) : 0;
+}
+
+} // namespace
+
+nlohmann::json Person::toJSON() const {
+    nlohmann::json json = nlohmann::json::object();
+    forEachPersonField([&](auto field) {
+        using Field = decltype(field);
+        if constexpr (Field::derived) {
+            json[std::string(Field::name)] = jsonValue((this->*Field::accessor)());
+        } else if (isSet(this->*Field::member)) {
+            json[std::string(Field::name)] = jsonValue(this->*Field::member);
         }
-        if (const auto circle = json.find("circle"); circle != json.end() && !circle->is_null()) {
-            // A circle this version doesn't know reads as none, like an
-            // unreadable anchor value.
-            person.circle = circleFromRawValue(circle->get<long long>());
-        }
-        if (json.contains("searchText")) {
-            PersonKeys keys;
-            json.at("displayName").get_to(keys.displayName);
-            json.at("sortKey").get_to(keys.sortKey);
-            json.at("sectionLetter").get_to(keys.sectionLetter);
-            json.at("firstNameSortKey").get_to(keys.firstNameSortKey);
-            json.at("firstNameSectionLetter").get_to(keys.firstNameSectionLetter);
-            json.at("areaCodes").get_to(keys.areaCodes);
-            json.at("searchText").get_to(keys.searchText);
-            json.at("phoneDigits").get_to(keys.phoneDigits);
-            person.adoptKeys(keys);
-        } else {
-            person.derive();
-        }
-        return person;
-    } catch (const nlohmann::json::exception&) {
-        return std::nullopt;
-    }
+    });
+    return json;
 }
 
 } // namespace kinbook
 
 std::size_t std::hash<kinbook::Person>::operator()(const kinbook::Person& person) const {
-    return kinbook::hashAll(
-        person.id, person.givenName, person.middleName, person.familyName, person.nickname,
-        person.organization, person.jobTitle, person.department, person.phoneNumbers, person.emailAddresses,
-        person.accountIDs, person.hasImage, person.postalCodes, person.places, person.filledCount,
-        person.detailed, person.kinID, person.hidden, person.circle ? kinbook::rawValue(*person.circle) : 0,
-        person.isPrimaryCard, person.memberIDs);
+    // The stored fields, in order; the derived keys follow from them.
+    std::size_t seed = 0;
+    kinbook::forEachPersonField([&](auto field) {
+        using Field = decltype(field);
+        if constexpr (!Field::derived) {
+            kinbook::hashCombine(seed, kinbook::hashed(person.*Field::member));
+        }
+    });
+    return seed;
 }

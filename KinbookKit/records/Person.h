@@ -15,7 +15,9 @@ namespace kinbook {
 
 // One row of the people list. The address book produces one per card (a
 // "raw" person); the list joins the raw people of one human into one. A
-// value, stored in the snapshot cache under its field names.
+// value, stored in the snapshot cache under its field names: PersonFields
+// names every field for the cache and the tool's JSON, and a new field is
+// added there too.
 //
 // The stored fields are filled by whoever reads the card, who then calls
 // derive() once; the derived keys are never set any other way. A person is
@@ -80,11 +82,9 @@ struct Person {
 
     bool operator==(const Person&) const = default;
 
-    // Every stored and derived field under its name.
+    // Every stored and derived field under its name (see PersonFields);
+    // kinID and circle only when set.
     nlohmann::json toJSON() const;
-    // None when a stored field is missing or of the wrong type. Derived keys
-    // are taken as stored when all are present and worked out otherwise.
-    static std::optional<Person> fromJSON(const nlohmann::json& json);
 
 private:
     PackedKeys m_keys;

@@ -1,11 +1,14 @@
 #include "KinbookKit/records/PersonJsonReader.h"
 
+#include "KinbookKit/records/PersonFields.h"
 #include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/text/CodePoints.h"
 
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -68,7 +71,7 @@ struct ReaderScratch {
 };
 
 // Reads a person field by field, each key checked as the literal text the
-// writer puts before it.
+// writer puts before it (see PersonFields).
 class WrittenPersonReader {
 public:
     WrittenPersonReader(const char* at, ReaderScratch& scratch)
@@ -76,27 +79,17 @@ public:
 
     const char* person(Person& person) {
         PersonKeys& keys = m_keys;
-        const bool read =
-            literal("{\"id\":") && string(person.id) && literal(",\"givenName\":") &&
-            string(person.givenName) && literal(",\"middleName\":") && string(person.middleName) &&
-            literal(",\"familyName\":") && string(person.familyName) && literal(",\"nickname\":") &&
-            string(person.nickname) && literal(",\"organization\":") && string(person.organization) &&
-            literal(",\"jobTitle\":") && string(person.jobTitle) && literal(",\"department\":") &&
-            string(person.department) && literal(",\"phoneNumbers\":") && strings(person.phoneNumbers) &&
-            literal(",\"emailAddresses\":") && strings(person.emailAddresses) &&
-            literal(",\"accountIDs\":") && strings(person.accountIDs) && literal(",\"hasImage\":") &&
-            boolean(person.hasImage) && literal(",\"postalCodes\":") && strings(person.postalCodes) &&
-            literal(",\"places\":") && strings(person.places) && literal(",\"filledCount\":") &&
-            integer(person.filledCount) && literal(",\"detailed\":") && boolean(person.detailed) &&
-            kinID(person) && literal(",\"hidden\":") && boolean(person.hidden) && circle(person) &&
-            literal(",\"isPrimaryCard\":") && boolean(person.isPrimaryCard) && literal(",\"memberIDs\":") &&
-            strings(person.memberIDs) && literal(",\"displayName\":") && string(keys.displayName) &&
-            literal(",\"sortKey\":") && string(keys.sortKey) && literal(",\"sectionLetter\":") &&
-            string(keys.sectionLetter) && literal(",\"firstNameSortKey\":") &&
-            string(keys.firstNameSortKey) && literal(",\"firstNameSectionLetter\":") &&
-            string(keys.firstNameSectionLetter) && literal(",\"areaCodes\":") &&
-            scratchStrings(keys.areaCodes) && literal(",\"searchText\":") && string(keys.searchText) &&
-            literal(",\"phoneDigits\":") && scratchStrings(keys.phoneDigits) && literal("}");
+        const bool read = everyPersonField([&](auto field) {
+                              using Field = decltype(field);
+                              if constexpr (Field::derived) {
+                                  return literal(kWrittenKey<Field>) && value(keys.*Field::key);
+                              } else if constexpr (Field::optional) {
+                                  return optionalValue(kWrittenKey<Field>, person.*Field::member);
+                              } else {
+                                  return literal(kWrittenKey<Field>) && value(person.*Field::member);
+                              }
+                          }) &&
+                          literal("}");
         if (!read) {
             return nullptr;
         }
@@ -109,9 +102,8 @@ private:
     // that safe.
     // Its length known here, the comparison is a few eight-byte loads, not
     // a call (the last load overlaps the one before it).
-    template <std::size_t N>
-    bool literal(const char (&text)[N]) {
-        constexpr std::size_t length = N - 1;
+    template <std::size_t length>
+    bool literalOfLength(const char* text) {
         const auto word = [](const char* bytes) {
             std::uint64_t value = 0;
             std::memcpy(&value, bytes, sizeof value);
@@ -130,6 +122,44 @@ private:
             return false;
         }
         m_at += length;
+        return true;
+    }
+    template <std::size_t N>
+    bool literal(const char (&text)[N]) {
+        return literalOfLength<N - 1>(text);
+    }
+    template <std::size_t N>
+    bool literal(const std::array<char, N>& text) {
+        return literalOfLength<N>(text.data());
+    }
+
+    bool value(std::string& out) { return string(out); }
+    bool value(Texts& out) { return strings(out); }
+    bool value(std::vector<std::string>& out) { return scratchStrings(out); }
+    bool value(bool& out) { return boolean(out); }
+    bool value(int& out) { return integer(out); }
+
+    // An optional field is there with its key, or absent: the writer leaves
+    // out what is not set, and writes no null.
+    template <std::size_t N>
+    bool optionalValue(const std::array<char, N>& key, std::optional<std::string>& out) {
+        if (literal(key)) {
+            return string(out.emplace());
+        }
+        out.reset();
+        return true;
+    }
+    template <std::size_t N>
+    bool optionalValue(const std::array<char, N>& key, std::optional<ContactCircle>& out) {
+        out.reset();
+        if (literal(key)) {
+            int raw = 0;
+            if (!integer(raw)) {
+                return false;
+            }
+            // A circle this version doesn't know reads as none.
+            out = circleFromRawValue(raw);
+        }
         return true;
     }
 
@@ -227,27 +257,6 @@ private:
         }
         out = static_cast<int>(value);
         m_at = end;
-        return true;
-    }
-
-    bool kinID(Person& person) {
-        if (literal(",\"kinID\":")) {
-            return string(person.kinID.emplace());
-        }
-        person.kinID.reset();
-        return true;
-    }
-
-    bool circle(Person& person) {
-        person.circle.reset();
-        if (literal(",\"circle\":")) {
-            int raw = 0;
-            if (!integer(raw)) {
-                return false;
-            }
-            // A circle this version doesn't know reads as none.
-            person.circle = circleFromRawValue(raw);
-        }
         return true;
     }
 

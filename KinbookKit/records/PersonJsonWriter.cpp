@@ -1,9 +1,11 @@
 #include "KinbookKit/records/PersonJsonWriter.h"
 
+#include "KinbookKit/records/PersonFields.h"
 #include "KinbookKit/text/CodePoints.h"
 
 #include <array>
 #include <charconv>
+#include <optional>
 #include <vector>
 
 namespace kinbook {
@@ -14,77 +16,74 @@ public:
     PersonWriter(std::string& out, InvalidUTF8 invalid) : m_out(out), m_invalid(invalid) {}
 
     void person(const Person& person) {
-        m_out += "{\"id\":";
-        appendJsonString(m_out, person.id, m_invalid);
-        field("givenName", person.givenName);
-        field("middleName", person.middleName);
-        field("familyName", person.familyName);
-        field("nickname", person.nickname);
-        field("organization", person.organization);
-        field("jobTitle", person.jobTitle);
-        field("department", person.department);
-        field("phoneNumbers", person.phoneNumbers);
-        field("emailAddresses", person.emailAddresses);
-        field("accountIDs", person.accountIDs);
-        field("hasImage", person.hasImage);
-        field("postalCodes", person.postalCodes);
-        field("places", person.places);
-        field("filledCount", person.filledCount);
-        field("detailed", person.detailed);
-        if (person.kinID) {
-            field("kinID", *person.kinID);
-        }
-        field("hidden", person.hidden);
-        if (person.circle) {
-            field("circle", rawValue(*person.circle));
-        }
-        field("isPrimaryCard", person.isPrimaryCard);
-        field("memberIDs", person.memberIDs);
-        field("displayName", person.displayName());
-        field("sortKey", person.sortKey());
-        field("sectionLetter", person.sectionLetter());
-        field("firstNameSortKey", person.firstNameSortKey());
-        field("firstNameSectionLetter", person.firstNameSectionLetter());
-        field("areaCodes", person.areaCodes());
-        field("searchText", person.searchText());
-        field("phoneDigits", person.phoneDigits());
+        forEachPersonField([&](auto field) {
+            using Field = decltype(field);
+            if constexpr (Field::derived) {
+                value(kWrittenKey<Field>, (person.*Field::accessor)());
+            } else if constexpr (Field::optional) {
+                optionalValue(kWrittenKey<Field>, person.*Field::member);
+            } else {
+                value(kWrittenKey<Field>, person.*Field::member);
+            }
+        });
         m_out += '}';
     }
 
 private:
-    void key(std::string_view name) {
-        m_out += ",\"";
-        m_out += name;
-        m_out += "\":";
+    template <std::size_t N>
+    void key(const std::array<char, N>& text) {
+        m_out.append(text.data(), N);
     }
-    void field(std::string_view name, std::string_view value) {
+    template <std::size_t N>
+    void value(const std::array<char, N>& name, std::string_view text) {
         key(name);
-        appendJsonString(m_out, value, m_invalid);
+        appendJsonString(m_out, text, m_invalid);
     }
-    void field(std::string_view name, bool value) {
+    template <std::size_t N>
+    void value(const std::array<char, N>& name, bool flag) {
         key(name);
-        m_out += value ? "true" : "false";
+        m_out += flag ? "true" : "false";
     }
-    void field(std::string_view name, int value) {
+    template <std::size_t N>
+    void value(const std::array<char, N>& name, int number) {
         key(name);
         std::array<char, 16> digits{};
-        const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+        const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
         m_out.append(digits.data(), end);
     }
-    void field(std::string_view name, const Texts& values) { list(name, values); }
-    void field(std::string_view name, const TextList& values) { list(name, values); }
+    template <std::size_t N>
+    void value(const std::array<char, N>& name, const Texts& texts) {
+        list(name, texts);
+    }
+    template <std::size_t N>
+    void value(const std::array<char, N>& name, const TextList& texts) {
+        list(name, texts);
+    }
+    // The optional fields are left out when not set.
+    template <std::size_t N>
+    void optionalValue(const std::array<char, N>& name, const std::optional<std::string>& text) {
+        if (text) {
+            value(name, std::string_view(*text));
+        }
+    }
+    template <std::size_t N>
+    void optionalValue(const std::array<char, N>& name, const std::optional<ContactCircle>& circle) {
+        if (circle) {
+            value(name, rawValue(*circle));
+        }
+    }
 
-    template <typename List>
-    void list(std::string_view name, const List& values) {
+    template <std::size_t N, typename List>
+    void list(const std::array<char, N>& name, const List& texts) {
         key(name);
         m_out += '[';
         bool first = true;
-        for (const auto& value : values) {
+        for (const auto& text : texts) {
             if (!first) {
                 m_out += ',';
             }
             first = false;
-            appendJsonString(m_out, value, m_invalid);
+            appendJsonString(m_out, text, m_invalid);
         }
         m_out += ']';
     }

@@ -19,8 +19,8 @@ void appendJsonString(std::string& out, std::string_view text, InvalidUTF8 inval
 // Appends the JSON object Person::toJSON() makes, written straight into
 // `out` rather than through a JSON tree: at 100,000 people a tree costs
 // several times the text in memory and most of the time. Every stored and
-// derived field under its name, in field order; kinID and circle only when
-// set.
+// derived field under its name, in the order PersonFields lists them; kinID
+// and circle only when set.
 void appendPersonJson(std::string& out, const Person& person, InvalidUTF8 invalid);
 
 } // namespace kinbook

@@ -1,7 +1,7 @@
 // The people commands end to end: the real `kinbook` binary on a real vdir in
 // a temporary folder, in a home of its own.
 
-#include "KinbookKit/records/Person.h"
+#include "KinbookKit/people/SnapshotCache.h"
 #include "tests/cli/KinbookRun.h"
 
 #include <gtest/gtest.h>
@@ -148,13 +148,16 @@ TEST_F(PeopleCommandTest, ListPrintsSectionsOfPeopleWithEveryPersonField) {
     EXPECT_EQ(std::set<std::string>(ann["accountIDs"].begin(), ann["accountIDs"].end()),
               (std::set<std::string>{"personal", "work"}));
 
-    // Each person is exactly what the application stores: read back and
-    // written again it is the same JSON.
+    // Each person is exactly what the application stores: read back from a
+    // snapshot file and written again it is the same JSON.
     for (const auto& section : list["sections"]) {
         for (const auto& person : section["people"]) {
-            const auto read = Person::fromJSON(person);
+            const json file = {{"format", SnapshotCache::kFormat},
+                               {"snapshot", {{"people", {person}}, {"accounts", json::array()}}}};
+            const auto read = SnapshotCache::decode(file.dump());
             ASSERT_TRUE(read) << person.dump();
-            EXPECT_EQ(read->toJSON(), person);
+            ASSERT_EQ(read->people.size(), 1u);
+            EXPECT_EQ(read->people[0].toJSON(), person);
         }
     }
 }

@@ -47,5 +47,60 @@ TEST(PersonJsonWriter, APersonIsTheObjectToJSONMakes) {
     }
 }
 
+// The snapshot cache reads its own files by these exact bytes, and the tool
+// prints them: every field under its name, in this order, kinID and circle
+// only when set.
+TEST(PersonJsonWriter, APersonIsWrittenFieldByFieldInItsFixedOrder) {
+    Person person;
+    person.id = "card-1";
+    person.givenName = "Ann";
+    person.middleName = "B";
+    person.familyName = "Lee";
+    person.nickname = "Annie";
+    person.organization = "Acme";
+    person.jobTitle = "Chief";
+    person.department = "Ops";
+    person.phoneNumbers = {"+1 212 555 0100"};
+    person.emailAddresses = {"ann@example.com"};
+    person.accountIDs = {"acc-1", "acc-2"};
+    person.hasImage = true;
+    person.postalCodes = {"75001"};
+    person.places = {"Paris"};
+    person.filledCount = 7;
+    person.detailed = true;
+    person.kinID = "AB12CD34";
+    person.hidden = true;
+    person.circle = ContactCircle::goodFriends;
+    person.isPrimaryCard = true;
+    person.memberIDs = {"card-1", "card-2"};
+    person.derive();
+    std::string out;
+    appendPersonJson(out, person, InvalidUTF8::replace);
+    EXPECT_EQ(
+        out, R"({"id":"card-1","givenName":"Ann","middleName":"B","familyName":"Lee","nickname":"Annie",)"
+             R"("organization":"Acme","jobTitle":"Chief","department":"Ops",)"
+             R"("phoneNumbers":["+1 212 555 0100"],"emailAddresses":["ann@example.com"],)"
+             R"("accountIDs":["acc-1","acc-2"],"hasImage":true,"postalCodes":["75001"],)"
+             R"("places":["Paris"],"filledCount":7,"detailed":true,"kinID":"AB12CD34","hidden":true,)"
+             R"("circle":2,"isPrimaryCard":true,"memberIDs":["card-1","card-2"],)"
+             R"("displayName":"Ann Lee","sortKey":"lee ann","sectionLetter":"L",)"
+             R"("firstNameSortKey":"ann lee","firstNameSectionLetter":"A","areaCodes":["212"],)"
+             R"("searchText":"ann\nb\nlee\nannie\nacme\nchief\nops\nann lee\nann@example.com\nparis\n75001",)"
+             R"("phoneDigits":["12125550100"]})");
+
+    Person plain;
+    plain.id = "card-2";
+    plain.derive();
+    out.clear();
+    appendPersonJson(out, plain, InvalidUTF8::replace);
+    EXPECT_EQ(out, R"({"id":"card-2","givenName":"","middleName":"","familyName":"","nickname":"",)"
+                   R"("organization":"","jobTitle":"","department":"","phoneNumbers":[],"emailAddresses":[],)"
+                   R"("accountIDs":[],"hasImage":false,"postalCodes":[],"places":[],"filledCount":0,)"
+                   R"("detailed":false,"hidden":false,"isPrimaryCard":false,"memberIDs":[],)"
+                   R"("displayName":"No Name","sortKey":" ","sectionLetter":"#","firstNameSortKey":" ",)"
+                   R"("firstNameSectionLetter":"#","areaCodes":[],"searchText":"\n\n\n\n\n\n\nno name",)"
+                   R"("phoneDigits":[]})");
+}
+
 } // namespace
 } // namespace kinbook

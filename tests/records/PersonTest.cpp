@@ -1,7 +1,5 @@
 #include "KinbookKit/records/Person.h"
 
-#include <nlohmann/json.hpp>
-
 #include <gtest/gtest.h>
 
 namespace kinbook {
@@ -98,18 +96,6 @@ TEST(Person, CopyWithChangesKeepsOrReplacesEachField) {
     EXPECT_EQ(moved.accountIDs, (std::vector<std::string>{"a", "b"}));
     EXPECT_TRUE(moved.hidden);
     EXPECT_EQ(moved.displayName(), "Ada Lovelace");
-}
-
-TEST(Person, JSONWithoutKeysDerivesThem) {
-    auto json = named("Émile", "Zola").toJSON();
-    for (const char* key : {"displayName", "sortKey", "sectionLetter", "firstNameSortKey",
-                            "firstNameSectionLetter", "areaCodes", "searchText", "phoneDigits"}) {
-        json.erase(key);
-    }
-    const auto read = Person::fromJSON(json);
-    ASSERT_TRUE(read);
-    EXPECT_EQ(*read, named("Émile", "Zola"));
-    EXPECT_EQ(read->firstNameSortKey(), "emile zola");
 }
 
 } // namespace

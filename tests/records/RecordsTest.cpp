@@ -1,14 +1,11 @@
 // The plain records the address book fills and every other part reads:
-// cards, accounts, access, errors, snapshots and card dates.
+// cards, accounts, access, errors and card dates.
 
 #include "KinbookKit/records/Account.h"
 #include "KinbookKit/records/AddressBookError.h"
-#include "KinbookKit/records/AddressBookSnapshot.h"
 #include "KinbookKit/records/ContactCard.h"
 #include "KinbookKit/records/DateComponents.h"
 #include "KinbookKit/records/Iso8601.h"
-
-#include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
 
@@ -98,106 +95,6 @@ TEST(AddressBookError, DescriptionsAreTheUsersMessages) {
     EXPECT_TRUE(
         AddressBookError::hasNote().description().starts_with("This contact has a note, and macOS won't"));
     EXPECT_EQ(AddressBookError::store("disk full").description(), "disk full");
-}
-
-Person samplePerson() {
-    Person person;
-    person.id = "C1";
-    person.givenName = "Zoë";
-    person.familyName = "Ørsted";
-    person.phoneNumbers = {"+45 33 12 34 56"};
-    person.emailAddresses = {"zoe@example.dk"};
-    person.accountIDs = {"local", "icloud"};
-    person.hasImage = true;
-    person.postalCodes = {"1050"};
-    person.places = {"København"};
-    person.filledCount = 7;
-    person.detailed = true;
-    person.kinID = "AB12CD34";
-    person.circle = ContactCircle::goodFriends;
-    person.isPrimaryCard = true;
-    person.memberIDs = {"C1", "C2"};
-    person.derive();
-    return person;
-}
-
-TEST(AddressBookSnapshot, RoundTripsThroughJSON) {
-    AddressBookSnapshot snapshot;
-    Person other;
-    other.id = "C3";
-    other.derive();
-    snapshot.people = {samplePerson(), other};
-    snapshot.accounts = {{"local", "On My Computer"}, {"icloud", "iCloud"}};
-    snapshot.historyToken = std::vector<std::uint8_t>{0, 255, 7, 42};
-    snapshot.fullReadAt =
-        std::chrono::system_clock::time_point(std::chrono::microseconds(1'763'800'000'123'456));
-    const std::string text = snapshot.toJSON().dump();
-    EXPECT_EQ(AddressBookSnapshot::fromJSON(nlohmann::json::parse(text)), snapshot);
-
-    const AddressBookSnapshot emptySnapshot;
-    const auto emptyJSON = emptySnapshot.toJSON();
-    EXPECT_FALSE(emptyJSON.contains("historyToken"));
-    EXPECT_FALSE(emptyJSON.contains("fullReadAt"));
-    EXPECT_EQ(AddressBookSnapshot::fromJSON(emptyJSON), emptySnapshot);
-}
-
-TEST(AddressBookSnapshot, PersonKeysAreTheFieldNames) {
-    const auto json = samplePerson().toJSON();
-    for (const char* key : {"id",
-                            "givenName",
-                            "middleName",
-                            "familyName",
-                            "nickname",
-                            "organization",
-                            "jobTitle",
-                            "department",
-                            "phoneNumbers",
-                            "emailAddresses",
-                            "accountIDs",
-                            "hasImage",
-                            "postalCodes",
-                            "places",
-                            "filledCount",
-                            "detailed",
-                            "kinID",
-                            "hidden",
-                            "circle",
-                            "isPrimaryCard",
-                            "memberIDs",
-                            "displayName",
-                            "sortKey",
-                            "sectionLetter",
-                            "firstNameSortKey",
-                            "firstNameSectionLetter",
-                            "areaCodes",
-                            "searchText",
-                            "phoneDigits"}) {
-        EXPECT_TRUE(json.contains(key)) << key;
-    }
-    EXPECT_EQ(json["circle"], 2);
-    EXPECT_EQ(Person::fromJSON(json), samplePerson());
-}
-
-TEST(AddressBookSnapshot, DamagedJSONReadsAsNone) {
-    const auto good =
-        AddressBookSnapshot{{samplePerson()}, {{"a", "A"}}, std::nullopt, std::nullopt}.toJSON();
-    std::vector<nlohmann::json> damaged(6, good);
-    damaged[0].erase("people");
-    damaged[1]["people"][0].erase("givenName");
-    damaged[2]["people"][0]["hasImage"] = "yes";
-    damaged[3]["accounts"][0]["id"] = 5;
-    damaged[4]["historyToken"] = "not base64!";
-    damaged[5]["fullReadAt"] = "yesterday";
-    for (std::size_t i = 0; i < damaged.size(); ++i) {
-        EXPECT_EQ(AddressBookSnapshot::fromJSON(damaged[i]), std::nullopt) << i;
-    }
-    EXPECT_EQ(AddressBookSnapshot::fromJSON(nlohmann::json::array()), std::nullopt);
-    // A circle this version doesn't know is no circle, not a damaged file.
-    auto unknownCircle = good;
-    unknownCircle["people"][0]["circle"] = 9;
-    const auto read = AddressBookSnapshot::fromJSON(unknownCircle);
-    ASSERT_TRUE(read);
-    EXPECT_EQ(read->people[0].circle, std::nullopt);
 }
 
 TEST(DateComponents, MonthAndDayAreRequiredAndMustExist) {
