@@ -602,7 +602,8 @@ std::vector<ContactDraft::Address> matchAddresses(const std::vector<ContactsAppS
 }
 
 // The script's changes to one card, written onto the card as it is now.
-ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& registry, const Person& person) {
+ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& registry, const Person& person,
+                        std::chrono::system_clock::time_point now) {
     const Card& values = person.values;
     const Fields changed{person.changed};
     const ContactDraft current = readDraft(card, id, registry);
@@ -653,12 +654,12 @@ ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& regis
     if (person.note) {
         groups.note = *person.note;
     }
-    return applyWholeGroups(card, id, registry, groups);
+    return applyWholeGroups(card, id, registry, groups, now);
 }
 
 class ScriptRun {
 public:
-    ScriptRun(VdirAddressBook& book, const VdirScriptHost::Clock& now) : m_book(book), m_now(now) {}
+    ScriptRun(VdirAddressBook& book, const Clock& clock) : m_book(book), m_clock(clock) {}
 
     Result<std::vector<std::string>, ScriptError> run(const std::vector<Statement>& statements) {
         for (const Statement& statement : statements) {
@@ -867,7 +868,7 @@ private:
     }
 
     Outcome execute(const DateIsNow&) {
-        m_date = localDate(m_now ? m_now() : std::chrono::system_clock::now());
+        m_date = localDate(m_clock.now());
         return std::nullopt;
     }
 
@@ -964,7 +965,7 @@ private:
             }
             const auto written = m_book.scriptedEdit(
                 person.id, [&](VCard& card, const std::string& id, EntryRegistry& registry) {
-                    return writePerson(card, id, registry, person);
+                    return writePerson(card, id, registry, person, m_clock.now());
                 });
             if (!written.ok()) {
                 return written.error().code == AddressBookError::Code::notFound
@@ -1004,7 +1005,7 @@ private:
     }
 
     VdirAddressBook& m_book;
-    const VdirScriptHost::Clock& m_now;
+    const Clock& m_clock;
     std::vector<Person> m_people;
     std::optional<std::size_t> m_person;
     std::variant<std::monostate, std::int64_t, std::string> m_n;
@@ -1014,14 +1015,14 @@ private:
 
 } // namespace
 
-VdirScriptHost::VdirScriptHost(VdirAddressBook& book, Clock now) : m_book(book), m_now(std::move(now)) {}
+VdirScriptHost::VdirScriptHost(VdirAddressBook& book, const Clock& clock) : m_book(book), m_clock(clock) {}
 
 Result<std::vector<std::string>, ScriptError> VdirScriptHost::run(std::string_view source) {
     auto statements = Parser(source).parse();
     if (!statements) {
         return failure(ScriptError{ScriptError::Kind::compile, "the script didn't compile"});
     }
-    return ScriptRun(m_book, m_now).run(*statements);
+    return ScriptRun(m_book, m_clock).run(*statements);
 }
 
 } // namespace kinbook

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KinbookKit/Clock.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
 
 #include <chrono>
@@ -34,18 +35,17 @@ class VdirAddressBook;
 // Automation is always permitted. Thread-safe: each run keeps its own state.
 class VdirScriptHost final : public ScriptHost {
 public:
-    using Clock = std::function<std::chrono::system_clock::time_point()>;
-
-    // `book` must outlive the host. `now` gives AppleScript's "current date"
-    // (read in local time); none means the system clock.
-    explicit VdirScriptHost(VdirAddressBook& book, Clock now = {});
+    // `book` and `clock` must outlive the host. The clock gives
+    // AppleScript's "current date" (read in local time) and the revision
+    // time of the cards a script changes.
+    explicit VdirScriptHost(VdirAddressBook& book, const Clock& clock = Clock::system());
 
     AutomationPermission automationPermission() override { return AutomationPermission::granted; }
     Result<std::vector<std::string>, ScriptError> run(std::string_view source) override;
 
 private:
     VdirAddressBook& m_book;
-    Clock m_now;
+    const Clock& m_clock;
 };
 
 } // namespace kinbook
