@@ -12,8 +12,6 @@
 namespace kinbook {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // What the GUI thread is delivering; written on the GUI thread, read by the
 // watcher. Class names are static strings of the meta-object system.
 std::atomic<const char*> g_receiverClass{nullptr};
@@ -21,15 +19,13 @@ std::atomic<int> g_eventType{0};
 
 // One probe: posted by the watcher, answered by the GUI thread.
 struct Probe {
-    std::optional<Clock::time_point> answeredAt; // guarded by the watcher's mutex
+    std::optional<std::chrono::steady_clock::time_point> answeredAt; // guarded by the watcher's mutex
 };
 
 } // namespace
 
 MainThreadWatcher::MainThreadWatcher(KinLog log, Options options)
-    : m_log(std::move(log)), m_options(options), m_context(new QObject) {
-    m_thread = std::thread([this] { run(); });
-}
+    : m_log(std::move(log)), m_options(options), m_context(new QObject), m_thread([this] { run(); }) {}
 
 MainThreadWatcher::~MainThreadWatcher() {
     {
@@ -67,16 +63,17 @@ std::string MainThreadWatcher::currentActivity() {
 
 void MainThreadWatcher::run() {
     std::unique_lock lock(m_mutex);
+    const Clock& clock = *m_options.clock;
     while (!m_stopping) {
         auto probe = std::make_shared<Probe>();
-        const Clock::time_point sentAt = Clock::now();
+        const auto sentAt = clock.monotonicNow();
         lock.unlock();
         QMetaObject::invokeMethod(
             m_context,
             [this, probe] {
                 {
                     std::lock_guard answered(m_mutex);
-                    probe->answeredAt = Clock::now();
+                    probe->answeredAt = m_options.clock->monotonicNow();
                 }
                 m_wake.notify_all();
             },
@@ -84,12 +81,23 @@ void MainThreadWatcher::run() {
         lock.lock();
 
         // Name the culprit while it is still running: once the probe is
-        // answered, the GUI thread has moved on.
+        // answered, the GUI thread has moved on. The wait is woken by the
+        // answer, or when the threshold should have passed; the clock then
+        // says whether it has.
         std::string activity;
-        if (!m_wake.wait_for(lock, m_options.threshold,
-                             [&] { return m_stopping || probe->answeredAt.has_value(); })) {
-            activity = currentActivity();
-            m_wake.wait(lock, [&] { return m_stopping || probe->answeredAt.has_value(); });
+        const auto answered = [&] { return m_stopping || probe->answeredAt.has_value(); };
+        std::chrono::steady_clock::duration remaining = m_options.threshold;
+        while (!m_wake.wait_for(lock, remaining, answered)) {
+            // Read before the clock, so that a wait found past the threshold
+            // names what was running during it.
+            std::string running = currentActivity();
+            const auto waited = clock.monotonicNow() - sentAt;
+            if (waited >= m_options.threshold) {
+                activity = std::move(running);
+                m_wake.wait(lock, answered);
+                break;
+            }
+            remaining = m_options.threshold - waited;
         }
         if (m_stopping) {
             return;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KinbookKit/Clock.h"
+#include "KinbookKit/Executor.h"
 #include "KinbookKit/text/KinLog.h"
 
 #include <atomic>
@@ -7,7 +9,6 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
-#include <thread>
 
 class QEvent;
 class QObject;
@@ -32,6 +33,8 @@ public:
         std::chrono::milliseconds threshold{100};
         // The pause between one answered probe and the next.
         std::chrono::milliseconds interval{20};
+        // What the probes' waits are measured on; it must outlive the watcher.
+        const Clock* clock = &Clock::system();
     };
 
     explicit MainThreadWatcher(KinLog log, Options options);
@@ -68,7 +71,7 @@ private:
 
     std::atomic<int> m_stallCount{0};
     std::atomic<long long> m_longestStall{0};
-    std::thread m_thread; // last: starts once everything above exists
+    DedicatedThread m_thread; // last: starts once everything above exists
 };
 
 } // namespace kinbook

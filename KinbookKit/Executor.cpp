@@ -1,5 +1,9 @@
 #include "KinbookKit/Executor.h"
 
+#include "KinbookKit/Clock.h"
+
+#include <system_error>
+
 namespace kinbook {
 
 ThreadPool::ThreadPool(unsigned threadCount) {
@@ -31,7 +35,7 @@ void ThreadPool::post(Task task) {
 void ThreadPool::postAfter(std::chrono::milliseconds delay, Task task) {
     {
         std::lock_guard lock(m_mutex);
-        m_delayed.push(Timed{Clock::now() + delay, m_sequence++, std::move(task)});
+        m_delayed.push(Timed{kinbook::Clock::system().monotonicNow() + delay, m_sequence++, std::move(task)});
     }
     // Every worker re-evaluates its wait deadline: the new task may be due
     // sooner than the one they were waiting for.
@@ -41,7 +45,7 @@ void ThreadPool::postAfter(std::chrono::milliseconds delay, Task task) {
 void ThreadPool::work() {
     std::unique_lock lock(m_mutex);
     for (;;) {
-        while (!m_delayed.empty() && m_delayed.top().due <= Clock::now()) {
+        while (!m_delayed.empty() && m_delayed.top().due <= kinbook::Clock::system().monotonicNow()) {
             m_ready.push_back(std::move(const_cast<Timed&>(m_delayed.top()).task));
             m_delayed.pop();
         }
@@ -118,6 +122,44 @@ void SerialQueue::drain(const std::shared_ptr<State>& state) {
             state->tasks.pop_front();
         }
         task();
+    }
+}
+
+void runInParallel(unsigned parts, const std::function<void(unsigned part)>& part) {
+    if (parts == 0) {
+        return;
+    }
+    std::vector<std::thread> others;
+    others.reserve(parts - 1);
+    // The other parts are waited for even when this thread's part throws:
+    // they work on the caller's data.
+    struct Joiner {
+        std::vector<std::thread>& threads;
+        ~Joiner() {
+            for (auto& thread : threads) {
+                thread.join();
+            }
+        }
+    } joiner{others};
+    for (unsigned index = 1; index < parts; ++index) {
+        try {
+            others.emplace_back([&part, index] { part(index); });
+        } catch (const std::system_error&) {
+            part(index);
+        }
+    }
+    part(0);
+}
+
+DedicatedThread::DedicatedThread(std::function<void()> body) : m_thread(std::move(body)) {}
+
+DedicatedThread::~DedicatedThread() {
+    join();
+}
+
+void DedicatedThread::join() {
+    if (m_thread.joinable()) {
+        m_thread.join();
     }
 }
 

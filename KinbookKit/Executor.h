@@ -97,4 +97,33 @@ private:
     std::shared_ptr<State> m_state;
 };
 
+// Runs `part(0)` to `part(parts - 1)` at the same time and returns when every
+// one is done: part 0 on the calling thread, each other part on a thread
+// started for it here. For the large steps of a full read or a scan that
+// split into shares writing nothing in common. Such a step often runs on a
+// ThreadPool task already, so its parts never go to a pool, whose threads
+// could all be waiting right here. A part whose thread can't be started runs
+// on the calling thread instead: the work gets done either way. A part that
+// throws on the calling thread is rethrown once the others are done, since
+// they work on the caller's data.
+void runInParallel(unsigned parts, const std::function<void(unsigned part)>& part);
+
+// A thread of its own for a piece that waits most of the time (the
+// main-thread watcher): started when made, joined when destroyed. Whatever
+// makes `body` return is up to its owner, who must do it before then.
+class DedicatedThread {
+public:
+    explicit DedicatedThread(std::function<void()> body);
+    ~DedicatedThread();
+
+    DedicatedThread(const DedicatedThread&) = delete;
+    DedicatedThread& operator=(const DedicatedThread&) = delete;
+
+    // Waits for the body to return; destroying it later then waits no more.
+    void join();
+
+private:
+    std::thread m_thread;
+};
+
 } // namespace kinbook

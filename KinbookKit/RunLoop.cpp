@@ -1,5 +1,7 @@
 #include "KinbookKit/RunLoop.h"
 
+#include "KinbookKit/Clock.h"
+
 namespace kinbook {
 
 void RunLoop::post(Task task) {
@@ -9,7 +11,8 @@ void RunLoop::post(Task task) {
 void RunLoop::postAfter(std::chrono::milliseconds delay, Task task) {
     {
         std::lock_guard lock(m_mutex);
-        m_tasks.emplace(std::pair{Clock::now() + delay, m_sequence++}, std::move(task));
+        m_tasks.emplace(std::pair{kinbook::Clock::system().monotonicNow() + delay, m_sequence++},
+                        std::move(task));
     }
     m_wake.notify_all();
 }
@@ -17,7 +20,7 @@ void RunLoop::postAfter(std::chrono::milliseconds delay, Task task) {
 bool RunLoop::next(Task& task, bool wait) {
     std::unique_lock lock(m_mutex);
     while (true) {
-        if (!m_tasks.empty() && m_tasks.begin()->first.first <= Clock::now()) {
+        if (!m_tasks.empty() && m_tasks.begin()->first.first <= kinbook::Clock::system().monotonicNow()) {
             task = std::move(m_tasks.extract(m_tasks.begin()).mapped());
             return true;
         }

@@ -19,6 +19,7 @@
 #include "KinbookKit/RunLoop.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/PeopleList.h"
+#include "KinbookKit/platform/UringCardBatchReader.h"
 #include "KinbookKit/text/AppLog.h"
 #include "bench/HeapStats.h"
 #include "bench/VdirGenerator.h"
@@ -43,10 +44,10 @@ using namespace kinbook;
 using bench::liveHeapMB;
 using bench::releaseFreeMemory;
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
-double millisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+double millisecondsSince(SteadyClock::time_point start) {
+    return std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count();
 }
 
 double peakMemoryMB() {
@@ -117,6 +118,7 @@ struct Bench {
         bookOptions.root = root;
         bookOptions.stateFolder = state;
         bookOptions.log = std::make_shared<KinLog>("store", appLog);
+        bookOptions.cardReaders = UringCardBatchReader::factory();
         return std::make_shared<VdirAddressBook>(bookOptions);
     }
 
@@ -155,7 +157,7 @@ Figures measureFirstStart(const fs::path& base) {
         PeopleList list(main, pool, book, options);
         std::optional<double> firstSections;
         std::optional<double> detailed;
-        const auto start = Clock::now();
+        const auto start = SteadyClock::now();
         list.observe([&](PeopleList::Changes changes) {
             if (changes.contains(PeopleList::Change::sections) && !firstSections &&
                 !list.sections().empty()) {
@@ -192,7 +194,7 @@ Figures measureFirstStart(const fs::path& base) {
 // it. Times the cache read and the first sections shown from it.
 void startFromCache(Bench& bench, PeopleList& list, Figures& figures) {
     std::optional<double> cachedSections;
-    const auto start = Clock::now();
+    const auto start = SteadyClock::now();
     const auto watcher = list.observe([&](PeopleList::Changes changes) {
         if (changes.contains(PeopleList::Change::sections) && !cachedSections && !list.sections().empty()) {
             cachedSections = millisecondsSince(start);

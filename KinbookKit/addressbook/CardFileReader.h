@@ -1,87 +1,43 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <span>
-#include <string>
-#include <string_view>
+#include "KinbookKit/addressbook/CardBatchReader.h"
+
 #include <vector>
+
+struct stat;
 
 namespace kinbook {
 
-// Reads the card files of a full read, a batch at a time, into buffers it
-// keeps from batch to batch.
-//
-// Where the kernel allows it (io_uring with direct descriptors, Linux 5.19
-// and later, when no sandbox refuses it), a whole batch is one system call:
-// each file is opened relative to its folder, read and closed inside the
-// kernel. For a large address book of small files that costs far less than
-// an open, a read and a close each. A file the batch can't settle (larger
-// than its buffer, a link or a file system that doesn't say what a name is,
-// any failure but "gone") is read again the ordinary way, which also says
-// exactly what is wrong with it; so is every file when io_uring is not
-// available.
-//
-// With stamps, each file's state (inode, size, modification time) is taken
-// before the file is opened: a file replaced in between is then seen as
-// changed once more by the next scan, never missed.
-//
-// One per read thread; not thread-safe.
-class CardFileReader {
+// The card files of a batch read one by one: an open, a read and a close
+// each, relative to the file's folder. Works everywhere; the address book's
+// reader when no faster one is given.
+class CardFileReader final : public CardBatchReader {
 public:
-    static constexpr std::size_t kBatchSize = 32;
+    // With `stamps`, every result carries the file's state.
+    explicit CardFileReader(bool stamps);
 
-    struct File {
-        int folderFD = -1;
-        const char* name = nullptr;
-        // The folder listing said it is a regular file.
-        bool knownRegular = false;
-    };
+    void read(std::span<const File> files, std::span<Result> results) override;
 
-    struct Stamp {
-        std::uint64_t inode = 0;
-        std::uint64_t size = 0;
-        std::int64_t mtimeNs = 0;
-    };
+    // A factory for the address book's options.
+    static CardBatchReaderFactory factory();
 
-    enum class Outcome : std::uint8_t {
-        gone,       // vanished since the listing, or not a regular file
-        unreadable, // there, but it can't be read (`problem` says why)
-        read,
-    };
+    // Reads one card file into `buffer`, grown as the file needs and kept
+    // for the next: the whole work of this reader, and what a faster one
+    // falls back on for a file it can't settle, since it also says exactly
+    // what is wrong with the file.
+    static void readOne(const File& file, bool stamps, std::vector<char>& buffer, Result& result);
 
-    struct Result {
-        Outcome outcome = Outcome::gone;
-        std::string_view bytes;     // when read; valid until the next read()
-        std::optional<Stamp> stamp; // when asked for and the file could be statted
-        std::string problem;
-    };
+    // A file's state as its stat gives it.
+    static Stamp stampOf(const struct stat& info);
 
-    // Larger files are not cards anyone keeps on purpose; reading them whole
-    // would only stall the list.
-    static constexpr std::uint64_t kLargestCard = 256ull << 20;
-
-    // With `stamps`, every result carries the file's state. `useRing` false
-    // reads every file one by one, as when io_uring is not available.
-    explicit CardFileReader(bool stamps, bool useRing = true);
-    ~CardFileReader();
-    CardFileReader(const CardFileReader&) = delete;
-    CardFileReader& operator=(const CardFileReader&) = delete;
-
-    // Reads up to kBatchSize files; `results` has one entry per file.
-    void read(std::span<const File> files, std::span<Result> results);
-
-    // Whether batches go through io_uring.
-    bool batched() const { return m_ring != nullptr; }
+    // A batch reads each file into a buffer of this size; nearly every card
+    // fits.
+    static constexpr std::size_t kSlotBytes = 16 * 1024;
+    // Gives a buffer a large card grew back, before the next batch uses it.
+    static void shrinkAfterLargeCard(std::vector<char>& buffer);
 
 private:
-    struct Ring;
-    void readOne(const File& file, std::size_t slot, Result& result);
-
     bool m_stamps;
-    std::unique_ptr<Ring> m_ring;
     std::vector<std::vector<char>> m_buffers; // one per place in a batch
 };
 

@@ -1,5 +1,7 @@
 #include "KinbookKit/addressbook/CardListing.h"
 
+#include "KinbookKit/Executor.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <thread>
 #include <utility>
 
 namespace kinbook {
@@ -112,14 +113,9 @@ std::optional<CardListing> CardListing::list(const std::filesystem::path& root, 
             listAccount(index);
         }
     };
-    std::vector<std::thread> workers;
-    for (unsigned t = 1; t < std::min<std::size_t>(threads, listed.size()); ++t) {
-        workers.emplace_back(work);
-    }
-    work();
-    for (auto& worker : workers) {
-        worker.join();
-    }
+    runInParallel(
+        static_cast<unsigned>(std::max<std::size_t>(1, std::min<std::size_t>(threads, listed.size()))),
+        [&](unsigned) { work(); });
     ::closedir(rootFolder);
 
     std::size_t fileCount = 0;

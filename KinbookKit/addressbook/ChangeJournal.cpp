@@ -1,5 +1,6 @@
 #include "KinbookKit/addressbook/ChangeJournal.h"
 
+#include "KinbookKit/Executor.h"
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardListing.h"
 
@@ -16,7 +17,6 @@
 #include <cstring>
 #include <set>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 namespace kinbook {
@@ -731,16 +731,11 @@ bool ChangeJournal::collectEverything(std::uint32_t scanNumber, std::vector<Cand
         statRange(0, files.size(), candidates);
     } else {
         std::vector<std::vector<Candidate>> found(threads);
-        std::vector<std::thread> workers;
         const std::size_t share = (files.size() + threads - 1) / threads;
-        for (std::size_t t = 1; t < threads; ++t) {
-            workers.emplace_back(statRange, std::min(files.size(), t * share),
-                                 std::min(files.size(), (t + 1) * share), std::ref(found[t]));
-        }
-        statRange(0, std::min(files.size(), share), candidates);
-        for (auto& worker : workers) {
-            worker.join();
-        }
+        runInParallel(static_cast<unsigned>(threads), [&](unsigned t) {
+            statRange(std::min(files.size(), t * share), std::min(files.size(), (t + 1) * share),
+                      t == 0 ? candidates : found[t]);
+        });
         for (std::size_t t = 1; t < threads; ++t) {
             std::move(found[t].begin(), found[t].end(), std::back_inserter(candidates));
         }

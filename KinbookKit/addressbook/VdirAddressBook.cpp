@@ -1,6 +1,7 @@
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 
 #include "KinbookKit/AtomicFile.h"
+#include "KinbookKit/Executor.h"
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
@@ -26,16 +27,11 @@
 namespace kinbook {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
 // Larger files are not cards anyone keeps on purpose; reading them whole
 // would only stall the list.
 constexpr std::uint64_t kLargestCard = 256ull << 20;
-
-long long millisecondsSince(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
 
 bool isHidden(const std::string& name) {
     return !name.empty() && name.front() == '.';
@@ -223,9 +219,8 @@ Membership membershipOf(const std::vector<Person>& people, unsigned threads) {
     }
     const std::size_t half = unique.size() / 2;
     Membership upper;
-    std::thread other(fill, half, unique.size(), std::ref(upper));
-    fill(0, half, membership);
-    other.join();
+    runInParallel(
+        2, [&](unsigned part) { part == 0 ? fill(0, half, membership) : fill(half, unique.size(), upper); });
     while (!upper.empty()) {
         membership.insert(membership.end(), upper.extract(upper.begin()));
     }
@@ -245,8 +240,13 @@ VdirAddressBook::VdirAddressBook(Options options)
       m_entries(m_options.stateFolder.empty() ? fs::path() : m_options.stateFolder / "entry-ids.json"),
       m_noteGuard(m_options.heldNotesFile.empty() ? NoteGuard::defaultFile() : m_options.heldNotesFile, m_log,
                   m_options.noteStep) {
-    if (!m_options.sleep) {
-        m_options.sleep = [](std::chrono::milliseconds delay) { std::this_thread::sleep_for(delay); };
+    if (!m_options.pauseBeforeRetry) {
+        m_options.pauseBeforeRetry = [](std::chrono::milliseconds delay) {
+            std::this_thread::sleep_for(delay);
+        };
+    }
+    if (!m_options.cardReaders) {
+        m_options.cardReaders = CardFileReader::factory();
     }
     if (m_options.readThreads == 0) {
         m_options.readThreads = 1;
@@ -406,16 +406,18 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     // for some more), so that a read of much the same book doesn't wait
     // for them.
     std::vector<Person> people;
-    std::thread slotMaker;
+    std::optional<CardListing> listing;
     if (const std::size_t expected = m_lastCardCount.load(); expected > 0 && m_options.readThreads > 1) {
-        slotMaker = std::thread([&people, expected] {
-            people.reserve(expected + expected / 8);
-            people.resize(expected);
+        runInParallel(2, [&](unsigned part) {
+            if (part == 0) {
+                listing = CardListing::list(m_options.root, m_options.readThreads);
+            } else {
+                people.reserve(expected + expected / 8);
+                people.resize(expected);
+            }
         });
-    }
-    std::optional<CardListing> listing = CardListing::list(m_options.root, m_options.readThreads);
-    if (slotMaker.joinable()) {
-        slotMaker.join();
+    } else {
+        listing = CardListing::list(m_options.root, m_options.readThreads);
     }
     if (!listing) {
         std::lock_guard lock(m_mutex);
@@ -438,12 +440,12 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     }
 
     // Each read thread takes the next batch of files, reads it in one go
-    // (CardFileReader) and puts each person in its file's own slot, so the
+    // (the options' card reader) and puts each person in its file's own slot, so the
     // people come out in listing order however the work was shared.
-    constexpr std::size_t kBatchSize = CardFileReader::kBatchSize;
+    constexpr std::size_t kBatchSize = CardBatchReader::kBatchSize;
     const std::size_t batches = (count + kBatchSize - 1) / kBatchSize;
     std::vector<ReadOutcome> outcomes(count, ReadOutcome::gone);
-    std::vector<CardFileReader::Stamp> stamps(token != nullptr ? count : 0);
+    std::vector<CardBatchReader::Stamp> stamps(token != nullptr ? count : 0);
     std::vector<std::size_t> hashes(count); // of each card id, for the index
     std::vector<std::atomic<bool>> batchRead(batches);
     for (auto& read : batchRead) {
@@ -491,9 +493,9 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
         }
     };
     auto work = [&](unsigned thread) {
-        CardFileReader reader(token != nullptr);
-        std::array<CardFileReader::File, kBatchSize> batch;
-        std::array<CardFileReader::Result, kBatchSize> results;
+        const std::unique_ptr<CardBatchReader> reader = m_options.cardReaders(token != nullptr);
+        std::array<CardBatchReader::File, kBatchSize> batch;
+        std::array<CardBatchReader::Result, kBatchSize> results;
         for (;;) {
             const std::size_t begin = next.fetch_add(kBatchSize);
             if (begin >= count) {
@@ -504,20 +506,20 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
                 const CardListing::File& file = files[begin + k];
                 batch[k] = {listing->folderFD(file), listing->cName(file), file.knownRegular};
             }
-            reader.read(std::span(batch.data(), size), std::span(results.data(), size));
+            reader->read(std::span(batch.data(), size), std::span(results.data(), size));
             for (std::size_t k = 0; k < size; ++k) {
                 const std::size_t i = begin + k;
-                const CardFileReader::Result& read = results[k];
+                const CardBatchReader::Result& read = results[k];
                 if (token != nullptr && read.stamp) {
                     stamps[i] = *read.stamp;
                 }
                 if (!read.problem.empty()) {
                     problems[thread].emplace_back(i, read.problem);
                 }
-                if (read.outcome != CardFileReader::Outcome::read) {
+                if (read.outcome != CardBatchReader::Outcome::read) {
                     // A file that is there but can't be read still counts for
                     // the journal, with its state.
-                    outcomes[i] = read.outcome == CardFileReader::Outcome::unreadable && read.stamp
+                    outcomes[i] = read.outcome == CardBatchReader::Outcome::unreadable && read.stamp
                                       ? ReadOutcome::unreadable
                                       : ReadOutcome::gone;
                     continue;
@@ -542,15 +544,12 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
             }
         }
     };
-    std::vector<std::thread> workers;
-    for (unsigned t = 1; t < threads; ++t) {
-        workers.emplace_back(work, t);
-    }
-    work(0);
-    indexReadBatches(true);
-    for (auto& worker : workers) {
-        worker.join();
-    }
+    runInParallel(threads, [&](unsigned thread) {
+        work(thread);
+        if (thread == 0) {
+            indexReadBatches(true);
+        }
+    });
 
     CardIndex previous; // dropped once the lock is released
     std::lock_guard lock(m_mutex);
@@ -626,7 +625,7 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
     }
     result.snapshot.accounts = std::move(accountList.value());
 
-    const auto start = Clock::now();
+    const auto start = m_options.clock->monotonicNow();
     // The token comes with the read: the journal learns every file from it
     // as it was read, so a change made during the read (after its file was
     // read, or to a file listed too late) is what the next refresh reports.
@@ -636,21 +635,21 @@ Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& o
         result.snapshot.historyToken = std::move(token);
     }
     if (options.membership) {
-        const auto membershipStart = Clock::now();
+        const auto membershipStart = m_options.clock->monotonicNow();
         result.membership = membershipOf(result.snapshot.people, m_options.readThreads);
         m_log->info(fmt::format("step membership: {} accounts in {} ms", result.snapshot.accounts.size(),
-                                millisecondsSince(membershipStart)));
+                                m_options.clock->millisecondsSince(membershipStart)));
     }
     m_log->info(fmt::format("step enumerate details={} {} in {} ms", options.details ? "true" : "false",
-                            result.snapshot.people.size(), millisecondsSince(start)));
+                            result.snapshot.people.size(), m_options.clock->millisecondsSince(start)));
     result.snapshot.fullReadAt =
-        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+        std::chrono::time_point_cast<std::chrono::microseconds>(m_options.clock->now());
     return result;
 }
 
 Result<AddressBookChanges, AddressBookError>
 VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
-    const auto start = Clock::now();
+    const auto start = m_options.clock->monotonicNow();
     ChangeSet changes;
     {
         std::lock_guard lock(m_mutex);
@@ -666,7 +665,7 @@ VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
     const auto changedIDs = changes.changed();
     if (changedIDs.empty()) {
         m_log->info(fmt::format("changes: 0 changed, {} deleted, in {} ms", result.deleted.size(),
-                                millisecondsSince(start)));
+                                m_options.clock->millisecondsSince(start)));
         return result;
     }
     const std::vector<std::string> ids(changedIDs.begin(), changedIDs.end());
@@ -679,7 +678,7 @@ VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
         result.membership[person.id] = person.accountIDs;
     }
     m_log->info(fmt::format("changes: {} changed, {} deleted, read in {} ms", result.changed.size(),
-                            result.deleted.size(), millisecondsSince(start)));
+                            result.deleted.size(), m_options.clock->millisecondsSince(start)));
     return result;
 }
 
@@ -877,7 +876,7 @@ Result<void, AddressBookError> VdirAddressBook::editCard(std::string_view cardID
         }
         if (attempt == 0) {
             m_log->info("save hit 134040; retrying once");
-            m_options.sleep(std::chrono::milliseconds(300));
+            m_options.pauseBeforeRetry(std::chrono::milliseconds(300));
         }
     }
     m_log->error(fmt::format("save failed ({}: card changed on disk)", what));
@@ -914,7 +913,7 @@ Result<std::string, AddressBookError> VdirAddressBook::createFromDraft(const Con
     {
         // The new entries carry the identities the editor gave them.
         std::lock_guard lock(m_mutex);
-        const auto applied = applyDraft(card, draft, uid, m_entries);
+        const auto applied = applyDraft(card, draft, uid, m_entries, m_options.clock->now());
         bytes = card.serialize();
         if (auto written = VCard::parse(bytes); written.ok()) {
             recordWrittenEntries(card, applied, written.value(), uid, m_entries);
@@ -1010,11 +1009,11 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
             std::lock_guard lock(m_mutex);
             if (m_options.notesLocked && hasNote(card)) {
                 VCard applied = card;
-                applyDraft(applied, draft, id, m_entries);
+                applyDraft(applied, draft, id, m_entries, m_options.clock->now());
                 scripted = ContactsAppScript::Card::read(applied, id);
                 return failure(AddressBookError::hasNote());
             }
-            return applyDraft(card, draft, id, m_entries);
+            return applyDraft(card, draft, id, m_entries, m_options.clock->now());
         },
         "contact");
     if (!result.ok()) {
@@ -1168,7 +1167,7 @@ VdirAddressBook::changeAnchor(std::string_view cardID, const std::function<void(
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
             std::lock_guard lock(m_mutex);
-            auto changed = kinbook::changeAnchor(card, id, m_entries, change);
+            auto changed = kinbook::changeAnchor(card, id, m_entries, change, m_options.clock->now());
             written = changed.anchor;
             return changed.entries;
         },
@@ -1192,7 +1191,7 @@ Result<void, AddressBookError> VdirAddressBook::setPhoto(std::span<const std::st
                 }
                 return failure(AddressBookError::hasNote());
             }
-            kinbook::setPhoto(card, jpeg);
+            kinbook::setPhoto(card, jpeg, m_options.clock->now());
             return ApplyResult{};
         };
     };
@@ -1250,7 +1249,7 @@ Result<bool, AddressBookError> VdirAddressBook::copyPhoto(std::string_view fromC
                 copied = false;
                 return ApplyResult{};
             }
-            kinbook::setPhoto(card, *photo.value());
+            kinbook::setPhoto(card, *photo.value(), m_options.clock->now());
             return ApplyResult{};
         },
         "photo");

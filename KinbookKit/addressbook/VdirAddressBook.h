@@ -1,6 +1,8 @@
 #pragma once
 
+#include "KinbookKit/Clock.h"
 #include "KinbookKit/addressbook/AddressBook.h"
+#include "KinbookKit/addressbook/CardBatchReader.h"
 #include "KinbookKit/addressbook/CardIndex.h"
 #include "KinbookKit/addressbook/ChangeJournal.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
@@ -71,6 +73,12 @@ public:
         // Display name of the account made when asking for access creates the address book.
         std::string newAccountName = "On My Computer";
         unsigned readThreads = 2;
+        // Makes the card reader of each read thread; none: CardFileReader,
+        // one file at a time.
+        CardBatchReaderFactory cardReaders;
+        // The time a full read took place and the durations the log shows.
+        // Must outlive the address book.
+        const Clock* clock = &Clock::system();
         // Makes thumbnails; none: cards have no thumbnails.
         std::shared_ptr<ImageScaler> imageScaler;
         // Follows changes on disk; none: observeChanges fails.
@@ -80,8 +88,9 @@ public:
         // Fault injection for tests: runs after a save wrote its temporary
         // file and before the file is renamed into place.
         std::function<void(const std::filesystem::path&)> beforeCommit;
-        // The pause before retrying a save whose card changed on disk.
-        std::function<void(std::chrono::milliseconds)> sleep;
+        // Waits out the pause before retrying a save whose card changed on
+        // disk; none: the saving thread sleeps through it.
+        std::function<void(std::chrono::milliseconds)> pauseBeforeRetry;
     };
 
     explicit VdirAddressBook(Options options);

@@ -601,7 +601,8 @@ std::vector<ContactDraft::Address> matchAddresses(const std::vector<ContactsAppS
 }
 
 // The script's changes to one card, written onto the card as it is now.
-ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& registry, const Person& person) {
+ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& registry, const Person& person,
+                        std::chrono::system_clock::time_point now) {
     const Card& values = person.values;
     const Fields changed{person.changed};
     const ContactDraft current = readDraft(card, id, registry);
@@ -652,12 +653,12 @@ ApplyResult writePerson(VCard& card, const std::string& id, EntryRegistry& regis
     if (person.note) {
         groups.note = *person.note;
     }
-    return applyWholeGroups(card, id, registry, groups);
+    return applyWholeGroups(card, id, registry, groups, now);
 }
 
 class ScriptRun {
 public:
-    ScriptRun(ScriptedCards& cards, const VdirScriptHost::Clock& now) : m_cards(cards), m_now(now) {}
+    ScriptRun(ScriptedCards& cards, const Clock& clock) : m_cards(cards), m_clock(clock) {}
 
     Result<std::vector<std::string>, ScriptError> run(const std::vector<Statement>& statements) {
         for (const Statement& statement : statements) {
@@ -866,7 +867,7 @@ private:
     }
 
     Outcome execute(const DateIsNow&) {
-        m_date = localDate(m_now ? m_now() : std::chrono::system_clock::now());
+        m_date = localDate(m_clock.now());
         return std::nullopt;
     }
 
@@ -963,7 +964,7 @@ private:
             }
             const auto written = m_cards.scriptedEdit(
                 person.id, [&](VCard& card, const std::string& id, EntryRegistry& registry) {
-                    return writePerson(card, id, registry, person);
+                    return writePerson(card, id, registry, person, m_clock.now());
                 });
             if (!written.ok()) {
                 return written.error().code == AddressBookError::Code::notFound
@@ -1003,7 +1004,7 @@ private:
     }
 
     ScriptedCards& m_cards;
-    const VdirScriptHost::Clock& m_now;
+    const Clock& m_clock;
     std::vector<Person> m_people;
     std::optional<std::size_t> m_person;
     std::variant<std::monostate, std::int64_t, std::string> m_n;
@@ -1013,9 +1014,9 @@ private:
 
 } // namespace
 
-VdirScriptHost::VdirScriptHost(Clock now) : m_now(std::move(now)) {}
+VdirScriptHost::VdirScriptHost(const Clock& clock) : m_clock(clock) {}
 
-VdirScriptHost::VdirScriptHost(ScriptedCards& cards, Clock now) : m_cards(&cards), m_now(std::move(now)) {}
+VdirScriptHost::VdirScriptHost(ScriptedCards& cards, const Clock& clock) : m_cards(&cards), m_clock(clock) {}
 
 Result<std::vector<std::string>, ScriptError> VdirScriptHost::run(std::string_view source) {
     auto statements = Parser(source).parse();
@@ -1025,7 +1026,7 @@ Result<std::vector<std::string>, ScriptError> VdirScriptHost::run(std::string_vi
     if (!m_cards) {
         return failure(ScriptError{ScriptError::Kind::runtime, "no address book to run the script on"});
     }
-    return ScriptRun(*m_cards, m_now).run(*statements);
+    return ScriptRun(*m_cards, m_clock).run(*statements);
 }
 
 } // namespace kinbook

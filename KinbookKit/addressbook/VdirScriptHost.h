@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KinbookKit/Clock.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
 #include "KinbookKit/addressbook/ScriptedCards.h"
 
@@ -33,15 +34,13 @@ namespace kinbook {
 // Automation is always permitted. Thread-safe: each run keeps its own state.
 class VdirScriptHost final : public ScriptHost {
 public:
-    using Clock = std::function<std::chrono::system_clock::time_point()>;
-
     // A host for a store not made yet: the store is handed this host, then
-    // the host the store (attach), before the first script runs. `now` gives
-    // AppleScript's "current date" (read in local time); none means the
-    // system clock.
-    explicit VdirScriptHost(Clock now = {});
+    // the host the store (attach), before the first script runs. `clock`
+    // gives AppleScript's "current date" (read in local time) and the
+    // revision time of the cards a script changes; it must outlive the host.
+    explicit VdirScriptHost(const Clock& clock = Clock::system());
     // A host on a store that exists already. `cards` must outlive the host.
-    explicit VdirScriptHost(ScriptedCards& cards, Clock now = {});
+    explicit VdirScriptHost(ScriptedCards& cards, const Clock& clock = Clock::system());
 
     // Gives the host the store whose cards its scripts change. Call once,
     // before the first script runs; `cards` must outlive every run. Until
@@ -53,7 +52,7 @@ public:
 
 private:
     ScriptedCards* m_cards = nullptr;
-    Clock m_now;
+    const Clock& m_clock;
 };
 
 } // namespace kinbook

@@ -1,5 +1,7 @@
 #include "KinbookKit/setup/Configuration.h"
 
+#include "KinbookKit/platform/UringCardBatchReader.h"
+
 #include <fmt/core.h>
 #include <pwd.h>
 #include <toml++/toml.h>
@@ -283,6 +285,7 @@ VdirAddressBook::Options Configuration::addressBookOptions() const {
     options.defaultAccountID = defaultAccount;
     options.accountKinds = accountKinds;
     options.readOnlyAccounts = readOnlyAccounts;
+    options.cardReaders = UringCardBatchReader::factory();
     return options;
 }
 

@@ -69,8 +69,8 @@ void writeAll(int fd, std::string_view bytes) {
 
 } // namespace
 
-AppLog::AppLog(std::filesystem::path file, TimeSource now)
-    : m_file(std::move(file)), m_oldFile(fs::path(m_file).concat(".1")), m_now(std::move(now)) {}
+AppLog::AppLog(std::filesystem::path file, const Clock& clock)
+    : m_file(std::move(file)), m_oldFile(fs::path(m_file).concat(".1")), m_clock(clock) {}
 
 AppLog::~AppLog() {
     flush();
@@ -99,14 +99,13 @@ std::filesystem::path AppLog::defaultLocation() {
     return state / "kinbook" / "app.log";
 }
 
-LogTime AppLog::localNow() {
-    auto now = std::chrono::system_clock::now();
-    std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+LogTime AppLog::localTime(std::chrono::system_clock::time_point instant) {
+    std::time_t seconds = std::chrono::system_clock::to_time_t(instant);
     std::tm local{};
     if (::localtime_r(&seconds, &local) == nullptr) {
-        return LogTime{now, std::chrono::seconds(0)};
+        return LogTime{instant, std::chrono::seconds(0)};
     }
-    return LogTime{now, std::chrono::seconds(local.tm_gmtoff)};
+    return LogTime{instant, std::chrono::seconds(local.tm_gmtoff)};
 }
 
 std::string AppLog::formatTime(const LogTime& time) {
@@ -145,7 +144,8 @@ void AppLog::flush() noexcept {
 }
 
 void AppLog::writeNow(std::string_view category, std::string_view message) const {
-    const std::string line = fmt::format("{} [{}] {}\n", formatTime(m_now()), category, message);
+    const std::string line =
+        fmt::format("{} [{}] {}\n", formatTime(localTime(m_clock.now())), category, message);
 
     struct stat attributes {};
     if (::stat(m_file.c_str(), &attributes) == 0) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KinbookKit/Clock.h"
 #include "KinbookKit/Executor.h"
 
 #include <chrono>
@@ -38,15 +39,14 @@ struct LogTime {
 // Thread-safe: every member may be called from any thread.
 class AppLog {
 public:
-    // Where each line's time stamp comes from. Called on the log queue.
-    using TimeSource = std::function<LogTime()>;
-
     // A file larger than this many bytes is rotated before the next line.
     static constexpr std::uintmax_t rotationLimit = 5'000'000;
 
     // A log over the given file. Nothing touches the disk until the first
-    // line: then a missing folder is created with its parents.
-    explicit AppLog(std::filesystem::path file, TimeSource now = localNow);
+    // line: then a missing folder is created with its parents. Each line is
+    // stamped with `clock`'s time when it is written, shown in the current
+    // time zone; the clock must outlive the log.
+    explicit AppLog(std::filesystem::path file, const Clock& clock = Clock::system());
 
     // Writes every line already given, then stops the writer.
     ~AppLog();
@@ -64,8 +64,8 @@ public:
     // home folder: the one in the user database, else $HOME.
     static std::filesystem::path defaultLocation();
 
-    // Now, in the current time zone.
-    static LogTime localNow();
+    // `instant`, with the offset of the current time zone at that instant.
+    static LogTime localTime(std::chrono::system_clock::time_point instant);
 
     // "2026-11-22T14:03:05.123+0100": local date and time to the millisecond,
     // then the zone offset with no separator before it.
@@ -79,8 +79,8 @@ public:
     void write(std::string_view category, std::string_view message) noexcept;
 
     // Blocks until every line given before the call has been written (or
-    // lost). For tests, and for an orderly exit. Never call it from a
-    // TimeSource.
+    // lost). For tests, and for an orderly exit. Never call it from the
+    // log's clock.
     void flush() noexcept;
 
 private:
@@ -88,7 +88,7 @@ private:
 
     const std::filesystem::path m_file;
     const std::filesystem::path m_oldFile; // "app.log.1"
-    const TimeSource m_now;
+    const Clock& m_clock;
     // The writer: one thread, so that lines reach the file in order. Declared
     // last so that it stops before the members its tasks read go away.
     ThreadPool m_thread{1};

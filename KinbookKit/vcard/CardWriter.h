@@ -118,8 +118,7 @@ void recordWrittenEntries(const VCard& edited, const ApplyResult& result, const 
 // A draft for a new card is applied onto newCardFor(draft, uid). Record the
 // result with recordWrittenEntries.
 ApplyResult applyDraft(VCard& card, const ContactDraft& draft, std::string_view cardID,
-                       EntryRegistry& registry,
-                       std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+                       EntryRegistry& registry, std::chrono::system_clock::time_point now);
 
 // Changes the card's anchor: reads it from the URL values (or starts a new one
 // with a fresh ID), applies `change`, and leaves exactly one anchor entry —
@@ -127,7 +126,7 @@ ApplyResult applyDraft(VCard& card, const ContactDraft& draft, std::string_view 
 // "Vellumary Contacts", holding Anchor::url(), first among the web
 // addresses. Nothing else changes, except REV. Returns the anchor written.
 KinID::Anchor changeAnchor(VCard& card, const std::function<void(KinID::Anchor&)>& change,
-                           std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+                           std::chrono::system_clock::time_point now);
 
 struct AnchorChange {
     KinID::Anchor anchor;
@@ -137,17 +136,16 @@ struct AnchorChange {
 // The same, for a card whose entries have identities in `registry`.
 AnchorChange changeAnchor(VCard& card, std::string_view cardID, EntryRegistry& registry,
                           const std::function<void(KinID::Anchor&)>& change,
-                          std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+                          std::chrono::system_clock::time_point now);
 
 // Replaces the card's photo with `jpeg` (3.0: "PHOTO;ENCODING=b;TYPE=JPEG:",
 // 4.0: a "data:image/jpeg;base64," URI) at the old photo's place, and drops
 // what described the old image: Apple's crop rectangle, X-IMAGEHASH and
 // X-IMAGETYPE. Updates REV.
-void setPhoto(VCard& card, std::span<const std::uint8_t> jpeg,
-              std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+void setPhoto(VCard& card, std::span<const std::uint8_t> jpeg, std::chrono::system_clock::time_point now);
 // Removes the photo and its X-IMAGEHASH and X-IMAGETYPE lines; updates REV
 // when there was one.
-void removePhoto(VCard& card, std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+void removePhoto(VCard& card, std::chrono::system_clock::time_point now);
 
 // Whether the card has a NOTE with some text in it (not just white space).
 bool hasNote(const VCard& card);
@@ -195,8 +193,7 @@ struct WholeGroups {
 // the first NOTE line's text (further NOTE lines go); none removes every NOTE
 // line. REV, when the card has one, is set to `now` if anything changed.
 ApplyResult applyWholeGroups(VCard& card, std::string_view cardID, EntryRegistry& registry,
-                             const WholeGroups& groups,
-                             std::chrono::system_clock::time_point now = std::chrono::system_clock::now());
+                             const WholeGroups& groups, std::chrono::system_clock::time_point now);
 
 // Sets REV, when the card has one, to `time` in the form its value uses
 // (extended "2024-01-02T03:04:05Z" or basic "20240102T030405Z").

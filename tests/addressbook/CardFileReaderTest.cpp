@@ -1,5 +1,6 @@
 #include "KinbookKit/addressbook/CardFileReader.h"
 
+#include "KinbookKit/platform/UringCardBatchReader.h"
 #include "tests/support/TempFolder.h"
 
 #include <fcntl.h>
@@ -20,6 +21,16 @@ namespace fs = std::filesystem;
 using testing::TempFolder;
 using testing::writeFile;
 
+// Every reader a full read may be given, each read through the same cases.
+struct Reader {
+    const char* name;
+    CardBatchReaderFactory make;
+};
+const Reader readers[] = {
+    {"one by one", CardFileReader::factory()},
+    {"io_uring", UringCardBatchReader::factory()},
+};
+
 // A folder of files of every kind a batch meets, opened as a full read
 // opens its account folders.
 class CardFileReaderTest : public ::testing::Test {
@@ -37,12 +48,12 @@ protected:
     }
     void TearDown() override { ::close(m_fd); }
 
-    std::vector<CardFileReader::Result> readAll(CardFileReader& reader) {
-        const std::vector<CardFileReader::File> files = {
+    std::vector<CardBatchReader::Result> readAll(CardBatchReader& reader) {
+        const std::vector<CardBatchReader::File> files = {
             {m_fd, "a.vcf", true},       {m_fd, "empty.vcf", true}, {m_fd, "large.vcf", true},
             {m_fd, "missing.vcf", true}, {m_fd, "link.vcf", false}, {m_fd, "folder-link.vcf", false},
         };
-        std::vector<CardFileReader::Result> results(files.size());
+        std::vector<CardBatchReader::Result> results(files.size());
         reader.read(files, results);
         // The views stay good until the next batch: copy what the test needs.
         for (auto& result : results) {
@@ -52,7 +63,7 @@ protected:
         return results;
     }
 
-    CardFileReader::Stamp stampOf(const std::string& name) const {
+    CardBatchReader::Stamp stampOf(const std::string& name) const {
         struct stat info {};
         ::stat((m_folder / "home" / name).c_str(), &info);
         return {static_cast<std::uint64_t>(info.st_ino), static_cast<std::uint64_t>(info.st_size),
@@ -66,14 +77,14 @@ protected:
 };
 
 TEST_F(CardFileReaderTest, ABatchReadsWhatOneByOneReads) {
-    using Outcome = CardFileReader::Outcome;
+    using Outcome = CardBatchReader::Outcome;
     for (const bool stamps : {false, true}) {
-        for (const bool ring : {true, false}) {
-            SCOPED_TRACE(::testing::Message() << "stamps " << stamps << ", ring " << ring);
-            CardFileReader reader(stamps, ring);
+        for (const Reader& kind : readers) {
+            SCOPED_TRACE(::testing::Message() << "stamps " << stamps << ", " << kind.name);
+            const auto reader = kind.make(stamps);
             // Twice, so the buffers a batch keeps are reused.
             for (int round = 0; round < 2; ++round) {
-                const auto results = readAll(reader);
+                const auto results = readAll(*reader);
                 EXPECT_EQ(results[0].outcome, Outcome::read);
                 EXPECT_EQ(results[0].bytes, "BEGIN:VCARD\r\nFN:A\r\nEND:VCARD\r\n");
                 EXPECT_EQ(results[1].outcome, Outcome::read);
@@ -102,21 +113,24 @@ TEST_F(CardFileReaderTest, ABatchReadsWhatOneByOneReads) {
 }
 
 TEST_F(CardFileReaderTest, AFullBatchOfCardsIsReadInOrder) {
-    std::vector<CardFileReader::File> files;
+    std::vector<CardBatchReader::File> files;
     std::vector<std::string> names;
-    for (std::size_t i = 0; i < CardFileReader::kBatchSize; ++i) {
+    for (std::size_t i = 0; i < CardBatchReader::kBatchSize; ++i) {
         names.push_back("card" + std::to_string(i) + ".vcf");
         writeFile(m_folder / "home" / names.back(), "card " + std::to_string(i));
     }
     for (const auto& name : names) {
         files.push_back({m_fd, name.c_str(), true});
     }
-    CardFileReader reader(true);
-    std::vector<CardFileReader::Result> results(files.size());
-    reader.read(files, results);
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(results[i].outcome, CardFileReader::Outcome::read);
-        EXPECT_EQ(results[i].bytes, "card " + std::to_string(i));
+    for (const Reader& kind : readers) {
+        SCOPED_TRACE(kind.name);
+        const auto reader = kind.make(true);
+        std::vector<CardBatchReader::Result> results(files.size());
+        reader->read(files, results);
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            EXPECT_EQ(results[i].outcome, CardBatchReader::Outcome::read);
+            EXPECT_EQ(results[i].bytes, "card " + std::to_string(i));
+        }
     }
 }
 

@@ -70,7 +70,7 @@ protected:
         options.stateFolder = m_folder / "state";
         options.heldNotesFile = m_folder / "data" / "notes-in-flight.json";
         options.log = m_log;
-        options.sleep = [this](std::chrono::milliseconds delay) { m_sleeps.push_back(delay); };
+        options.pauseBeforeRetry = [this](std::chrono::milliseconds delay) { m_sleeps.push_back(delay); };
         return options;
     }
 

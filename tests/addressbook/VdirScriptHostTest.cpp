@@ -5,6 +5,7 @@
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/KinLog.h"
 #include "KinbookKit/vcard/CardReader.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempVdir.h"
 
 #include <gtest/gtest.h>
@@ -87,7 +88,8 @@ protected:
     testing::TempVdir m_vdir;
     VdirAddressBook m_book{options()};
     // "Current date" is the 31st, when setting a month can overflow.
-    VdirScriptHost m_host{m_book, [] { return localNoon(2024, 1, 31); }};
+    testing::FakeClock m_clock{localNoon(2024, 1, 31)};
+    VdirScriptHost m_host{m_book, m_clock};
 };
 
 TEST_F(VdirScriptHostTest, TheCardsOwnScriptChangesNoByte) {

@@ -2,20 +2,22 @@
 
 #include "KinbookKit/text/AppLog.h"
 #include "tests/app/AppTestSupport.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <QMetaObject>
 #include <QObject>
-#include <charconv>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 namespace kinbook {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::RecordingLog;
-using testing::runEventsFor;
 using testing::runEventsUntil;
 
 // The object a blocking task is delivered to, so the stall line can name it.
@@ -23,43 +25,84 @@ class SlowWork final : public QObject {
     Q_OBJECT
 };
 
-int stalledMilliseconds(const std::string& line) {
-    constexpr std::string_view prefix = "main thread stalled ";
-    int value = -1;
-    std::from_chars(line.data() + prefix.size(), line.data() + line.size(), value);
-    return value;
-}
+// A fake clock that lets the test see the watcher's readings: each one is
+// counted, and the latest kept, once it has been taken. Readings on the GUI
+// thread (the probes' answers) are not counted.
+class WatchedClock final : public Clock {
+public:
+    std::chrono::system_clock::time_point now() const override { return m_time.now(); }
+    std::chrono::steady_clock::time_point monotonicNow() const override {
+        const auto reading = m_time.monotonicNow();
+        if (std::this_thread::get_id() != m_guiThread) {
+            {
+                std::lock_guard lock(m_mutex);
+                ++m_watcherReadings;
+                m_latest = reading;
+            }
+            m_read.notify_all();
+        }
+        return reading;
+    }
 
-TEST(MainThreadWatcher, AGuiThreadBlockedFor250MillisecondsIsLoggedOnceWithAboutThatDelay) {
+    void advance(std::chrono::nanoseconds step) { m_time.advance(step); }
+
+    int watcherReadings() const {
+        std::lock_guard lock(m_mutex);
+        return m_watcherReadings;
+    }
+    // Waits until the watcher has taken more than `count` readings, or
+    // one of `time` or later; false if it never does.
+    bool waitForReadingsAbove(int count) const {
+        std::unique_lock lock(m_mutex);
+        return m_read.wait_for(lock, 20s, [&] { return m_watcherReadings > count; });
+    }
+    bool waitForReadingOf(std::chrono::steady_clock::time_point time) const {
+        std::unique_lock lock(m_mutex);
+        return m_read.wait_for(lock, 20s, [&] { return m_latest >= time; });
+    }
+
+private:
+    testing::FakeClock m_time;
+    const std::thread::id m_guiThread = std::this_thread::get_id();
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_read;
+    mutable int m_watcherReadings = 0;                      // guarded by m_mutex
+    mutable std::chrono::steady_clock::time_point m_latest; // guarded by m_mutex
+};
+
+TEST(MainThreadWatcher, AStalledGuiThreadIsLoggedOnceWithTheStallAndWhatRan) {
     testing::TempFolder folder;
     AppLog file(folder / "app.log");
     RecordingLog platform;
-    MainThreadWatcher watcher(KinLog("app", file, platform));
+    WatchedClock clock;
+    MainThreadWatcher watcher(KinLog("app", file, platform),
+                              {.threshold = 100ms, .interval = 20ms, .clock = &clock});
 
-    // Let the watcher settle into its rhythm of answered probes first.
-    runEventsFor(std::chrono::milliseconds(100));
-
+    // The GUI thread is held until a probe is waiting on it, then 250 ms
+    // pass, and it is held on until the watcher has seen them pass.
     SlowWork work;
-    bool blocked = false;
+    bool held = false;
+    bool waited = false;
     QMetaObject::invokeMethod(
         &work,
         [&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(250));
-            blocked = true;
+            held = clock.waitForReadingsAbove(clock.watcherReadings());
+            clock.advance(250ms);
+            waited = clock.waitForReadingOf(clock.monotonicNow());
         },
         Qt::QueuedConnection);
-    ASSERT_TRUE(runEventsUntil([&] { return blocked && watcher.stallCount() > 0; }));
-    // Time for a second line to appear, if the watcher wrongly wrote one.
-    runEventsFor(std::chrono::milliseconds(100));
+    ASSERT_TRUE(runEventsUntil([&] { return held && watcher.stallCount() > 0; }));
+    ASSERT_TRUE(waited);
+    // A few more answered probes, where a second line would show if the
+    // watcher wrongly wrote one.
+    const int readings = clock.watcherReadings();
+    ASSERT_TRUE(runEventsUntil([&] { return clock.watcherReadings() >= readings + 3; }));
 
     const auto lines = platform.linesStartingWith("main thread stalled ");
     ASSERT_EQ(lines.size(), 1u) << (lines.empty() ? "" : lines.back());
-    // A stall that begins between two probes is measured from the second.
-    const int milliseconds = stalledMilliseconds(lines[0]);
-    EXPECT_GE(milliseconds, 200) << lines[0];
-    EXPECT_LT(milliseconds, 1000) << lines[0];
-    EXPECT_NE(lines[0].find("SlowWork MetaCall)"), std::string::npos) << lines[0];
-    EXPECT_EQ(watcher.longestStall().count(), milliseconds);
+    EXPECT_EQ(lines[0], "main thread stalled 250 ms (SlowWork MetaCall)");
+    EXPECT_EQ(watcher.stallCount(), 1);
+    EXPECT_EQ(watcher.longestStall(), 250ms);
 }
 
 TEST(MainThreadWatcher, StopsWhileItsProbeIsStillWaitingForTheGuiThread) {

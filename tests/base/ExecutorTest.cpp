@@ -4,9 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace kinbook {
@@ -71,6 +75,41 @@ TEST(ThreadPool, DelayedTaskRunsAfterReadyOnes) {
     done.get_future().wait();
     std::lock_guard lock(mutex);
     EXPECT_EQ(order, (std::vector<char>{'r', 'd'}));
+}
+
+TEST(RunInParallel, RunsEveryPartOnceSideBySideAndWaitsForAllEvenWhenTheCallersPartThrows) {
+    constexpr unsigned kParts = 4;
+    std::mutex mutex;
+    std::vector<unsigned> ran;
+    std::set<std::thread::id> threads;
+    // Every part waits for all the others to start: only parts that truly
+    // run at the same time get past it.
+    std::atomic<unsigned> started{0};
+    runInParallel(kParts, [&](unsigned part) {
+        ++started;
+        started.notify_all();
+        for (unsigned seen = started.load(); seen < kParts; seen = started.load()) {
+            started.wait(seen);
+        }
+        std::lock_guard lock(mutex);
+        ran.push_back(part);
+        threads.insert(std::this_thread::get_id());
+    });
+    std::sort(ran.begin(), ran.end());
+    EXPECT_EQ(ran, (std::vector<unsigned>{0, 1, 2, 3}));
+    EXPECT_EQ(threads.size(), kParts);
+    EXPECT_TRUE(threads.contains(std::this_thread::get_id())) << "part 0 runs on the caller";
+
+    std::atomic<bool> otherDone{false};
+    EXPECT_THROW(runInParallel(2,
+                               [&](unsigned part) {
+                                   if (part == 0) {
+                                       throw std::runtime_error("first half failed");
+                                   }
+                                   otherDone = true;
+                               }),
+                 std::runtime_error);
+    EXPECT_TRUE(otherDone.load()) << "the other half finished before the error came back";
 }
 
 TEST(ManualExecutor, DelayedTasksRunInDueOrderOnlyWhenTimeAdvances) {

@@ -1,5 +1,6 @@
 #include "KinbookKit/text/AppLog.h"
 
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempFolder.h"
 
 #include <pwd.h>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,10 +37,7 @@ constexpr sys_days dayOf(int y, unsigned m, unsigned d) {
 // 2026-11-22T13:03:05.123Z, shown in a zone one hour ahead of UTC.
 const LogTime fixedTime{dayOf(2026, 11, 22) + 13h + 3min + 5s + 123ms, 1h};
 constexpr const char* fixedStamp = "2026-11-22T14:03:05.123+0100";
-
-LogTime fixedNow() {
-    return fixedTime;
-}
+constexpr const char* oneHourAhead = "XYZ-01"; // POSIX TZ: west of Greenwich is positive
 
 // Sets an environment variable for one scope and puts the old value back.
 class EnvironmentGuard {
@@ -77,9 +76,13 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
+// Every line is stamped at fixedTime, in a zone one hour ahead of UTC.
 class AppLogTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_FALSE(m_folder.path().empty()); }
+    void SetUp() override {
+        ASSERT_FALSE(m_folder.path().empty());
+        ::tzset();
+    }
 
     fs::path file() const { return m_folder / "app.log"; }
     fs::path oldFile() const { return m_folder / "app.log.1"; }
@@ -87,7 +90,35 @@ protected:
         return std::string(fixedStamp) + " [" + category + "] " + message + "\n";
     }
 
+    // The zone goes back to the process's own once the test is over.
+    struct ReadZone {
+        ~ReadZone() { ::tzset(); }
+    } m_readZoneAfter;
+    EnvironmentGuard m_zone{"TZ", oneHourAhead};
+    testing::FakeClock m_clock{fixedTime.instant};
     TempFolder m_folder;
+};
+
+// A clock that notes the thread reading it, and fails its first reading
+// when asked to.
+class ProbeClock final : public Clock {
+public:
+    explicit ProbeClock(bool failFirst) : m_failFirst(failFirst) {}
+
+    std::chrono::system_clock::time_point now() const override {
+        m_reader = std::this_thread::get_id();
+        if (m_failFirst.exchange(false)) {
+            throw std::runtime_error("clock");
+        }
+        return fixedTime.instant;
+    }
+    std::chrono::steady_clock::time_point monotonicNow() const override { return {}; }
+
+    std::thread::id reader() const { return m_reader.load(); }
+
+private:
+    mutable std::atomic<bool> m_failFirst;
+    mutable std::atomic<std::thread::id> m_reader{};
 };
 
 TEST(AppLogTime, StampsLocalTimeToTheMillisecondWithTheZoneOffset) {
@@ -112,7 +143,7 @@ TEST(AppLogTime, StampsLocalTimeToTheMillisecondWithTheZoneOffset) {
     }
 }
 
-TEST(AppLogTime, LocalNowCarriesTheOffsetOfTheCurrentZone) {
+TEST(AppLogTime, LocalTimeCarriesTheOffsetOfTheCurrentZone) {
     struct Zone {
         const char* tz;
         seconds offset;
@@ -122,7 +153,7 @@ TEST(AppLogTime, LocalNowCarriesTheOffsetOfTheCurrentZone) {
     for (const Zone& zone : zones) {
         EnvironmentGuard tz("TZ", zone.tz);
         ::tzset();
-        EXPECT_EQ(AppLog::localNow().utcOffset, zone.offset) << zone.tz;
+        EXPECT_EQ(AppLog::localTime(fixedTime.instant), (LogTime{fixedTime.instant, zone.offset})) << zone.tz;
     }
     ::tzset();
 }
@@ -150,7 +181,7 @@ TEST(AppLogLocation, FollowsXdgStateHomeElseTheHomeFolderFromTheUserDatabase) {
 TEST_F(AppLogTest, AppendsTimeCategoryAndMessageAsOneLine) {
     writeFile(file(), "earlier line\n");
     {
-        AppLog log(file(), fixedNow);
+        AppLog log(file(), m_clock);
         log.write("list", "load: 1204 people in 85 ms");
         log.write("search", "search: Émile 3 ms");
         log.flush();
@@ -161,7 +192,7 @@ TEST_F(AppLogTest, AppendsTimeCategoryAndMessageAsOneLine) {
 
 TEST_F(AppLogTest, CreatesTheMissingFolderPrivateToTheUser) {
     const fs::path nested = m_folder / "state" / "kinbook" / "app.log";
-    AppLog log(nested, fixedNow);
+    AppLog log(nested, m_clock);
     EXPECT_FALSE(fs::exists(nested.parent_path())) << "nothing is created before the first line";
     log.write("sidecar", "sidecar: ready");
     log.flush();
@@ -173,22 +204,19 @@ TEST_F(AppLogTest, CreatesTheMissingFolderPrivateToTheUser) {
 }
 
 TEST_F(AppLogTest, WritesOnItsOwnThreadNotTheCallers) {
-    std::atomic<std::thread::id> writer{};
-    AppLog log(file(), [&] {
-        writer = std::this_thread::get_id();
-        return fixedTime;
-    });
+    ProbeClock clock(false);
+    AppLog log(file(), clock);
     log.write("list", "step");
     log.flush();
-    EXPECT_NE(writer.load(), std::thread::id{});
-    EXPECT_NE(writer.load(), std::this_thread::get_id());
+    EXPECT_NE(clock.reader(), std::thread::id{});
+    EXPECT_NE(clock.reader(), std::this_thread::get_id());
 }
 
 TEST_F(AppLogTest, KeepsTheOrderOfEachThreadsLinesWithNoneLostOrTorn) {
     constexpr int threadCount = 4;
     constexpr int linesPerThread = 250;
     {
-        AppLog log(file(), fixedNow);
+        AppLog log(file(), m_clock);
         std::vector<std::thread> threads;
         for (int t = 0; t < threadCount; ++t) {
             threads.emplace_back([&log, t] {
@@ -223,7 +251,7 @@ TEST_F(AppLogTest, RotatesOnlyAboveTheLimitBeforeTheNextLine) {
     const std::string first = line("list", "first");
     const std::string second = line("list", "second");
 
-    AppLog log(file(), fixedNow);
+    AppLog log(file(), m_clock);
     log.write("list", "first");
     log.flush();
     EXPECT_EQ(fs::file_size(file()), AppLog::rotationLimit + first.size());
@@ -241,7 +269,7 @@ TEST_F(AppLogTest, RotatesOnlyAboveTheLimitBeforeTheNextLine) {
 TEST_F(AppLogTest, RotatesAFileOneByteAboveTheLimit) {
     writeFile(file(), "");
     fs::resize_file(file(), AppLog::rotationLimit + 1);
-    AppLog log(file(), fixedNow);
+    AppLog log(file(), m_clock);
     log.write("list", "next");
     log.flush();
     EXPECT_EQ(readFile(file()), line("list", "next"));
@@ -251,27 +279,22 @@ TEST_F(AppLogTest, RotatesAFileOneByteAboveTheLimit) {
 TEST_F(AppLogTest, UnwritableLocationsLoseTheLineQuietly) {
     // A regular file where a folder should be: the folder cannot be made.
     writeFile(m_folder / "blocker", "not a folder");
-    AppLog underFile(m_folder / "blocker" / "kinbook" / "app.log", fixedNow);
+    AppLog underFile(m_folder / "blocker" / "kinbook" / "app.log", m_clock);
     underFile.write("list", "lost");
     underFile.flush();
     EXPECT_EQ(readFile(m_folder / "blocker"), "not a folder");
 
     // A folder where the file should be.
     fs::create_directory(file());
-    AppLog onFolder(file(), fixedNow);
+    AppLog onFolder(file(), m_clock);
     onFolder.write("list", "lost");
     onFolder.flush();
     EXPECT_TRUE(fs::is_directory(file()));
     EXPECT_TRUE(fs::is_empty(file()));
 
-    // A time source that throws loses its line, and the writer goes on.
-    int calls = 0;
-    AppLog throwing(m_folder / "other.log", [&]() -> LogTime {
-        if (calls++ == 0) {
-            throw std::runtime_error("clock");
-        }
-        return fixedTime;
-    });
+    // A clock that throws loses its line, and the writer goes on.
+    ProbeClock failing(true);
+    AppLog throwing(m_folder / "other.log", failing);
     throwing.write("list", "lost");
     throwing.write("list", "kept");
     throwing.flush();

@@ -3,6 +3,7 @@
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/platform/SystemdJournal.h"
 #include "KinbookKit/text/AppLog.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempFolder.h"
 
 #include <syslog.h>
@@ -11,7 +12,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,8 +27,35 @@ using namespace std::chrono;
 using testing::readFile;
 using testing::TempFolder;
 
-const LogTime fixedTime{sys_days{year{2026} / 11 / 22} + 13h + 3min + 5s + 123ms, 1h};
-constexpr const char* stamp = "2026-11-22T14:03:05.123+0100";
+// 2026-11-22T13:03:05.123Z, in UTC: the lines' stamps stay the same in
+// whatever zone the tests run.
+const sys_time<milliseconds> fixedTime{sys_days{year{2026} / 11 / 22} + 13h + 3min + 5s + 123ms};
+constexpr const char* stamp = "2026-11-22T13:03:05.123+0000";
+
+// Shows times in UTC for as long as it lives.
+class UtcZone {
+public:
+    UtcZone() {
+        if (const char* old = std::getenv("TZ")) {
+            m_old = old;
+        }
+        ::setenv("TZ", "UTC0", 1);
+        ::tzset();
+    }
+    ~UtcZone() {
+        if (m_old) {
+            ::setenv("TZ", m_old->c_str(), 1);
+        } else {
+            ::unsetenv("TZ");
+        }
+        ::tzset();
+    }
+    UtcZone(const UtcZone&) = delete;
+    UtcZone& operator=(const UtcZone&) = delete;
+
+private:
+    std::optional<std::string> m_old;
+};
 
 struct PlatformLine {
     LogLevel level;
@@ -76,8 +107,10 @@ protected:
         return std::string(stamp) + " [" + category + "] " + message + "\n";
     }
 
+    UtcZone m_zone;
+    testing::FakeClock m_clock{fixedTime};
     TempFolder m_folder;
-    AppLog m_file{m_folder / "app.log", [] { return fixedTime; }};
+    AppLog m_file{m_folder / "app.log", m_clock};
     CapturingPlatformLog m_platform;
 };
 
