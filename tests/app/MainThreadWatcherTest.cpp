@@ -100,7 +100,7 @@ TEST(MainThreadWatcher, AStalledGuiThreadIsLoggedOnceWithTheStallAndWhatRan) {
 
     const auto lines = platform.linesStartingWith("main thread stalled ");
     ASSERT_EQ(lines.size(), 1u) << (lines.empty() ? "" : lines.back());
-    EXPECT_EQ(lines[0], "main thread stalled 250 ms (SlowWork MetaCall)");
+    EXPECT_EQ(lines[0], "main thread stalled 250 ms (kinbook::SlowWork MetaCall)");
     EXPECT_EQ(watcher.stallCount(), 1);
     EXPECT_EQ(watcher.longestStall(), 250ms);
 }

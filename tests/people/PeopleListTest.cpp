@@ -224,7 +224,7 @@ protected:
         options.stateFolder = m_folder / "state";
         options.log = m_storeLog;
         options.watcher = m_watcher;
-        options.sleep = [](std::chrono::milliseconds) {};
+        options.pauseBeforeRetry = [](std::chrono::milliseconds) {};
         return std::make_shared<FaultyAddressBook>(std::make_shared<VdirAddressBook>(options));
     }
 
