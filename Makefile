@@ -4,7 +4,10 @@
 # Everything else here is a step of those two.
 
 JOBS ?= $(shell nproc)
-CMAKE_FLAGS ?=
+# A compiler cache makes rebuilds quick where one is installed; the build
+# does not need it.
+CCACHE := $(shell command -v ccache 2>/dev/null)
+CMAKE_FLAGS ?= $(if $(CCACHE),-DCMAKE_CXX_COMPILER_LAUNCHER=$(CCACHE))
 # Arguments for the application, e.g. ARGS="--contacts ~/.contacts".
 ARGS ?=
 

@@ -632,7 +632,8 @@ void composeCard(std::string& out, SplitMix64& random, const Person& person, Dia
         appendLine(out, "NICKNAME:" + escapeVCardText(person.nickname));
     }
     if (!person.organisation.empty()) {
-        appendLine(out, "ORG:" + escapeVCardText(person.organisation) + ";" + escapeVCardText(person.department));
+        appendLine(out,
+                   "ORG:" + escapeVCardText(person.organisation) + ";" + escapeVCardText(person.department));
         if (!person.title.empty()) {
             appendLine(out, "TITLE:" + escapeVCardText(person.title));
         }
@@ -687,8 +688,8 @@ void composeCard(std::string& out, SplitMix64& random, const Person& person, Dia
 
     if (person.hasAddress && (full || random.percent(40))) {
         const Region& region = *person.region;
-        std::string value = ";;" + escapeVCardText(person.street) + ";" + escapeVCardText(person.city) + ";;" +
-                            person.postal + ";" + escapeVCardText(region.country);
+        std::string value = ";;" + escapeVCardText(person.street) + ";" + escapeVCardText(person.city) +
+                            ";;" + person.postal + ";" + escapeVCardText(region.country);
         if (apple) {
             std::string item = nextGroup();
             appendLine(out, item + "ADR" + types({"HOME", "pref"}) + ":" + value);

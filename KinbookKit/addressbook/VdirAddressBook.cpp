@@ -29,10 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Larger files are not cards anyone keeps on purpose; reading them whole
-// would only stall the list.
-constexpr std::uint64_t kLargestCard = 256ull << 20;
-
 bool isHidden(const std::string& name) {
     return !name.empty() && name.front() == '.';
 }
@@ -68,7 +64,7 @@ std::optional<std::string> readWholeFile(const fs::path& path, std::string* prob
     }
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
-        static_cast<std::uint64_t>(info.st_size) > kLargestCard) {
+        static_cast<std::uint64_t>(info.st_size) > CardBatchReader::kLargestCard) {
         if (problem) {
             *problem = S_ISREG(info.st_mode) ? "file too large" : "not a regular file";
         }
