@@ -16,7 +16,6 @@ namespace kinbook::testing {
 // can read: what every test of the store on disk starts from.
 class TempVdir {
 public:
-    const std::filesystem::path& folder() const { return m_folder.path(); }
     std::filesystem::path root() const { return m_folder / "contacts"; }
     std::filesystem::path heldNotesFile() const { return m_folder / "data" / "notes-in-flight.json"; }
 
