@@ -366,6 +366,12 @@ void PeopleLoader::readChanges() {
             read.update->deleted = std::move(changes.value().deleted);
             read.update->membership = std::move(changes.value().membership);
             read.update->token = std::move(changes.value().token);
+            // An account folder made or removed since the last read changes
+            // the accounts, and the sidebar and the counts follow at once
+            // rather than at the next full read. Listing them is cheap.
+            if (auto accounts = book->accounts(); accounts.ok()) {
+                read.update->accounts = std::move(accounts.value());
+            }
             return read;
         },
         [this, start](ChangesRead read) {
@@ -381,7 +387,8 @@ void PeopleLoader::readChanges() {
             }
             const auto changed = read.update->changed.size();
             const auto deleted = read.update->deleted.size();
-            const auto finish = [this, start, changed, deleted] {
+            const auto finish = [this, start, changed, deleted, update = read.update] {
+                forgetCards(*update);
                 m_timings.refreshedAt = m_context.clock().now();
                 m_timings.refreshKind = "changes";
                 const auto milliseconds = m_context.clock().millisecondsSince(start);
@@ -398,11 +405,42 @@ void PeopleLoader::readChanges() {
                 if (read.update->token) {
                     m_historyToken = std::move(read.update->token);
                 }
+                if (read.update->accounts && *read.update->accounts != m_accounts) {
+                    applyUpdate(read.update, finish);
+                    return;
+                }
                 finish();
                 return;
             }
             applyUpdate(read.update, finish);
         });
+}
+
+void PeopleLoader::forgetCards(const RawUpdate& update) {
+    // Another program changed these cards: the page and the rows must not
+    // keep showing the copies read before. The next look-up reads them again.
+    bool forgot = false;
+    const auto forget = [&](const std::string& id) {
+        if (m_cardCache.contains(id)) {
+            m_cardCache.erase(id);
+            forgot = true;
+        }
+        m_thumbnails.erase(id);
+    };
+    for (const auto& person : update.changed) {
+        forget(person->id);
+    }
+    for (const auto& id : update.deleted) {
+        forget(id);
+    }
+    PeopleChanges changes = PeopleChange::thumbnails;
+    if (forgot) {
+        ++m_cardsVersion;
+        changes |= PeopleChange::cards;
+    }
+    if (!update.changed.empty() || !update.deleted.empty()) {
+        m_context.notify(changes);
+    }
 }
 
 void PeopleLoader::noticeArrived() {

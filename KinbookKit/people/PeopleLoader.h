@@ -88,6 +88,9 @@ private:
     void fullRead();
     void fullReadDetails();
     void readChanges();
+    // Drops the cached cards and thumbnails of the cards an update changed
+    // or deleted, and tells the views.
+    void forgetCards(const RawUpdate& update);
     void finishBody();
     void noticeArrived();
 
