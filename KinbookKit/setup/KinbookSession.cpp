@@ -25,10 +25,9 @@ std::shared_ptr<VdirAddressBook> openAddressBook(VdirAddressBook::Options option
     return book;
 }
 
-// Reads notes as the Contacts application would, through a host of its own
-// over the book; the host and its script queue are made on the first read,
-// since most runs of the tool read none.
-NoteReader noteReaderFor(std::shared_ptr<VdirAddressBook> book) {
+} // namespace
+
+NoteReader KinbookSession::noteReader(std::shared_ptr<VdirAddressBook> book) {
     struct Reader {
         std::shared_ptr<VdirAddressBook> book;
         std::once_flag made;
@@ -47,8 +46,6 @@ NoteReader noteReaderFor(std::shared_ptr<VdirAddressBook> book) {
         return notes.ok() ? std::move(notes.value()) : std::vector<std::string>(cardIDs.size());
     };
 }
-
-} // namespace
 
 Result<std::unique_ptr<KinbookSession>, std::string>
 KinbookSession::open(Executor& main, Executor& background, Options options) {
@@ -117,7 +114,7 @@ void KinbookSession::opened(std::shared_ptr<VdirAddressBook> book) {
     if (m_configuration.sidecar && m_options.pastJobs) {
         listOptions.pastJobs = m_options.pastJobs(*m_configuration.sidecar);
     }
-    listOptions.readNotes = noteReaderFor(m_addressBook);
+    listOptions.readNotes = noteReader(m_addressBook);
     m_list = std::make_unique<PeopleList>(m_main, m_background, m_addressBook, std::move(listOptions));
 }
 
