@@ -112,7 +112,11 @@ ContactCard withFormerLast(ContactCard card) {
 json personJson(const Person& person, std::span<const ShownCard> cards) {
     json list = json::array();
     for (const auto& shown : cards) {
-        list.push_back(withFormerLast(shown.card).toJSON());
+        json card = withFormerLast(shown.card).toJSON();
+        if (!shown.note.empty()) {
+            card["note"] = shown.note;
+        }
+        list.push_back(std::move(card));
     }
     return {{"person", person.toJSON()}, {"cards", std::move(list)}};
 }
@@ -323,6 +327,14 @@ std::string personText(const Person& person, std::span<const ShownCard> cards, c
         std::set<std::string> linkIDs;
         for (const auto& link : card.links) {
             linkIDs.insert(link.id);
+        }
+        if (!shown.note.empty()) {
+            // A note of several lines lines up under its first.
+            std::string note = shown.note;
+            for (std::size_t at = note.find('\n'); at != std::string::npos; at = note.find('\n', at + 1)) {
+                note.insert(at + 1, std::string(18, ' '));
+            }
+            row("note", note);
         }
         for (const auto* list : {&card.social, &card.messaging}) {
             for (const auto& item : *list) {

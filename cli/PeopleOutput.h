@@ -33,13 +33,15 @@ struct ShownCard {
     ContactCard card;
     std::string accountID;
     bool primary = false;
+    std::string note; // empty when the card has none, or it was not read
 };
 
 // The card with its phones, e-mail addresses and postal addresses in the
 // order the person's page lists them: current entries first, former ones last.
 ContactCard withFormerLast(ContactCard card);
 
-// {"person": Person, "cards": [ContactCard, …]}, former entries last.
+// {"person": Person, "cards": [ContactCard, …]}, former entries last, each
+// card with its "note" when it has one.
 nlohmann::json personJson(const Person& person, std::span<const ShownCard> cards);
 // [{"id", "name", "count"}]
 nlohmann::json accountsJson(std::span<const Account> accounts, const std::map<std::string, int>& counts);

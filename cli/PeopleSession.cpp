@@ -244,7 +244,24 @@ Person PeopleSession::resolve(const std::string& argument) {
 }
 
 std::vector<ShownCard> PeopleSession::cards(const Person& person) {
-    return std::move(cards(std::vector<const Person*>{&person}).front());
+    auto shown = std::move(cards(std::vector<const Person*>{&person}).front());
+    // One person's page shows the notes too, read as the Contacts
+    // application reads them.
+    std::vector<std::string> ids;
+    for (const auto& card : shown) {
+        ids.push_back(card.card.id);
+    }
+    bool read = false;
+    m_list->notes(ids, [&](std::map<std::string, std::string> notes) {
+        for (auto& card : shown) {
+            if (const auto note = notes.find(card.card.id); note != notes.end()) {
+                card.note = note->second;
+            }
+        }
+        read = true;
+    });
+    waitUntil([&] { return read; });
+    return shown;
 }
 
 std::vector<std::vector<ShownCard>> PeopleSession::cards(const std::vector<const Person*>& people) {

@@ -407,6 +407,14 @@ void ShownPeople::rebuild() {
 
     m_matchCount = peopleCount(*shown);
     m_headings = headingsOf(*shown);
+    // A heading the list no longer has (another account or circle was
+    // chosen, or a search left no one under it) filters no more: the list
+    // shows what the other filters leave rather than nothing at all.
+    if (m_view.heading && std::none_of(m_headings.begin(), m_headings.end(), [&](const Heading& heading) {
+            return heading.title == *m_view.heading;
+        })) {
+        m_view.heading.reset();
+    }
     if (m_view.heading) {
         std::vector<Section> chosen;
         for (const auto& section : *shown) {

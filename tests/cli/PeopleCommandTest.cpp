@@ -50,7 +50,7 @@ protected:
         put("work", "ann-work",
             {"N:Smith;Ann;;;", "FN:Ann Smith", "ORG:Acme", "TITLE:Engineer",
              "EMAIL;TYPE=INTERNET;TYPE=WORK:ann.smith@acme.example", "item1.URL:kinbook://c/AAAA1111?r=2",
-             "item1.X-ABLabel:Vellumary Contacts"});
+             "item1.X-ABLabel:Vellumary Contacts", "NOTE:Ask about the bridge\\nand the boat"});
         put("personal", "bob",
             {"N:Jones;Bob;;;", "FN:Bob Jones", "ORG:Smithfield Foods", "TEL;TYPE=WORK:(555) 010-0199",
              "EMAIL;TYPE=WORK:bob@smithfield.example"});
@@ -241,12 +241,15 @@ TEST_F(PeopleCommandTest, ShowPrintsThePersonAndEveryCardFormerEntriesLast) {
     EXPECT_EQ(personal["emails"][1]["label"], "ex-work");
     EXPECT_TRUE(personal["emails"][1]["id"].is_string());
     EXPECT_EQ(shown["cards"][1]["jobTitle"], "Engineer");
+    EXPECT_EQ(shown["cards"][1]["note"], "Ask about the bridge\nand the boat");
+    EXPECT_FALSE(personal.contains("note"));
 
     const auto text = run({"show", "ann-home"});
     ASSERT_EQ(text.exitCode, 0) << text.err;
     for (const char* expected : {"Ann Smith\n", "Good Friends (15)", "Personal, Work", "AAAA1111",
                                  "Personal · card ann-home (primary)", "Work · card ann-work",
-                                 "Engineer, Acme", "ann.smith@acme.example"}) {
+                                 "Engineer, Acme", "ann.smith@acme.example",
+                                 "note            Ask about the bridge\n                  and the boat\n"}) {
         EXPECT_NE(text.out.find(expected), std::string::npos) << expected << "\n" << text.out;
     }
     EXPECT_LT(text.out.find("ann@example.com"), text.out.find("ann@oldco.example"));

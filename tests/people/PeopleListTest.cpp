@@ -1013,6 +1013,23 @@ TEST_F(PeopleListShownTest, CircleAccountHeadingAndTrashFiltersNarrowTheList) {
     list->setHeadingFilter(std::nullopt);
     EXPECT_EQ(list->flatPosition("DAN-1"), 0u);
 
+    // Under a circle and a heading, in either order, the same people; a
+    // heading the list no longer has filters no more.
+    list->setHeadingFilter("S");
+    list->setCircleFilter(ContactCircle::closest);
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"ANN-1"});
+    list->setCircleFilter(std::nullopt);
+    list->setHeadingFilter(std::nullopt);
+    list->setCircleFilter(ContactCircle::closest);
+    list->setHeadingFilter("S");
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"ANN-1"});
+    list->setCircleFilter(std::nullopt);
+    list->setHeadingFilter("B");
+    list->setAccountFilter("home");
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"ANN-1"});
+    EXPECT_EQ(list->headingFilter(), std::nullopt);
+    list->setAccountFilter(std::nullopt);
+
     list->setPendingTrash({"ANN-1"});
     EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"DAN-1", "BOB-1"}));
     list->setPendingTrash({});
