@@ -433,6 +433,15 @@ void PeopleLoader::forgetCards(const RawUpdate& update) {
     for (const auto& id : update.deleted) {
         forget(id);
     }
+    // A read begun before the change may answer with the card as it was.
+    for (const auto& [cardID, load] : m_cardLoads) {
+        const bool changed = update.deleted.contains(cardID) ||
+                             std::any_of(update.changed.begin(), update.changed.end(),
+                                         [&](const PersonPtr& person) { return person->id == cardID; });
+        if (changed) {
+            startCardLoad(cardID);
+        }
+    }
     PeopleChanges changes = PeopleChange::thumbnails;
     if (forgot) {
         ++m_cardsVersion;
@@ -704,16 +713,26 @@ void PeopleLoader::card(const std::string& cardID, std::function<void(std::optio
         m_context.onMain([card = *cached, done = std::move(done)] { done(card); });
         return;
     }
-    auto& waiting = m_cardLoads[cardID];
-    waiting.push_back(std::move(done));
-    if (waiting.size() > 1) {
+    auto& load = m_cardLoads[cardID];
+    load.callers.push_back(std::move(done));
+    if (load.callers.size() > 1) {
         return; // one read per card at a time; this caller shares it
     }
+    startCardLoad(cardID);
+}
+
+void PeopleLoader::startCardLoad(const std::string& cardID) {
+    const auto generation = ++m_cardLoadGeneration;
+    m_cardLoads[cardID].generation = generation;
     m_context.runOn(
         m_context.background(), [book = m_context.book(), cardID] { return book->card(cardID); },
-        [this, cardID](Result<ContactCard, AddressBookError> card) {
-            auto callers = std::move(m_cardLoads[cardID]);
-            m_cardLoads.erase(cardID);
+        [this, cardID, generation](Result<ContactCard, AddressBookError> card) {
+            const auto found = m_cardLoads.find(cardID);
+            if (found == m_cardLoads.end() || found->second.generation != generation) {
+                return; // the card changed on disk meanwhile: a newer read answers
+            }
+            auto callers = std::move(found->second.callers);
+            m_cardLoads.erase(found);
             std::optional<ContactCard> answer;
             if (card.ok()) {
                 answer = std::move(card.value());
