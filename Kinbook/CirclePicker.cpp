@@ -99,6 +99,10 @@ void CirclePicker::showRefusal(const CircleError& error) {
     m_refusal->show();
 }
 
+void CirclePicker::clearRefusal() {
+    m_refusal->hide();
+}
+
 QString CirclePicker::refusalText() const {
     return m_refusal->isHidden() ? QString() : m_refusal->text();
 }

@@ -32,6 +32,8 @@ public:
     void showRefusal(const CircleError& error);
 
     std::optional<ContactCircle> current() const { return m_current; }
+    // Takes a refusal away: the user has moved on to something else.
+    void clearRefusal();
     // The refusal shown, or empty.
     QString refusalText() const;
     // The suggestion line shown, or empty.

@@ -6,6 +6,7 @@
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/LinkService.h"
 #include "KinbookKit/records/StockLabel.h"
+#include "KinbookKit/text/CodePoints.h"
 
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -16,6 +17,7 @@
 #include <QPainterPath>
 #include <QPushButton>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <set>
 
 namespace kinbook {
@@ -126,21 +128,106 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
     showNobody();
 }
 
+// The rows of the page as they are added, section after section, keeping
+// the row the keyboard was on.
+class ContactPage::Rows {
+public:
+    Rows(ContactFields* fields, const QPalette& palette, QString currentEntry)
+        : m_fields(fields), m_palette(palette), m_currentEntry(std::move(currentEntry)) {}
+
+    void addTitle(const QString& title) {
+        auto* row = new QTreeWidgetItem(m_fields, QStringList{title});
+        QFont font = m_fields->font();
+        font.setBold(true);
+        row->setFont(0, font);
+        row->setFlags(Qt::ItemIsEnabled);
+        row->setFirstColumnSpanned(true);
+        row->setForeground(0, m_palette.color(QPalette::PlaceholderText));
+    }
+
+    QTreeWidgetItem* addRow(const QString& label, const QString& value) {
+        auto* row = new QTreeWidgetItem(m_fields, QStringList{label, value});
+        row->setTextAlignment(0, Qt::AlignRight | Qt::AlignTop);
+        row->setForeground(0, m_palette.color(QPalette::PlaceholderText));
+        return row;
+    }
+
+    // A phone, e-mail or address of a card, which can be marked former.
+    QTreeWidgetItem* addEntry(const QString& label, const QString& value, const QString& cardID,
+                              const ContactCard::Item& item) {
+        auto* row = addRow(label, value);
+        const QString entryID = qt(item.id);
+        row->setData(0, ContactFields::EntryIDRole, entryID);
+        row->setData(0, ContactFields::MarkableRole, true);
+        row->setData(0, ContactFields::LabelRole, qt(item.label));
+        row->setData(0, ContactPage::CardIDRole, cardID);
+        if (!entryID.isEmpty() && entryID == m_currentEntry) {
+            m_restore = row;
+        }
+        return row;
+    }
+
+    const QPalette& palette() const { return m_palette; }
+    QFont font() const { return m_fields->font(); }
+    QTreeWidgetItem* restore() const { return m_restore; }
+
+private:
+    ContactFields* m_fields;
+    const QPalette& m_palette;
+    QString m_currentEntry;
+    QTreeWidgetItem* m_restore = nullptr;
+};
+
+namespace {
+
+// What makes two entries of one kind the same for the page: a phone by its
+// digits, anything else by its text without case.
+std::string sameness(const std::string& value, bool phone) {
+    if (phone) {
+        const std::string digits = numberCharacters(value);
+        if (!digits.empty()) {
+            return digits;
+        }
+    }
+    return utf8(qt(value).simplified().toCaseFolded());
+}
+
+QString withMark(const QString& text, const QString& mark) {
+    if (mark.isEmpty()) {
+        return text;
+    }
+    return text.isEmpty() ? mark : QString("%1 \u00B7 %2").arg(text, mark);
+}
+
+} // namespace
+
 void ContactPage::showNobody() {
     m_person.reset();
-    m_card.reset();
+    m_cards.clear();
+    m_notes.clear();
+    m_pastJobs.clear();
     m_body->hide();
     m_empty->show();
 }
 
-void ContactPage::showPerson(const Person& person, const std::map<std::string, std::string>& accountNames) {
+void ContactPage::showPerson(const Person& person, const std::map<std::string, std::string>& accountNames,
+                             const std::map<std::string, std::string>& cardAccounts) {
     const bool samePerson = m_person && m_person->id == person.id;
     m_person = person;
     m_accountNames = accountNames;
+    m_cardAccounts = cardAccounts;
     if (!samePerson) {
-        m_card.reset();
+        m_cards.clear();
+        m_notes.clear();
+        m_pastJobs.clear();
         m_pictureImage = QImage();
     }
+    // A card that left the person (unlinked, deleted) leaves the page too.
+    std::erase_if(m_cards, [&](const auto& entry) {
+        return std::find(person.memberIDs.begin(), person.memberIDs.end(), entry.first) ==
+                   person.memberIDs.end() &&
+               entry.first != person.id;
+    });
     m_empty->hide();
     m_body->show();
     m_hide->setText(person.hidden ? "Unhide" : "Hide");
@@ -148,11 +235,43 @@ void ContactPage::showPerson(const Person& person, const std::map<std::string, s
 }
 
 void ContactPage::showCard(const ContactCard& card) {
-    if (!m_person || card.id != m_person->id) {
+    if (!m_person) {
         return;
     }
-    m_card = card;
+    const auto& members = m_person->memberIDs;
+    if (card.id != m_person->id && std::find(members.begin(), members.end(), card.id) == members.end()) {
+        return;
+    }
+    m_cards.insert_or_assign(card.id, card);
     rebuildFields();
+}
+
+void ContactPage::showNotes(const std::map<std::string, std::string>& notes) {
+    if (notes == m_notes) {
+        return;
+    }
+    m_notes = notes;
+    std::erase_if(m_notes, [](const auto& entry) { return entry.second.empty(); });
+    rebuildFields();
+}
+
+void ContactPage::showPastJobs(const std::vector<PastJob>& jobs) {
+    if (jobs == m_pastJobs) {
+        return;
+    }
+    m_pastJobs = jobs;
+    rebuildFields();
+}
+
+bool ContactPage::hasAllCards() const {
+    if (!m_person) {
+        return false;
+    }
+    if (m_person->memberIDs.empty()) {
+        return m_cards.contains(m_person->id);
+    }
+    return std::all_of(m_person->memberIDs.begin(), m_person->memberIDs.end(),
+                       [&](std::string_view id) { return m_cards.contains(std::string(id)); });
 }
 
 void ContactPage::showPicture(const QImage& picture) {
@@ -199,15 +318,48 @@ void ContactPage::drawPicture() {
     m_picture->setPixmap(picture);
 }
 
-void ContactPage::rebuildFields() {
+std::vector<const ContactCard*> ContactPage::shownCards() const {
+    std::vector<const ContactCard*> cards;
     if (!m_person) {
-        return;
+        return cards;
     }
-    const Person& person = *m_person;
-    const ContactCard* card = m_card ? &*m_card : nullptr;
+    const auto add = [&](const std::string& id) {
+        const auto found = m_cards.find(id);
+        if (found != m_cards.end() && std::find(cards.begin(), cards.end(), &found->second) == cards.end()) {
+            cards.push_back(&found->second);
+        }
+    };
+    add(m_person->id);
+    for (const auto& id : m_person->memberIDs) {
+        add(std::string(id));
+    }
+    return cards;
+}
 
-    // Names: the card's full name when it is here, else the list's.
-    if (card != nullptr) {
+const ContactCard* ContactPage::leadingCard() const {
+    if (!m_person) {
+        return nullptr;
+    }
+    const auto found = m_cards.find(m_person->id);
+    return found == m_cards.end() ? nullptr : &found->second;
+}
+
+QString ContactPage::accountMark(const std::string& cardID) const {
+    if (!m_person || m_person->accountIDs.size() < 2) {
+        return {};
+    }
+    const auto account = m_cardAccounts.find(cardID);
+    if (account == m_cardAccounts.end()) {
+        return {};
+    }
+    const auto name = m_accountNames.find(account->second);
+    return qt(name != m_accountNames.end() ? name->second : account->second);
+}
+
+void ContactPage::showHeader() {
+    const Person& person = *m_person;
+    // Names: the leading card's full name when it is here, else the list's.
+    if (const ContactCard* card = leadingCard()) {
         const QString full = joinNonEmpty(
             {card->namePrefix, card->givenName, card->middleName, card->familyName, card->nameSuffix}, " ");
         m_name->setText(full.isEmpty() ? qt(person.displayName()) : full);
@@ -231,7 +383,13 @@ void ContactPage::rebuildFields() {
     }
     m_details->setVisible(!m_details->text().isEmpty());
     m_work->setVisible(!m_work->text().isEmpty());
+}
 
+void ContactPage::rebuildFields() {
+    if (!m_person) {
+        return;
+    }
+    showHeader();
     drawPicture();
 
     // Keep the row the keyboard is on, by its entry, across a rebuild.
@@ -239,137 +397,251 @@ void ContactPage::rebuildFields() {
                                      ? m_fields->currentItem()->data(0, ContactFields::EntryIDRole).toString()
                                      : QString();
     m_fields->clear();
-    QTreeWidgetItem* restore = nullptr;
+    Rows rows(m_fields, palette(), currentEntry);
+    addEntrySections(rows);
+    addWorkSection(rows);
+    addLinksSection(rows);
+    addDatesSection(rows);
+    addRelatedSection(rows);
+    addPastJobsSection(rows);
+    addNotesSection(rows);
+    addAccountsSection(rows);
+    addCircleSection(rows);
+    if (rows.restore() != nullptr) {
+        m_fields->setCurrentItem(rows.restore());
+    }
+}
 
-    auto addTitle = [&](const QString& title) {
-        auto* row = new QTreeWidgetItem(m_fields, QStringList{title});
-        QFont font = m_fields->font();
-        font.setBold(true);
-        row->setFont(0, font);
-        row->setFlags(Qt::ItemIsEnabled);
-        row->setFirstColumnSpanned(true);
-        row->setForeground(0, palette().color(QPalette::PlaceholderText));
+// Phones, e-mails and addresses of every card: a value two cards hold is
+// shown once, from the first card; former entries come after the current
+// ones, drawn quieter, their label saying "ex-".
+void ContactPage::addEntrySections(Rows& rows) const {
+    const auto cards = shownCards();
+    if (cards.empty()) {
+        // Until the cards are read, what the list knows.
+        const Person& person = *m_person;
+        if (!person.phoneNumbers.empty()) {
+            rows.addTitle("Phone");
+            for (const auto& phone : person.phoneNumbers) {
+                rows.addRow({}, qt(phone));
+            }
+        }
+        if (!person.emailAddresses.empty()) {
+            rows.addTitle("E-mail");
+            for (const auto& email : person.emailAddresses) {
+                rows.addRow({}, qt(email));
+            }
+        }
+        return;
+    }
+    struct Kind {
+        const char* title;
+        std::vector<ContactCard::Item> ContactCard::*items;
+        bool phone;
     };
-    auto addRow = [&](const QString& label, const QString& value, const QString& entryID = {},
-                      bool markable = false, const QString& storedLabel = {}) {
-        auto* row = new QTreeWidgetItem(m_fields, QStringList{label, value});
-        row->setTextAlignment(0, Qt::AlignRight | Qt::AlignTop);
-        row->setForeground(0, palette().color(QPalette::PlaceholderText));
-        row->setData(0, ContactFields::EntryIDRole, entryID);
-        if (markable) {
-            row->setData(0, ContactFields::MarkableRole, true);
-            row->setData(0, ContactFields::LabelRole, storedLabel);
+    for (const Kind kind :
+         {Kind{"Phone", &ContactCard::phones, true}, Kind{"E-mail", &ContactCard::emails, false},
+          Kind{"Address", &ContactCard::addresses, false}}) {
+        struct Shown {
+            const ContactCard* card;
+            ContactCard::Item item;
+        };
+        std::vector<Shown> current;
+        std::vector<Shown> former;
+        std::set<std::string> seen;
+        for (const ContactCard* card : cards) {
+            for (const auto& item : card->*kind.items) {
+                if (!seen.insert(sameness(item.value, kind.phone)).second) {
+                    continue;
+                }
+                (ExLabel::isFormer(item.label) ? former : current).push_back({card, item});
+            }
         }
-        if (!entryID.isEmpty() && entryID == currentEntry) {
-            restore = row;
+        if (current.empty() && former.empty()) {
+            continue;
         }
-        return row;
-    };
-    // Phones, e-mails and addresses: former entries after the current ones,
-    // drawn quieter, their label saying "ex-".
-    auto addEntries = [&](const QString& title, const std::vector<ContactCard::Item>& items) {
-        if (items.empty()) {
-            return;
-        }
-        addTitle(title);
-        for (const auto& item : ExLabel::formerLast(items)) {
-            const QString label = qt(item.label.empty() ? std::string() : localizedLabel(item.label));
-            auto* row = addRow(label, qt(item.value), qt(item.id), true, qt(item.label));
+        rows.addTitle(kind.title);
+        current.insert(current.end(), former.begin(), former.end());
+        for (const auto& [card, item] : current) {
+            const QString label = withMark(
+                qt(item.label.empty() ? std::string() : localizedLabel(item.label)), accountMark(card->id));
+            auto* row = rows.addEntry(label, qt(item.value), qt(card->id), item);
             if (ExLabel::isFormer(item.label)) {
-                QFont font = m_fields->font();
+                QFont font = rows.font();
                 font.setItalic(true);
                 row->setFont(1, font);
-                row->setForeground(1, palette().color(QPalette::PlaceholderText));
+                row->setForeground(1, rows.palette().color(QPalette::PlaceholderText));
                 row->setToolTip(1, "A former entry: kept so mail and calls are still recognized");
                 row->setData(1, Qt::AccessibleTextRole, QString("%1, former").arg(qt(item.value)));
             }
         }
-    };
-
-    if (card != nullptr) {
-        addEntries("Phone", card->phones);
-        addEntries("E-mail", card->emails);
-        addEntries("Address", card->addresses);
-
-        // Links: the recognised profiles first, then other web addresses and
-        // any profile not already shown as a link.
-        std::set<QString> shown;
-        const bool anyLinks =
-            !card->links.empty() || !card->urls.empty() || !card->social.empty() || !card->messaging.empty();
-        if (anyLinks) {
-            addTitle("Links");
-        }
-        for (const auto& link : card->links) {
-            auto* row = addRow(qt(displayName(link.service)), qt(link.handle));
-            if (auto url = webURL(link)) {
-                row->setToolTip(1, qt(*url));
-            }
-            shown.insert(folded(displayName(link.service)) + "\n" + folded(link.handle));
-        }
-        for (const auto& url : card->urls) {
-            addRow(qt(localizedLabel(url.label)), qt(url.value));
-        }
-        for (const auto* items : {&card->social, &card->messaging}) {
-            for (const auto& item : *items) {
-                if (shown.insert(folded(item.label) + "\n" + folded(item.value)).second) {
-                    addRow(qt(item.label), qt(item.value));
-                }
-            }
-        }
-
-        if (card->birthday || !card->dates.empty()) {
-            addTitle("Dates");
-            if (card->birthday) {
-                addRow("birthday", qt(*card->birthday));
-            }
-            for (const auto& date : card->dates) {
-                addRow(qt(localizedLabel(date.label)), qt(date.value));
-            }
-        }
-        if (!card->relations.empty()) {
-            addTitle("Related");
-            for (const auto& relation : card->relations) {
-                addRow(qt(localizedLabel(relation.label)), qt(relation.value));
-            }
-        }
-    } else {
-        // Until the card is read, what the list knows.
-        if (!person.phoneNumbers.empty()) {
-            addTitle("Phone");
-            for (const auto& phone : person.phoneNumbers) {
-                addRow({}, qt(phone));
-            }
-        }
-        if (!person.emailAddresses.empty()) {
-            addTitle("E-mail");
-            for (const auto& email : person.emailAddresses) {
-                addRow({}, qt(email));
-            }
-        }
-    }
-
-    addTitle("Accounts");
-    for (const auto& accountID : person.accountIDs) {
-        const auto found = m_accountNames.find(std::string(accountID));
-        addRow({}, qt(found != m_accountNames.end() ? found->second : accountID));
-    }
-    addTitle("Circle");
-    addRow({}, person.circle
-                   ? QString("%1 (%2)").arg(qt(circleTitle(*person.circle)), qt(circleBadge(*person.circle)))
-                   : QString("No circle"));
-
-    if (restore != nullptr) {
-        m_fields->setCurrentItem(restore);
     }
 }
 
+// The work of the other cards, where it is not what the header shows.
+void ContactPage::addWorkSection(Rows& rows) const {
+    const ContactCard* leading = leadingCard();
+    std::set<QString> seen;
+    if (leading != nullptr) {
+        seen.insert(joinNonEmpty({leading->jobTitle, leading->department, leading->organization}, " · "));
+    }
+    bool titled = false;
+    for (const ContactCard* card : shownCards()) {
+        if (card == leading) {
+            continue;
+        }
+        const QString work = joinNonEmpty({card->jobTitle, card->department, card->organization}, " · ");
+        if (work.isEmpty() || !seen.insert(work).second) {
+            continue;
+        }
+        if (!titled) {
+            rows.addTitle("Work");
+            titled = true;
+        }
+        rows.addRow(accountMark(card->id), work);
+    }
+}
+
+// Links: the recognised profiles first, then other web addresses and any
+// profile not already shown as a link, each once across the cards.
+void ContactPage::addLinksSection(Rows& rows) const {
+    std::set<QString> shown;
+    bool titled = false;
+    const auto title = [&] {
+        if (!titled) {
+            rows.addTitle("Links");
+            titled = true;
+        }
+    };
+    const auto cards = shownCards();
+    for (const ContactCard* card : cards) {
+        for (const auto& link : card->links) {
+            if (!shown.insert(folded(displayName(link.service)) + "\n" + folded(link.handle)).second) {
+                continue;
+            }
+            title();
+            auto* row = rows.addRow(qt(displayName(link.service)), qt(link.handle));
+            if (auto url = webURL(link)) {
+                row->setToolTip(1, qt(*url));
+            }
+        }
+    }
+    for (const ContactCard* card : cards) {
+        for (const auto& url : card->urls) {
+            if (shown.insert("\n" + folded(url.value)).second) {
+                title();
+                rows.addRow(qt(localizedLabel(url.label)), qt(url.value));
+            }
+        }
+    }
+    for (const ContactCard* card : cards) {
+        for (const auto* items : {&card->social, &card->messaging}) {
+            for (const auto& item : *items) {
+                if (shown.insert(folded(item.label) + "\n" + folded(item.value)).second) {
+                    title();
+                    rows.addRow(qt(item.label), qt(item.value));
+                }
+            }
+        }
+    }
+}
+
+void ContactPage::addDatesSection(Rows& rows) const {
+    std::set<QString> shown;
+    bool titled = false;
+    const auto add = [&](const QString& label, const QString& value) {
+        if (!shown.insert(label + "\n" + value).second) {
+            return;
+        }
+        if (!titled) {
+            rows.addTitle("Dates");
+            titled = true;
+        }
+        rows.addRow(label, value);
+    };
+    for (const ContactCard* card : shownCards()) {
+        if (card->birthday) {
+            add("birthday", qt(*card->birthday));
+        }
+        for (const auto& date : card->dates) {
+            add(qt(localizedLabel(date.label)), qt(date.value));
+        }
+    }
+}
+
+void ContactPage::addRelatedSection(Rows& rows) const {
+    std::set<QString> shown;
+    bool titled = false;
+    for (const ContactCard* card : shownCards()) {
+        for (const auto& relation : card->relations) {
+            const QString label = qt(localizedLabel(relation.label));
+            if (!shown.insert(label + "\n" + qt(relation.value)).second) {
+                continue;
+            }
+            if (!titled) {
+                rows.addTitle("Related");
+                titled = true;
+            }
+            rows.addRow(label, qt(relation.value));
+        }
+    }
+}
+
+void ContactPage::addPastJobsSection(Rows& rows) const {
+    bool titled = false;
+    for (const auto& job : m_pastJobs) {
+        if (job.isEmpty()) {
+            continue;
+        }
+        if (!titled) {
+            rows.addTitle("Past Jobs");
+            titled = true;
+        }
+        rows.addRow({}, qt(job.summary()));
+    }
+}
+
+// Each card's note, once where two cards say the same.
+void ContactPage::addNotesSection(Rows& rows) const {
+    std::set<std::string> shown;
+    bool titled = false;
+    for (const ContactCard* card : shownCards()) {
+        const auto note = m_notes.find(card->id);
+        if (note == m_notes.end() || !shown.insert(note->second).second) {
+            continue;
+        }
+        if (!titled) {
+            rows.addTitle("Note");
+            titled = true;
+        }
+        auto* row = rows.addRow(accountMark(card->id), qt(note->second));
+        row->setData(1, Qt::AccessibleTextRole, QString("Note: %1").arg(qt(note->second)));
+    }
+}
+
+void ContactPage::addAccountsSection(Rows& rows) const {
+    rows.addTitle("Accounts");
+    for (const auto& accountID : m_person->accountIDs) {
+        const auto found = m_accountNames.find(std::string(accountID));
+        rows.addRow({}, qt(found != m_accountNames.end() ? found->second : accountID));
+    }
+}
+
+void ContactPage::addCircleSection(Rows& rows) const {
+    const Person& person = *m_person;
+    rows.addTitle("Circle");
+    rows.addRow({}, person.circle ? QString("%1 (%2)").arg(qt(circleTitle(*person.circle)),
+                                                           qt(circleBadge(*person.circle)))
+                                  : QString("No circle"));
+}
+
 QList<QAction*> ContactPage::entryActions(QTreeWidgetItem* row, QObject* parent) {
-    if (row == nullptr || !m_card || !row->data(0, ContactFields::MarkableRole).toBool()) {
+    if (row == nullptr || !row->data(0, ContactFields::MarkableRole).toBool()) {
         return {};
     }
     const QString entryID = row->data(0, ContactFields::EntryIDRole).toString();
     const QString label = row->data(0, ContactFields::LabelRole).toString();
-    const QString cardID = qt(m_card->id);
+    const QString cardID = row->data(0, CardIDRole).toString();
     const bool former = ExLabel::isFormer(utf8(label));
     auto* action = new QAction(formerMenuText(label), parent);
     connect(action, &QAction::triggered, this, [this, cardID, entryID, former] {

@@ -23,6 +23,17 @@ HeadingsColumn::HeadingsColumn(QWidget* parent) : QListWidget(parent) {
         // Choosing the chosen heading again shows every section.
         choose(m_chosen == title ? std::nullopt : std::optional<std::string>(title));
     });
+    // Moving through the column with the keys chooses as a click does. (A
+    // click moves the current heading too, but is answered by itemClicked,
+    // which may also take the choice back.)
+    connect(this, &QListWidget::currentItemChanged, this, [this](QListWidgetItem* current) {
+        if (m_movingByKeys && current != nullptr) {
+            // After the key is handled: choosing rebuilds the column.
+            QMetaObject::invokeMethod(
+                this, [this, title = utf8(current->data(Qt::UserRole).toString())] { choose(title); },
+                Qt::QueuedConnection);
+        }
+    });
     connect(this, &QListWidget::itemActivated, this,
             [this](QListWidgetItem* item) { choose(utf8(item->data(Qt::UserRole).toString())); });
 }
@@ -83,7 +94,9 @@ void HeadingsColumn::keyPressEvent(QKeyEvent* event) {
             return;
         }
     }
+    m_movingByKeys = true;
     QListWidget::keyPressEvent(event);
+    m_movingByKeys = false;
 }
 
 } // namespace kinbook

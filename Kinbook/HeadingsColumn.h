@@ -40,6 +40,7 @@ private:
     std::vector<Heading> m_headings;
     std::optional<std::string> m_chosen;
     bool m_rebuilding = false;
+    bool m_movingByKeys = false; // a key press is moving the current heading
 };
 
 } // namespace kinbook

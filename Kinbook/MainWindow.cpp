@@ -86,7 +86,10 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
         }
     });
     connect(m_headings, &HeadingsColumn::headingChosen, this,
-            [this](const std::optional<std::string>& title) { m_list.setHeadingFilter(title); });
+            [this](const std::optional<std::string>& title) {
+                beginAction();
+                m_list.setHeadingFilter(title);
+            });
     connect(m_headings, &HeadingsColumn::leaveLeftRequested, this, [this] { m_sidebar->setFocus(); });
     connect(m_headings, &HeadingsColumn::leaveRightRequested, this, [this] { m_table->setFocus(); });
     connect(m_table, &PeopleTable::selectedPersonChanged, this, &MainWindow::personSelected);
@@ -95,6 +98,7 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
     connect(m_page, &ContactPage::leaveLeftRequested, this, [this] { m_table->setFocus(); });
     connect(m_page, &ContactPage::markFormerRequested, this,
             [this](const QString& cardID, const QString& entryID) {
+                beginAction();
                 m_list.markFormer(utf8(cardID), utf8(entryID), [self = QPointer(this)](ActionResult result) {
                     if (self) {
                         self->reportAction(result);
@@ -103,6 +107,7 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
             });
     connect(m_page, &ContactPage::markCurrentRequested, this,
             [this](const QString& cardID, const QString& entryID) {
+                beginAction();
                 m_list.markCurrent(utf8(cardID), utf8(entryID), [self = QPointer(this)](ActionResult result) {
                     if (self) {
                         self->reportAction(result);
@@ -110,6 +115,9 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
                 });
             });
     connect(m_page, &ContactPage::hiddenChangeRequested, this, [this](const QString& personID, bool hidden) {
+        beginAction();
+        // Hidden from the page, the person stays on it, so that Unhide is at hand.
+        m_keptAfterHiding = hidden ? utf8(personID) : std::string();
         m_list.setHidden(utf8(personID), hidden, [self = QPointer(this)](ActionResult result) {
             if (self) {
                 self->reportAction(result);
@@ -121,16 +129,21 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
                 if (m_pagePersonID.empty()) {
                     return;
                 }
+                m_list.clearActionError();
                 m_list.setCircle(m_pagePersonID, circle, [self = QPointer(this)](ActionResult result) {
                     if (self) {
                         self->reportAction(result);
                     }
                 });
             });
-    connect(m_sortMenu, &SortMenu::orderChosen, this,
-            [this](SortOrder order) { m_list.setSortOrder(order); });
-    connect(m_sortMenu, &SortMenu::directionChosen, this,
-            [this](bool descending) { m_list.setDescending(descending); });
+    connect(m_sortMenu, &SortMenu::orderChosen, this, [this](SortOrder order) {
+        beginAction();
+        m_list.setSortOrder(order);
+    });
+    connect(m_sortMenu, &SortMenu::directionChosen, this, [this](bool descending) {
+        beginAction();
+        m_list.setDescending(descending);
+    });
     connect(m_images.get(), &ThumbnailImages::imagesReady, m_table->viewport(),
             qOverload<>(&QWidget::update));
 
@@ -320,19 +333,36 @@ void MainWindow::listChanged(PeopleList::Changes changes) {
     }
 }
 
+void MainWindow::beginAction() {
+    // A refusal or an error is about the action just tried; the next one
+    // makes it stale.
+    m_page->circlePicker()->clearRefusal();
+    m_list.clearActionError();
+}
+
 void MainWindow::showSections() {
     // The model is reset; the person on the page is chosen again when they
     // are still in the list, and stays on the page when not (after Hide, so
     // that Unhide is at hand).
     const std::string keep = m_pagePersonID;
+    bool left = false;
     {
         const QSignalBlocker quiet(m_table);
         m_model->setSections(m_list.sharedSections());
         if (!keep.empty()) {
             if (auto row = m_model->rowOf(keep)) {
                 m_table->selectPersonRow(*row);
+            } else {
+                left = keep != m_keptAfterHiding;
             }
         }
+    }
+    // A person the list no longer shows (a filter, a search, another
+    // program's change) leaves the page too, but for one the page itself
+    // just hid, whom Unhide is to bring back.
+    if (left) {
+        m_pagePersonID.clear();
+        m_page->showNobody();
     }
     if (m_list.scrollToTopToken() != m_scrollToTopToken) {
         m_scrollToTopToken = m_list.scrollToTopToken();
@@ -369,7 +399,11 @@ void MainWindow::refreshFilters() {
 
 void MainWindow::refreshStatus() {
     QString text;
-    const int shown = m_list.matchCount();
+    // What the list shows, the heading filter included.
+    int shown = 0;
+    for (const auto& section : m_list.sections()) {
+        shown += static_cast<int>(section.people.size());
+    }
     if (m_list.people().empty() && m_list.isLoading()) {
         text = "Loading…";
     } else if (!m_list.searchText().empty()) {
@@ -391,21 +425,12 @@ void MainWindow::personSelected(const QString& id) {
     if (!person) {
         return;
     }
-    const bool changed = person->id != m_pagePersonID;
-    m_pagePersonID = person->id;
-    refreshPage();
-    if (changed && !m_list.cachedCard(person->id)) {
-        m_list.card(person->id, [self = QPointer(this), id = person->id](std::optional<ContactCard> card) {
-            if (self && self->m_pagePersonID == id) {
-                if (card) {
-                    self->m_page->showCard(*card);
-                }
-                Q_EMIT self->pageCardShown();
-            }
-        });
-    } else if (changed) {
-        Q_EMIT pageCardShown();
+    if (person->id != m_pagePersonID) {
+        m_pagePersonID = person->id;
+        m_pageCardPending = true;
+        m_keptAfterHiding.clear();
     }
+    refreshPage();
 }
 
 void MainWindow::refreshPage() {
@@ -428,12 +453,57 @@ void MainWindow::refreshPage() {
     if (person->id != m_pagePictureID) {
         m_pagePictureBytes.reset();
     }
-    m_page->showPerson(*person, accountNames);
+    m_page->showPerson(*person, accountNames, m_list.cardAccounts(*person));
     m_page->circlePicker()->setPerson(person->circle, m_list.circleCounts(), std::nullopt);
-    if (const ContactCard* card = m_list.cachedCard(person->id)) {
-        m_page->showCard(*card);
+    m_page->showPastJobs(m_list.pastJobs(person->id));
+
+    // Every card of the person: those read lately at once, the others from
+    // the store. A card another program changed was dropped from the cache
+    // and is read again here.
+    std::vector<std::string> cardIDs;
+    for (const auto& member : person->memberIDs) {
+        cardIDs.emplace_back(member);
+    }
+    if (cardIDs.empty()) {
+        cardIDs.push_back(person->id);
+    }
+    for (const auto& cardID : cardIDs) {
+        if (const ContactCard* card = m_list.cachedCard(cardID)) {
+            m_page->showCard(*card);
+            continue;
+        }
+        m_list.card(cardID, [self = QPointer(this), id = person->id](std::optional<ContactCard> card) {
+            if (self && self->m_pagePersonID == id) {
+                if (card) {
+                    self->m_page->showCard(*card);
+                    self->pageCardsArrived();
+                } else if (std::exchange(self->m_pageCardPending, false)) {
+                    Q_EMIT self->pageCardShown(); // the card is gone: nothing more will come
+                }
+            }
+        });
+    }
+    pageCardsArrived();
+
+    // The notes, once per person and again whenever the cards change.
+    const auto notesKey = std::make_pair(person->id, m_list.cardsVersion());
+    if (notesKey != m_pageNotesKey) {
+        m_pageNotesKey = notesKey;
+        m_list.notes(cardIDs,
+                     [self = QPointer(this), id = person->id](std::map<std::string, std::string> notes) {
+                         if (self && self->m_pagePersonID == id) {
+                             self->m_page->showNotes(notes);
+                         }
+                     });
     }
     showPagePicture();
+}
+
+void MainWindow::pageCardsArrived() {
+    if (m_pageCardPending && m_page->hasAllCards()) {
+        m_pageCardPending = false;
+        Q_EMIT pageCardShown();
+    }
 }
 
 void MainWindow::showPagePicture() {
@@ -465,6 +535,7 @@ bool MainWindow::selectPerson(std::string_view id) {
 }
 
 void MainWindow::sidebarChosen(const SidebarChoice& choice) {
+    beginAction();
     // One choice may clear one filter and set another: the list is rebuilt
     // once for both, and not at all when the choice is the one shown.
     auto view = m_list.view();

@@ -105,10 +105,14 @@ private:
     void refreshStatus();
     void refreshPage();
     void showPagePicture();
+    // Announces pageCardShown once the page holds every card of its person.
+    void pageCardsArrived();
     void personSelected(const QString& id);
     void sidebarChosen(const SidebarChoice& choice);
     void updateHeadingsVisibility();
     void reportAction(const ActionResult& result);
+    // Clears what the last action left to say before the next one runs.
+    void beginAction();
     void focusLeftOfList();
     void focusPage();
 
@@ -135,7 +139,10 @@ private:
     QPushButton* m_stateButton = nullptr;
 
     bool m_showHeadings = true;
-    std::string m_pagePersonID; // the person the page shows
+    std::string m_pagePersonID;     // the person the page shows
+    std::string m_keptAfterHiding;  // hidden from the page, and kept on it for Unhide
+    bool m_pageCardPending = false; // pageCardShown is owed once the page has every card
+    std::pair<std::string, std::uint64_t> m_pageNotesKey; // person id and cards version of the notes read
     // The thumbnail the page's picture was made from.
     std::shared_ptr<const std::vector<std::uint8_t>> m_pagePictureBytes;
     std::string m_pagePictureID;

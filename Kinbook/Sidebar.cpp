@@ -45,9 +45,22 @@ void Sidebar::setCounts(const SidebarCounts& counts) {
         }
     }
     addGroupTitle("Circles");
+    // Each circle counts the people in it: the people the list shows when
+    // it is chosen. How full it is counts the circles inside it too ("your
+    // 15 includes your 5"), which the tooltip says.
     for (ContactCircle circle : allCircles()) {
-        addEntry(qt(circleTitle(circle)), {SidebarChoice::Kind::circle, {}, circle},
-                 cumulativeSize(counts.circleCounts, circle), qt(circleBadge(circle)));
+        const auto found = counts.circleCounts.find(circle);
+        const int own = found != counts.circleCounts.end() ? found->second : 0;
+        QListWidgetItem* entry = addEntry(qt(circleTitle(circle)), {SidebarChoice::Kind::circle, {}, circle},
+                                          own, qt(circleBadge(circle)));
+        const int cumulative = cumulativeSize(counts.circleCounts, circle);
+        const auto capacity = circleCapacity(circle);
+        entry->setToolTip(capacity ? QString("%1 in %2; your %3 holds %4 of %3")
+                                         .arg(own)
+                                         .arg(qt(circleTitle(circle)))
+                                         .arg(*capacity)
+                                         .arg(cumulative)
+                                   : QString("%1 in %2").arg(own).arg(qt(circleTitle(circle))));
     }
     addEntry("Hidden", {SidebarChoice::Kind::hidden, {}, std::nullopt}, counts.hidden);
 
@@ -70,7 +83,8 @@ void Sidebar::showChoice(const SidebarChoice& choice) {
     }
 }
 
-void Sidebar::addEntry(const QString& title, SidebarChoice choice, int count, const QString& badge) {
+QListWidgetItem* Sidebar::addEntry(const QString& title, SidebarChoice choice, int count,
+                                   const QString& badge) {
     auto* entry = new QListWidgetItem(title, this);
     entry->setData(KindRole, static_cast<int>(choice.kind));
     entry->setData(KeyRole, choice.kind == SidebarChoice::Kind::circle
@@ -79,6 +93,7 @@ void Sidebar::addEntry(const QString& title, SidebarChoice choice, int count, co
     entry->setData(CountRole, count);
     entry->setData(BadgeRole, badge);
     entry->setData(Qt::AccessibleTextRole, QString("%1, %2").arg(title).arg(count));
+    return entry;
 }
 
 void Sidebar::addGroupTitle(const QString& title) {

@@ -28,14 +28,15 @@ struct SidebarCounts {
     int everyone = 0; // the people the All entry lists (hidden ones left out)
     std::vector<Account> accounts;
     std::map<std::string, int> accountCounts;
-    CircleCounts circleCounts; // per circle; the sidebar shows each circle's cumulative size
+    CircleCounts circleCounts; // per circle
     int hidden = 0;
 
     bool operator==(const SidebarCounts&) const = default;
 };
 
 // The column at the window's left edge: All, each account with its count,
-// the six circles with their badges and cumulative counts, and Hidden.
+// the six circles with their badges and the people in each (what the list
+// shows when the circle is chosen), and Hidden.
 class Sidebar final : public QListWidget {
     Q_OBJECT
 public:
@@ -62,7 +63,8 @@ protected:
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
-    void addEntry(const QString& title, SidebarChoice choice, int count, const QString& badge = {});
+    QListWidgetItem* addEntry(const QString& title, SidebarChoice choice, int count,
+                              const QString& badge = {});
     void addGroupTitle(const QString& title);
     QListWidgetItem* itemFor(const SidebarChoice& choice) const;
     static SidebarChoice choiceOf(const QListWidgetItem* item);

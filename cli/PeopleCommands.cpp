@@ -7,10 +7,12 @@
 #include "cli/JsonWriter.h"
 #include "cli/PeopleOutput.h"
 #include "cli/PeopleSession.h"
+#include "cli/Terminal.h"
 
 #include <fmt/core.h>
 #include <fmt/ranges.h>
 
+#include <cctype>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,6 +56,29 @@ std::string sortChoices() {
     return fmt::format("{}", fmt::join(choices, ", "));
 }
 
+// A sort order as people type it: its name in any case ("lastName",
+// "LASTNAME"), with a blank, hyphen or underscore between the words
+// ("last-name", "last_name"), or the sort menu's title ("Zip Code",
+// "Most Complete", "Picture").
+std::optional<SortOrder> sortOrderFromArgument(std::string_view text) {
+    const auto squeezed = [](std::string_view words) {
+        std::string out;
+        for (const char c : words) {
+            if (c != '-' && c != '_' && c != ' ') {
+                out += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            }
+        }
+        return out;
+    };
+    const std::string wanted = squeezed(text);
+    for (const SortOrder order : allSortOrders()) {
+        if (wanted == squeezed(rawValue(order)) || wanted == squeezed(sortOrderTitle(order))) {
+            return order;
+        }
+    }
+    return std::nullopt;
+}
+
 std::string joined(const std::vector<std::string>& words) {
     return fmt::format("{}", fmt::join(words, " "));
 }
@@ -76,7 +101,7 @@ void addViewOptions(CLI::App* command, ViewArguments& view) {
         ->type_name("ORDER")
         ->capture_default_str()
         ->check([](const std::string& value) -> std::string {
-            return sortOrderFromRawValue(value)
+            return sortOrderFromArgument(value)
                        ? std::string()
                        : fmt::format("unknown sort order \"{}\" (one of {})", value, sortChoices());
         });
@@ -122,7 +147,7 @@ std::string accountFromArgument(PeopleSession& session, const std::string& argum
 
 ListView viewFrom(PeopleSession& session, const ViewArguments& arguments, std::string searchText) {
     ListView view;
-    view.order = *sortOrderFromRawValue(arguments.sort);
+    view.order = *sortOrderFromArgument(arguments.sort);
     view.descending = arguments.descending;
     if (arguments.account) {
         view.accountID = accountFromArgument(session, *arguments.account);
@@ -139,11 +164,12 @@ void printSections(const ToolOptions& options, const PeopleSession::Shown& shown
     if (options.json) {
         writeSectionsJson(stdout, shown.sections, shown.matchCount);
     } else {
-        print(sectionsText(shown.sections, shown.matchCount, hidden ? "hidden" : "people"));
+        print(sectionsText(shown.sections, shown.matchCount, hidden ? "hidden" : "people",
+                           Terminal::ofStandardOutput()));
     }
 }
 
-void runCompletion(const ToolOptions& options, const std::string& query, CompletionKind kind) {
+void runCompletion(const ToolOptions& options, const std::string& query, CompletionKind kind, bool parsable) {
     PeopleSession session(options);
     session.load();
     ListView view;
@@ -179,7 +205,8 @@ void runCompletion(const ToolOptions& options, const std::string& query, Complet
                                    : (one ? "phone number" : "phone numbers"),
                              people, people == 1 ? "person" : "people", query);
     }
-    print(completionText(lines, status));
+    // Clients that take every line for an address (aerc) are given no status line.
+    print(parsable ? completionLines(lines) : completionText(lines, status));
     session.finish();
 }
 
@@ -322,6 +349,7 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
     }
 
     auto completionWords = std::make_shared<std::vector<std::string>>();
+    auto parsable = std::make_shared<bool>(false);
     for (const CompletionKind kind : {CompletionKind::email, CompletionKind::phone}) {
         const bool email = kind == CompletionKind::email;
         auto* command = app.add_subcommand(email ? "email" : "phone",
@@ -331,8 +359,11 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
                                                  : "Phone numbers in the same completion format: a status "
                                                    "line, then number<TAB>name<TAB>label");
         command->add_option("QUERY", *completionWords, "What to search for, as with search")->required();
-        command->callback(
-            [&options, completionWords, kind] { runCompletion(options, joined(*completionWords), kind); });
+        command->add_flag("--parsable", *parsable,
+                          "Leave out the status line, for clients that read every line as an entry (aerc)");
+        command->callback([&options, completionWords, parsable, kind] {
+            runCompletion(options, joined(*completionWords), kind, *parsable);
+        });
     }
 }
 

@@ -112,7 +112,11 @@ ContactCard withFormerLast(ContactCard card) {
 json personJson(const Person& person, std::span<const ShownCard> cards) {
     json list = json::array();
     for (const auto& shown : cards) {
-        list.push_back(withFormerLast(shown.card).toJSON());
+        json card = withFormerLast(shown.card).toJSON();
+        if (!shown.note.empty()) {
+            card["note"] = shown.note;
+        }
+        list.push_back(std::move(card));
     }
     return {{"person", person.toJSON()}, {"cards", std::move(list)}};
 }
@@ -128,27 +132,106 @@ json accountsJson(std::span<const Account> accounts, const std::map<std::string,
     return list;
 }
 
-std::string sectionsText(std::span<const Section> sections, int matchCount, std::string_view what) {
-    // Columns sized to what is shown, within reason for a terminal.
+namespace {
+
+// Each id cut to its shortest start that no other shown id shares, and to
+// no fewer than kShortIDLength characters.
+std::map<std::string_view, std::string_view> shortIDs(std::span<const Section> sections) {
+    std::vector<std::string_view> ids;
+    for (const auto& section : sections) {
+        for (const auto& person : section.people) {
+            ids.push_back(person->id);
+        }
+    }
+    std::sort(ids.begin(), ids.end());
+    const auto common = [](std::string_view left, std::string_view right) {
+        std::size_t length = 0;
+        while (length < left.size() && length < right.size() && left[length] == right[length]) {
+            ++length;
+        }
+        return length;
+    };
+    std::map<std::string_view, std::string_view> shortened;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        std::size_t needed = kShortIDLength;
+        if (i > 0) {
+            needed = std::max(needed, common(ids[i - 1], ids[i]) + 1);
+        }
+        if (i + 1 < ids.size()) {
+            needed = std::max(needed, common(ids[i], ids[i + 1]) + 1);
+        }
+        shortened[ids[i]] = ids[i].substr(0, std::min(needed, ids[i].size()));
+    }
+    return shortened;
+}
+
+std::string coloured(std::string_view text, const char* code, bool colour) {
+    if (!colour || text.empty()) {
+        return std::string(text);
+    }
+    return fmt::format("\x1b[{}m{}\x1b[0m", code, text);
+}
+
+} // namespace
+
+std::string sectionsText(std::span<const Section> sections, int matchCount, std::string_view what,
+                         const Terminal& terminal) {
+    const bool fitted = terminal.isTerminal();
+    const auto ids = fitted ? shortIDs(sections) : std::map<std::string_view, std::string_view>();
+    const auto idOf = [&](const Person& person) -> std::string_view {
+        const auto found = ids.find(person.id);
+        return found != ids.end() ? found->second : std::string_view(person.id);
+    };
+    // Columns sized to what is shown: within reason on a terminal, whole
+    // for a program.
+    const auto capped = [&](std::size_t width, std::size_t cap) {
+        return fitted ? std::min(width, cap) : width;
+    };
     std::size_t nameWidth = 4;
     std::size_t mailWidth = 0;
     std::size_t phoneWidth = 0;
+    std::size_t idWidth = 0;
     for (const auto& section : sections) {
         for (const auto& person : section.people) {
-            nameWidth = std::max(nameWidth, std::min<std::size_t>(32, displayWidth(person->displayName())));
+            nameWidth = std::max(nameWidth, capped(displayWidth(person->displayName()), 32));
             if (!person->emailAddresses.empty()) {
-                mailWidth =
-                    std::max(mailWidth, std::min<std::size_t>(36, displayWidth(person->emailAddresses[0])));
+                mailWidth = std::max(mailWidth, capped(displayWidth(person->emailAddresses[0]), 36));
             }
             if (!person->phoneNumbers.empty()) {
-                phoneWidth =
-                    std::max(phoneWidth, std::min<std::size_t>(20, displayWidth(person->phoneNumbers[0])));
+                phoneWidth = std::max(phoneWidth, capped(displayWidth(person->phoneNumbers[0]), 20));
             }
+            idWidth = std::max(idWidth, displayWidth(idOf(*person)));
         }
+    }
+    if (fitted) {
+        // Two columns of indent, then each column after two blanks: the
+        // e-mail gives way first, then the name, then the phone; a column
+        // that would be too narrow to read is left out.
+        const auto total = [&] {
+            return 2 + nameWidth + (mailWidth > 0 ? 2 + mailWidth : 0) +
+                   (phoneWidth > 0 ? 2 + phoneWidth : 0) + 2 + 3 + 2 + idWidth;
+        };
+        const std::size_t width = *terminal.width;
+        const auto shrink = [&](std::size_t& column, std::size_t least) {
+            const std::size_t over = total() > width ? total() - width : 0;
+            if (over > 0 && column > least) {
+                column -= std::min(over, column - least);
+            }
+        };
+        shrink(mailWidth, 12);
+        shrink(nameWidth, 12);
+        shrink(phoneWidth, 10);
+        if (total() > width) {
+            mailWidth = 0;
+        }
+        if (total() > width) {
+            phoneWidth = 0;
+        }
+        shrink(nameWidth, 4);
     }
     std::string out;
     for (const auto& section : sections) {
-        out += section.letter + "\n";
+        out += coloured(section.letter, "1", terminal.colour) + "\n";
         for (const auto& person : section.people) {
             std::string line = "  " + padded(clipped(person->displayName(), nameWidth), nameWidth);
             if (mailWidth > 0) {
@@ -159,8 +242,8 @@ std::string sectionsText(std::span<const Section> sections, int matchCount, std:
                 const std::string_view phone = person->phoneNumbers.empty() ? "" : person->phoneNumbers[0];
                 line += "  " + padded(clipped(phone, phoneWidth), phoneWidth);
             }
-            line += "  " + padded(circleMark(*person), 3);
-            line += "  " + person->id;
+            line += "  " + coloured(padded(circleMark(*person), 3), "36", terminal.colour);
+            line += "  " + coloured(idOf(*person), "2", terminal.colour);
             out += line + "\n";
         }
     }
@@ -245,6 +328,14 @@ std::string personText(const Person& person, std::span<const ShownCard> cards, c
         for (const auto& link : card.links) {
             linkIDs.insert(link.id);
         }
+        if (!shown.note.empty()) {
+            // A note of several lines lines up under its first.
+            std::string note = shown.note;
+            for (std::size_t at = note.find('\n'); at != std::string::npos; at = note.find('\n', at + 1)) {
+                note.insert(at + 1, std::string(18, ' '));
+            }
+            row("note", note);
+        }
         for (const auto* list : {&card.social, &card.messaging}) {
             for (const auto& item : *list) {
                 if (!linkIDs.contains(item.id)) {
@@ -307,7 +398,11 @@ std::vector<Completion> completions(const Person& person, std::span<const ShownC
 }
 
 std::string completionText(std::span<const Completion> lines, std::string_view statusLine) {
-    std::string out = oneLine(statusLine) + "\n";
+    return oneLine(statusLine) + "\n" + completionLines(lines);
+}
+
+std::string completionLines(std::span<const Completion> lines) {
+    std::string out;
     for (const auto& line : lines) {
         out += line.address + "\t" + line.name + "\t" + line.label + "\n";
     }

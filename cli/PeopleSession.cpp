@@ -5,6 +5,7 @@
 #include "KinbookKit/text/Fold.h"
 #include "cli/Failure.h"
 #include "cli/SidecarPastJobs.h"
+#include "cli/Terminal.h"
 
 #include <fmt/core.h>
 #include <fmt/ranges.h>
@@ -37,8 +38,16 @@ bool valueNames(const ContactCard::Item& item, const std::string& argument, bool
         return true;
     }
     if (phone) {
+        // By its digits, as people type a number: "5550188" for
+        // "+1 505-555-0188", with or without the country or area code.
         const std::string digits = digitsOf(argument);
-        return digits.size() >= 3 && digits == digitsOf(item.value);
+        const std::string stored = digitsOf(item.value);
+        if (digits.size() < 3 || stored.empty()) {
+            return false;
+        }
+        const auto& shorter = digits.size() < stored.size() ? digits : stored;
+        const auto& longer = digits.size() < stored.size() ? stored : digits;
+        return shorter == longer || (shorter.size() >= 7 && longer.ends_with(shorter));
     }
     std::size_t start = 0;
     while (start <= item.value.size()) {
@@ -62,8 +71,11 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     KinbookSession::Options sessionOptions;
     sessionOptions.contacts = options.contacts;
     sessionOptions.snapshotCache = !options.noCache;
-    // A new user's first run shows what Kinbook does at once.
-    sessionOptions.seedDemoAddressBook = true;
+    // A new user's first run shows what Kinbook does at once; but a mail
+    // client asking for addresses is no new user, and must not be answered
+    // with made-up people: the demo is made only for a person at a terminal.
+    const bool atTerminal = Terminal::ofStandardOutput().isTerminal();
+    sessionOptions.seedDemoAddressBook = atTerminal;
     sessionOptions.warning = [](const std::string& warning) { warn(warning); };
     sessionOptions.pastJobs = [](const std::filesystem::path& sidecar) -> std::shared_ptr<PastJobSource> {
         if (!SidecarPastJobs::hasPeople(sidecar)) {
@@ -91,6 +103,12 @@ PeopleSession::PeopleSession(const ToolOptions& options)
 
     switch (m_session->addressBook()->access()) {
     case AddressBookAccess::notDetermined:
+        if (configuration.usesEmbeddedDefault()) {
+            fail(
+                fmt::format("no address book configured; set \"contacts\" in {} to your vdir, or run kinbook "
+                            "in a terminal once for a demo address book",
+                            configuration.configFile.string()));
+        }
         // A folder the user named that isn't there: a typo, or a share that
         // isn't mounted. Making it would hide either.
         fail(fmt::format("there is no address book at {}", configuration.contacts.string()));
@@ -180,6 +198,20 @@ Person PeopleSession::resolve(const std::string& argument) {
             return *person;
         }
     }
+    // The start of one person's id, as `list` shows ids on a terminal.
+    if (argument.size() >= kShortIDLength) {
+        PersonPtr prefixed;
+        bool several = false;
+        for (const auto& person : m_list->people()) {
+            if (std::string_view(person->id).starts_with(argument)) {
+                several = several || prefixed != nullptr;
+                prefixed = person;
+            }
+        }
+        if (prefixed && !several) {
+            return *prefixed;
+        }
+    }
     // A search that finds one person, among the listed people first, then
     // among the hidden ones.
     std::vector<const Person*> found;
@@ -212,7 +244,24 @@ Person PeopleSession::resolve(const std::string& argument) {
 }
 
 std::vector<ShownCard> PeopleSession::cards(const Person& person) {
-    return std::move(cards(std::vector<const Person*>{&person}).front());
+    auto shown = std::move(cards(std::vector<const Person*>{&person}).front());
+    // One person's page shows the notes too, read as the Contacts
+    // application reads them.
+    std::vector<std::string> ids;
+    for (const auto& card : shown) {
+        ids.push_back(card.card.id);
+    }
+    bool read = false;
+    m_list->notes(ids, [&](std::map<std::string, std::string> notes) {
+        for (auto& card : shown) {
+            if (const auto note = notes.find(card.card.id); note != notes.end()) {
+                card.note = note->second;
+            }
+        }
+        read = true;
+    });
+    waitUntil([&] { return read; });
+    return shown;
 }
 
 std::vector<std::vector<ShownCard>> PeopleSession::cards(const std::vector<const Person*>& people) {

@@ -79,9 +79,10 @@ public:
     // person. Fails with a message listing the candidates otherwise.
     Person resolve(const std::string& argument);
 
-    // The person's cards in full, leading card first, with their accounts.
+    // The person's cards in full, leading card first, with their accounts
+    // and notes.
     std::vector<ShownCard> cards(const Person& person);
-    // The same for several people, read side by side.
+    // The same for several people, read side by side, without the notes.
     std::vector<std::vector<ShownCard>> cards(const std::vector<const Person*>& people);
 
     // Ends a command that succeeded, its output written: when nothing is left

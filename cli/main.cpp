@@ -1,5 +1,6 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
+#include "cli/CommandSuggestion.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
 #include "cli/PeopleCommands.h"
@@ -34,6 +35,13 @@ int main(int argc, char** argv) {
     } catch (const CLI::RuntimeError& error) {
         // A command that failed has said why on stderr already.
         return error.get_exit_code();
+    } catch (const CLI::ExtrasError& error) {
+        // A word where a command belongs: most likely a mistyped command.
+        if (const auto message = kinbook::cli::unknownCommandMessage(app, argc, argv)) {
+            fmt::print(stderr, "kinbook: {}\n", *message);
+            return kinbook::cli::kExitUsage;
+        }
+        return app.exit(error) == 0 ? 0 : kinbook::cli::kExitUsage;
     } catch (const CLI::ParseError& error) {
         // Help and version exit 0; every unusable argument exits 2, as
         // command-line tools usually do.

@@ -132,6 +132,13 @@ public:
     const CardCache& cardCache() const { return m_loader.cardCache(); }
     std::uint64_t cardsVersion() const { return m_loader.cardsVersion(); }
 
+    // The notes of cards, by card id, read in the background; cards without
+    // one are left out, and so is everything when the list reads no notes.
+    void notes(std::vector<std::string> cardIDs,
+               std::function<void(std::map<std::string, std::string>)> done);
+    // The account holding each of a person's cards, by card id.
+    std::map<std::string, std::string> cardAccounts(const Person& person) const;
+
     // The card's thumbnail when known. Null otherwise: the store is then
     // asked, and observers hear `thumbnails` when it answers.
     ThumbnailBytes thumbnail(const std::string& cardID) { return m_loader.thumbnail(cardID); }
@@ -193,6 +200,9 @@ public:
     // Person id to the folded text of their past jobs.
     const std::map<std::string, std::string>& pastJobText() const { return m_shown.pastJobText(); }
     std::uint64_t pastJobsVersion() const { return m_shown.pastJobsVersion(); }
+    // A person's past jobs, in display order; none when they have none or
+    // they have not been read.
+    std::vector<PastJob> pastJobs(std::string_view personID) const;
     // Reads everyone's past jobs from the source again.
     void reloadPastJobs(std::function<void()> done = {}) { m_shown.reloadPastJobs(std::move(done)); }
     // A person's past jobs changed (the page saved "jobs.json").

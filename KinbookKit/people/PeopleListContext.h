@@ -63,6 +63,11 @@ constexpr PeopleChanges operator|(PeopleChange left, PeopleChange right) {
 // writeThroughContactsApp.
 using ScriptRunner = std::function<Result<void, AddressBookError>(const SaveOutcome&)>;
 
+// Reads the notes of cards, one text per card in order ("" for none), the
+// way a card with a note is read where the store locks notes: through the
+// Contacts application. Called off the main thread.
+using NoteReader = std::function<std::vector<std::string>(const std::vector<std::string>& cardIDs)>;
+
 struct PeopleListOptions {
     // The last full read, shown at start before the store is read; none
     // runs without one.
@@ -82,6 +87,8 @@ struct PeopleListOptions {
     // How long store notices are gathered into one refresh.
     std::chrono::milliseconds noticeDelay{500};
     ScriptRunner runScript;
+    // None: the page shows no notes.
+    NoteReader readNotes;
 };
 
 // What the parts of the people list share: the executors, the address book,

@@ -366,6 +366,12 @@ void PeopleLoader::readChanges() {
             read.update->deleted = std::move(changes.value().deleted);
             read.update->membership = std::move(changes.value().membership);
             read.update->token = std::move(changes.value().token);
+            // An account folder made or removed since the last read changes
+            // the accounts, and the sidebar and the counts follow at once
+            // rather than at the next full read. Listing them is cheap.
+            if (auto accounts = book->accounts(); accounts.ok()) {
+                read.update->accounts = std::move(accounts.value());
+            }
             return read;
         },
         [this, start](ChangesRead read) {
@@ -381,7 +387,8 @@ void PeopleLoader::readChanges() {
             }
             const auto changed = read.update->changed.size();
             const auto deleted = read.update->deleted.size();
-            const auto finish = [this, start, changed, deleted] {
+            const auto finish = [this, start, changed, deleted, update = read.update] {
+                forgetCards(*update);
                 m_timings.refreshedAt = m_context.clock().now();
                 m_timings.refreshKind = "changes";
                 const auto milliseconds = m_context.clock().millisecondsSince(start);
@@ -398,11 +405,51 @@ void PeopleLoader::readChanges() {
                 if (read.update->token) {
                     m_historyToken = std::move(read.update->token);
                 }
+                if (read.update->accounts && *read.update->accounts != m_accounts) {
+                    applyUpdate(read.update, finish);
+                    return;
+                }
                 finish();
                 return;
             }
             applyUpdate(read.update, finish);
         });
+}
+
+void PeopleLoader::forgetCards(const RawUpdate& update) {
+    // Another program changed these cards: the page and the rows must not
+    // keep showing the copies read before. The next look-up reads them again.
+    bool forgot = false;
+    const auto forget = [&](const std::string& id) {
+        if (m_cardCache.contains(id)) {
+            m_cardCache.erase(id);
+            forgot = true;
+        }
+        m_thumbnails.erase(id);
+    };
+    for (const auto& person : update.changed) {
+        forget(person->id);
+    }
+    for (const auto& id : update.deleted) {
+        forget(id);
+    }
+    // A read begun before the change may answer with the card as it was.
+    for (const auto& [cardID, load] : m_cardLoads) {
+        const bool changed = update.deleted.contains(cardID) ||
+                             std::any_of(update.changed.begin(), update.changed.end(),
+                                         [&](const PersonPtr& person) { return person->id == cardID; });
+        if (changed) {
+            startCardLoad(cardID);
+        }
+    }
+    PeopleChanges changes = PeopleChange::thumbnails;
+    if (forgot) {
+        ++m_cardsVersion;
+        changes |= PeopleChange::cards;
+    }
+    if (!update.changed.empty() || !update.deleted.empty()) {
+        m_context.notify(changes);
+    }
 }
 
 void PeopleLoader::noticeArrived() {
@@ -666,16 +713,26 @@ void PeopleLoader::card(const std::string& cardID, std::function<void(std::optio
         m_context.onMain([card = *cached, done = std::move(done)] { done(card); });
         return;
     }
-    auto& waiting = m_cardLoads[cardID];
-    waiting.push_back(std::move(done));
-    if (waiting.size() > 1) {
+    auto& load = m_cardLoads[cardID];
+    load.callers.push_back(std::move(done));
+    if (load.callers.size() > 1) {
         return; // one read per card at a time; this caller shares it
     }
+    startCardLoad(cardID);
+}
+
+void PeopleLoader::startCardLoad(const std::string& cardID) {
+    const auto generation = ++m_cardLoadGeneration;
+    m_cardLoads[cardID].generation = generation;
     m_context.runOn(
         m_context.background(), [book = m_context.book(), cardID] { return book->card(cardID); },
-        [this, cardID](Result<ContactCard, AddressBookError> card) {
-            auto callers = std::move(m_cardLoads[cardID]);
-            m_cardLoads.erase(cardID);
+        [this, cardID, generation](Result<ContactCard, AddressBookError> card) {
+            const auto found = m_cardLoads.find(cardID);
+            if (found == m_cardLoads.end() || found->second.generation != generation) {
+                return; // the card changed on disk meanwhile: a newer read answers
+            }
+            auto callers = std::move(found->second.callers);
+            m_cardLoads.erase(found);
             std::optional<ContactCard> answer;
             if (card.ok()) {
                 answer = std::move(card.value());

@@ -88,6 +88,11 @@ private:
     void fullRead();
     void fullReadDetails();
     void readChanges();
+    // Drops the cached cards and thumbnails of the cards an update changed
+    // or deleted, and tells the views.
+    void forgetCards(const RawUpdate& update);
+    // Reads a card for the callers waiting in m_cardLoads.
+    void startCardLoad(const std::string& cardID);
     void finishBody();
     void noticeArrived();
 
@@ -130,7 +135,15 @@ private:
     std::vector<std::string> m_thumbnailBatch; // to be asked on the next turn
 
     CardCache m_cardCache;
-    std::map<std::string, std::vector<std::function<void(std::optional<ContactCard>)>>> m_cardLoads;
+    // A card read in flight and who waits for it. A read another program's
+    // change overtook is superseded by a new one (a higher generation), and
+    // its answer, which may be the card as it was, is dropped.
+    struct CardLoad {
+        std::uint64_t generation = 0;
+        std::vector<std::function<void(std::optional<ContactCard>)>> callers;
+    };
+    std::map<std::string, CardLoad> m_cardLoads;
+    std::uint64_t m_cardLoadGeneration = 0;
     std::uint64_t m_cardsVersion = 0;
 };
 

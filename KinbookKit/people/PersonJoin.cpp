@@ -313,7 +313,23 @@ Person joinGroup(std::vector<PersonPtr> members) {
     changes.hidden = hidden;
     changes.circle = circle;
     changes.memberIDs = std::move(memberIDs);
-    return members.front()->with(std::move(changes));
+    Person joined = members.front()->with(std::move(changes));
+    if (members.size() > 1) {
+        // The list shows the leading card's name, e-mail and phone, but the
+        // person is found by any card's: the work card's title and address
+        // are as much theirs as the home card's. Sorting and sections stay
+        // with the leading card's keys.
+        PersonKeys keys = joined.keys();
+        for (auto member = members.begin() + 1; member != members.end(); ++member) {
+            keys.searchText += '\n';
+            keys.searchText += (*member)->searchText();
+            for (const auto digits : (*member)->phoneDigits()) {
+                keys.phoneDigits.emplace_back(digits);
+            }
+        }
+        joined.adoptKeys(keys);
+    }
+    return joined;
 }
 
 JoinedPeople joinPeople(std::vector<PersonPtr> raw,

@@ -23,7 +23,9 @@ struct JoinedPeople;
 // stay people of their own; cards sharing a KinID become one person, led by
 // the primary card (else the lowest sortKey, else the lowest id), holding the
 // union of the cards' accounts, hidden only when every card is, and in the
-// closest of the cards' circles. Everything else is the leading card's.
+// closest of the cards' circles. Everything else is the leading card's, but
+// for search: a joined person's search text and phone digits are those of
+// every card, leading card first.
 //
 // A large read is joined on two threads. `whileSorted`, when given, is called
 // with the people in their final order as soon as they are sorted, on the

@@ -194,9 +194,7 @@ bool SearchIndex::matchesWords(const SearchQuery& query, std::uint32_t position,
             continue;
         }
         if (!word.digitBytes.empty()) {
-            const auto digits = m_people[position]->phoneDigits();
-            if (std::any_of(digits.begin(), digits.end(),
-                            [&](std::string_view number) { return occursIn(number, word.digitBytes); })) {
+            if (word.inNumbers(m_people[position]->phoneDigits())) {
                 continue;
             }
         }

@@ -99,6 +99,9 @@ SearchQuery SearchQuery::parse(std::string_view text) {
         word.bytes = fold(piece);
         if (isPhoneLike(piece)) {
             word.digitBytes = numberCharacters(piece);
+            if (word.digitBytes.size() > 2 && word.digitBytes.starts_with("00")) {
+                word.internationalDigits = word.digitBytes.substr(2);
+            }
         }
         query.words.push_back(std::move(word));
         wordBegin = std::string_view::npos;
@@ -129,6 +132,35 @@ SearchQuery SearchQuery::parse(std::string_view text) {
     return query;
 }
 
+bool SearchQuery::Word::inNumbers(const TextList& phoneDigits) const {
+    if (occursInAny(phoneDigits, digitBytes)) {
+        return true;
+    }
+    if (!internationalDigits.empty()) {
+        for (const auto& number : phoneDigits) {
+            if (std::string_view(number).starts_with(internationalDigits)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+bool SearchQuery::narrows(const SearchQuery& earlier) const {
+    if (earlier.isEmpty() || !whole.starts_with(earlier.whole)) {
+        return false;
+    }
+    // This query is the earlier one with more typed, so each earlier word is
+    // here at the same place, the last perhaps longer.
+    for (std::size_t i = 0; i < earlier.words.size() && i < words.size(); ++i) {
+        if ((!words[i].digitBytes.empty() && earlier.words[i].digitBytes.empty()) ||
+            (!words[i].internationalDigits.empty() && earlier.words[i].internationalDigits.empty())) {
+            return false;
+        }
+    }
+    return true;
+}
+
 bool SearchQuery::matches(const Person& person, const std::string* pastJobText) const {
     const std::string_view searchText = person.searchText();
     if (occursIn(searchText, whole) || (pastJobText != nullptr && occursIn(*pastJobText, whole))) {
@@ -145,7 +177,7 @@ bool SearchQuery::matches(const Person& person, const std::string* pastJobText) 
                             (pastJobText != nullptr && occursIn(*pastJobText, word.bytes)))) {
             continue;
         }
-        if (!word.digitBytes.empty() && occursInAny(person.phoneDigits(), word.digitBytes)) {
+        if (!word.digitBytes.empty() && word.inNumbers(person.phoneDigits())) {
             continue;
         }
         return false;

@@ -16,6 +16,12 @@ struct SearchQuery {
     struct Word {
         std::string bytes;      // the folded word, UTF-8
         std::string digitBytes; // for a phone-like word ("(555)", "12-34"): its digits; else empty
+        // For a phone-like word dialled from abroad ("0044"): the digits
+        // after the leading 00, which begin a number written "+44 …".
+        std::string internationalDigits;
+
+        // Whether this phone-like word is in one of the numbers' digits.
+        bool inNumbers(const TextList& phoneDigits) const;
 
         bool operator==(const Word&) const = default;
     };
@@ -30,6 +36,13 @@ struct SearchQuery {
     // Blank queries search nothing: the list shows everyone.
     bool isEmpty() const { return words.empty(); }
     std::string_view wholeBytes() const { return whole; }
+
+    // Whether every person this query matches is matched by `earlier`, so
+    // that the earlier result may be searched instead of everyone: the user
+    // typed more, and no word that `earlier` searched as text only became a
+    // phone number here ("(" matches nobody's text, "(2" everyone's number
+    // that holds a 2).
+    bool narrows(const SearchQuery& earlier) const;
 
     // Whether the person matches: the whole query anywhere in the search text
     // or past-job text, else every word somewhere (search text, past-job text,

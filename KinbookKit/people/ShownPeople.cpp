@@ -390,9 +390,10 @@ void ShownPeople::rebuild() {
         ShownList result;
         if (query.isEmpty()) {
             result = filteredList();
-        } else if (m_lastSearch && m_lastSearch->key == key && query.whole.starts_with(m_lastSearch->query)) {
+        } else if (m_lastSearch && m_lastSearch->key == key && query.narrows(m_lastSearch->query)) {
             // Typing more under the same order and filters can only narrow
-            // the last result: search just that.
+            // the last result, unless a word became a phone number: search
+            // just that.
             result = searched(ShownList{m_lastSearch->sections, m_lastSearch->positions}, query);
         } else {
             result = searched(filteredList(), query);
@@ -401,11 +402,19 @@ void ShownPeople::rebuild() {
         if (m_lastSearch) {
             releaseLater(std::move(m_lastSearch->sections));
         }
-        m_lastSearch = LastSearch{std::move(key), query.whole, result.sections, result.positions};
+        m_lastSearch = LastSearch{std::move(key), query, result.sections, result.positions};
     }
 
     m_matchCount = peopleCount(*shown);
     m_headings = headingsOf(*shown);
+    // A heading the list no longer has (another account or circle was
+    // chosen, or a search left no one under it) filters no more: the list
+    // shows what the other filters leave rather than nothing at all.
+    if (m_view.heading && std::none_of(m_headings.begin(), m_headings.end(), [&](const Heading& heading) {
+            return heading.title == *m_view.heading;
+        })) {
+        m_view.heading.reset();
+    }
     if (m_view.heading) {
         std::vector<Section> chosen;
         for (const auto& section : *shown) {
@@ -634,17 +643,23 @@ void ShownPeople::reloadPastJobs(std::function<void()> done) {
     m_context.runOn(
         m_context.background(),
         [source] {
-            std::map<std::string, std::string> texts;
-            for (const auto& [key, jobs] : source->allJobs()) {
+            struct Read {
+                std::map<std::string, std::string> texts;
+                std::map<std::string, std::vector<PastJob>> lists;
+            };
+            Read read;
+            for (auto& [key, jobs] : source->allJobs()) {
                 auto text = fold(pastJobsSearchText(jobs));
                 if (!text.empty()) {
-                    texts.emplace(key, std::move(text));
+                    read.texts.emplace(key, std::move(text));
+                    read.lists.emplace(key, std::move(jobs));
                 }
             }
-            return texts;
+            return read;
         },
-        [this, done = std::move(done)](std::map<std::string, std::string> texts) {
-            m_pastJobsByKey = std::move(texts);
+        [this, done = std::move(done)](auto read) {
+            m_pastJobsByKey = std::move(read.texts);
+            m_pastJobListsByKey = std::move(read.lists);
             if (recomputePastJobText()) {
                 rebuild();
                 m_context.notify(PeopleChange::pastJobs | PeopleChange::sections);
@@ -655,13 +670,20 @@ void ShownPeople::reloadPastJobs(std::function<void()> done) {
         });
 }
 
+std::vector<PastJob> ShownPeople::pastJobListOf(const Person& person) const {
+    const auto found = m_pastJobListsByKey.find(person.kinID.value_or(person.id));
+    return found == m_pastJobListsByKey.end() ? std::vector<PastJob>() : found->second;
+}
+
 void ShownPeople::setPastJobs(const Person& person, const std::vector<PastJob>& jobs) {
     const auto key = person.kinID.value_or(person.id);
     auto text = fold(pastJobsSearchText(jobs));
     if (text.empty()) {
         m_pastJobsByKey.erase(key);
+        m_pastJobListsByKey.erase(key);
     } else {
         m_pastJobsByKey.insert_or_assign(key, std::move(text));
+        m_pastJobListsByKey.insert_or_assign(key, jobs);
     }
     if (recomputePastJobText()) {
         rebuild();

@@ -50,7 +50,7 @@ public:
     // user typed more under the same order, direction and filters.
     struct LastSearch {
         std::string key;
-        std::string query; // folded
+        SearchQuery query;
         SectionList sections;
         // Where each of those people is in the search index, in order; null
         // when the result was made before the index.
@@ -122,6 +122,8 @@ public:
     bool pastJobsRead() const { return m_pastJobsRead; }
     void reloadPastJobs(std::function<void()> done);
     void setPastJobs(const Person& person, const std::vector<PastJob>& jobs);
+    // A person's past jobs as read, for their page.
+    std::vector<PastJob> pastJobListOf(const Person& person) const;
 
 private:
     // Sections with each person's position in the search index, in display
@@ -170,7 +172,8 @@ private:
     std::optional<LastSearch> m_lastSearch;
 
     std::map<std::string, std::string> m_pastJobText;
-    std::map<std::string, std::string> m_pastJobsByKey; // KinID (else person id) -> folded text
+    std::map<std::string, std::string> m_pastJobsByKey;              // KinID (else person id) -> folded text
+    std::map<std::string, std::vector<PastJob>> m_pastJobListsByKey; // the same keys -> the jobs
     std::unordered_map<const Person*, const std::string*> m_pastJobLookup;
     std::vector<const std::string*> m_pastJobsByPosition; // by search-index position, when anyone has some
     std::uint64_t m_pastJobsVersion = 0;

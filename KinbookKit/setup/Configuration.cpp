@@ -1,6 +1,7 @@
 #include "KinbookKit/setup/Configuration.h"
 
 #include "KinbookKit/platform/UringCardBatchReader.h"
+#include "KinbookKit/text/Fold.h"
 
 #include <fmt/core.h>
 #include <pwd.h>
@@ -271,10 +272,17 @@ Result<Configuration, std::string> Configuration::load(const Environment& enviro
 }
 
 fs::path Configuration::snapshotFile() const {
-    if (contactsSource != Source::commandLine) {
-        return cacheFolder / "kinbook-snapshot.json";
+    // The folder as it really is: "~/.contacts", a symbolic link to it and
+    // "/home/ann/.contacts/" are one address book with one cache, and two
+    // books never share one, whichever way each was named.
+    std::error_code error;
+    fs::path real = fs::weakly_canonical(contacts, error);
+    if (error) {
+        real = contacts.lexically_normal();
     }
-    return cacheFolder / fmt::format("kinbook-snapshot-{:016x}.json", stableHash(contacts.native()));
+    // The cache keeps folded keys: a cache of another folding is never read.
+    const auto key = fmt::format("{}\n{}", real.native(), kFoldRevision);
+    return cacheFolder / fmt::format("{:016x}", stableHash(key)) / "kinbook-snapshot.json";
 }
 
 VdirAddressBook::Options Configuration::addressBookOptions() const {

@@ -76,10 +76,10 @@ struct Configuration {
     std::filesystem::path embeddedContacts() const { return dataFolder / "contacts"; }
     bool usesEmbeddedDefault() const { return contactsSource == Source::embeddedDefault; }
 
-    // The snapshot cache of this address book. The configured one has
-    // "kinbook-snapshot.json", shared with the application; a folder named
-    // only on the command line gets a cache of its own, so that looking at
-    // another vdir for once does not throw away the usual address book's.
+    // The snapshot cache of this address book: "kinbook-snapshot.json" in a
+    // folder of the cache folder named after the book's real path, so that
+    // every address book, however it was named (file, environment, command
+    // line, a link), has one cache of its own, shared by both faces.
     std::filesystem::path snapshotFile() const;
 
     // The address book's options: root, state folder, accounts' kinds,

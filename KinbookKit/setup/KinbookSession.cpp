@@ -8,6 +8,7 @@
 
 #include <fmt/core.h>
 
+#include <mutex>
 #include <utility>
 
 namespace kinbook {
@@ -25,6 +26,26 @@ std::shared_ptr<VdirAddressBook> openAddressBook(VdirAddressBook::Options option
 }
 
 } // namespace
+
+NoteReader KinbookSession::noteReader(std::shared_ptr<VdirAddressBook> book) {
+    struct Reader {
+        std::shared_ptr<VdirAddressBook> book;
+        std::once_flag made;
+        std::shared_ptr<VdirScriptHost> host;
+        std::unique_ptr<ContactsAppScript> script;
+    };
+    auto reader = std::make_shared<Reader>();
+    reader->book = std::move(book);
+    return [reader](const std::vector<std::string>& cardIDs) {
+        std::call_once(reader->made, [&] {
+            reader->host = std::make_shared<VdirScriptHost>();
+            reader->host->attach(*reader->book);
+            reader->script = std::make_unique<ContactsAppScript>(reader->host);
+        });
+        auto notes = reader->script->readNotes(cardIDs);
+        return notes.ok() ? std::move(notes.value()) : std::vector<std::string>(cardIDs.size());
+    };
+}
 
 Result<std::unique_ptr<KinbookSession>, std::string>
 KinbookSession::open(Executor& main, Executor& background, Options options) {
@@ -93,6 +114,7 @@ void KinbookSession::opened(std::shared_ptr<VdirAddressBook> book) {
     if (m_configuration.sidecar && m_options.pastJobs) {
         listOptions.pastJobs = m_options.pastJobs(*m_configuration.sidecar);
     }
+    listOptions.readNotes = noteReader(m_addressBook);
     m_list = std::make_unique<PeopleList>(m_main, m_background, m_addressBook, std::move(listOptions));
 }
 

@@ -6,6 +6,7 @@
 #include "KinbookKit/addressbook/ImageScaler.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/PastJobSource.h"
+#include "KinbookKit/people/PeopleListContext.h"
 #include "KinbookKit/setup/Configuration.h"
 #include "KinbookKit/setup/DemoAddressBook.h"
 
@@ -84,6 +85,11 @@ public:
     // start. Tests leave it alone, so that their lines stay out of the
     // user's journal.
     static void openPlatformLog();
+
+    // Reads the notes of a book's cards as the Contacts application would,
+    // through a scripting host of its own over the book (made on the first
+    // read: most runs of the tool read none), as the list's pages show them.
+    static NoteReader noteReader(std::shared_ptr<VdirAddressBook> book);
 
     // Writes the demo address book on the embedded default's first run, with
     // painted portraits; none when there was nothing to do (see

@@ -18,7 +18,54 @@ namespace {
 // forms that have no marks (Hangul syllables, for one).
 constexpr int kFoldOptions = UTF8PROC_COMPOSE | UTF8PROC_CASEFOLD | UTF8PROC_STRIPMARK;
 
+// Letters that are no base letter plus marks, so that stripping marks leaves
+// them as they are, but that people type as plain Latin letters when they
+// search a name: "lukasz" for Łukasz, "jorgensen" for Jørgensen. Each is the
+// case-folded letter and what it becomes.
+struct PlainLetter {
+    std::string_view letter;
+    std::string_view plain;
+};
+constexpr PlainLetter kPlainLetters[] = {
+    {"\u0142", "l"},  // ł
+    {"\u00F8", "o"},  // ø
+    {"\u0111", "d"},  // đ
+    {"\u00F0", "d"},  // ð
+    {"\u00E6", "ae"}, // æ
+    {"\u0153", "oe"}, // œ
+    {"\u0131", "i"},  // ı
+    {"\u00FE", "th"}, // þ
+    {"\u0127", "h"},  // ħ
+    {"\u0167", "t"},  // ŧ
+};
+
+// `folded` with the letters above made plain. All of them are two bytes in
+// UTF-8 with a lead byte of 0xC3, 0xC4 or 0xC5; text without such a byte
+// comes back untouched.
+void makeLettersPlain(std::string& folded, std::size_t from) {
+    if (folded.find_first_of("\xC3\xC4\xC5", from) == std::string::npos) {
+        return;
+    }
+    std::string plain = folded.substr(0, from);
+    for (std::size_t i = from; i < folded.size();) {
+        bool replaced = false;
+        for (const auto& [letter, replacement] : kPlainLetters) {
+            if (folded.compare(i, letter.size(), letter) == 0) {
+                plain += replacement;
+                i += letter.size();
+                replaced = true;
+                break;
+            }
+        }
+        if (!replaced) {
+            plain.push_back(folded[i++]);
+        }
+    }
+    folded = std::move(plain);
+}
+
 void appendMapped(std::string& out, std::string_view utf8) {
+    const std::size_t start = out.size();
     utf8proc_uint8_t* mapped = nullptr;
     const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(utf8.data()),
                                      static_cast<utf8proc_ssize_t>(utf8.size()), &mapped,
@@ -29,6 +76,7 @@ void appendMapped(std::string& out, std::string_view utf8) {
         out.append(reinterpret_cast<const char*>(mapped), static_cast<std::size_t>(length));
     }
     std::free(mapped);
+    makeLettersPlain(out, start);
 }
 
 // Folding a single code point in isolation gives the same result as folding

@@ -13,6 +13,8 @@
 #include "Kinbook/SortMenu.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/PeopleList.h"
+#include "KinbookKit/platform/InotifyFolderWatcher.h"
+#include "KinbookKit/setup/KinbookSession.h"
 #include "KinbookKit/text/AppLog.h"
 #include "tests/app/AppTestSupport.h"
 #include "tests/app/TestAddressBook.h"
@@ -51,9 +53,11 @@ protected:
         options.root = root();
         options.stateFolder = folder / "state";
         options.log = std::make_shared<KinLog>("store", appLog, platform);
+        options.watcher = watcher;
         book = std::make_shared<VdirAddressBook>(options);
         PeopleListOptions listOptions;
         listOptions.log = std::make_shared<KinLog>("list", appLog, platform);
+        listOptions.readNotes = KinbookSession::noteReader(book);
         list = std::make_unique<PeopleList>(main, pool, book, listOptions);
         settings = std::make_unique<QSettings>(QString::fromStdString((folder / "settings.ini").string()),
                                                QSettings::IniFormat);
@@ -105,6 +109,7 @@ protected:
     testing::RecordingLog platform;
     QtMainExecutor main;
     ThreadPool pool{2};
+    std::shared_ptr<FolderWatcher> watcher; // none: changes on disk go unheard
     std::shared_ptr<VdirAddressBook> book;
     std::unique_ptr<PeopleList> list;
     std::unique_ptr<QSettings> settings;
@@ -135,7 +140,7 @@ TEST_F(MainWindowTest, ShowsTheSectionsOfTheAddressBookWithTheirCounts) {
         }
     }
     EXPECT_EQ(sidebar.mid(0, 5),
-              (QStringList{"All 10", "On My Computer 9", "Work 1", "Closest 5", "Good Friends 5"}));
+              (QStringList{"All 10", "On My Computer 9", "Work 1", "Closest 5", "Good Friends 0"}));
     EXPECT_EQ(sidebar.last(), "Hidden 0");
 }
 
@@ -292,6 +297,154 @@ TEST_F(MainWindowTest, HidingTakesThePersonOutOfTheListAndIntoHidden) {
     ASSERT_TRUE(runEventsUntil([&] {
         return rows() == QStringList{"[W]", "Wu Wang"};
     })) << rows().join(", ").toStdString();
+}
+
+// The sidebar, the headings column and the keys combine into one list
+// whatever order they are used in.
+TEST_F(MainWindowTest, FiltersCombineInEveryOrderOfClicksAndKeys) {
+    Sidebar* sidebar = window->sidebar();
+    const auto choose = [&](const QString& title) {
+        QListWidgetItem* entry = sidebar->findItems(title, Qt::MatchExactly).value(0);
+        ASSERT_NE(entry, nullptr) << title.toStdString();
+        sidebar->setCurrentItem(entry);
+    };
+    const QStringList work = {"[W]", "Wu Wang"};
+    for (const QString first : {"Closest", "Hidden", "Good Friends", "On My Computer"}) {
+        choose(first);
+        choose("Work");
+        ASSERT_TRUE(runEventsUntil([&] { return rows() == work; }))
+            << first.toStdString() << ": " << rows().join(", ").toStdString();
+        EXPECT_EQ(list->accountFilter(), "work");
+        EXPECT_FALSE(list->circleFilter());
+        EXPECT_FALSE(list->showingHidden());
+        choose("All");
+        ASSERT_TRUE(runEventsUntil([&] { return rows() == kAllRows; })) << rows().join(", ").toStdString();
+    }
+
+    // A circle and a heading, either one first: the closest people under D.
+    const QStringList closestUnderD = {"[D]", "Dot Drake", "Di Dunn"};
+    HeadingsColumn* headings = window->headingsColumn();
+    const auto chooseHeadingByKeys = [&](const QString& title) {
+        headings->setFocus();
+        QTest::keyClick(headings, Qt::Key_Home);
+        for (int i = 0; i < headings->count() && headings->currentItem()->text() != title; ++i) {
+            QTest::keyClick(headings, Qt::Key_Down);
+        }
+    };
+    choose("Closest");
+    ASSERT_TRUE(runEventsUntil([&] { return sectionTitles() == QStringList{"A", "B", "C", "D"}; }));
+    chooseHeadingByKeys("D");
+    ASSERT_TRUE(runEventsUntil([&] { return rows() == closestUnderD; })) << rows().join(", ").toStdString();
+    // The footer counts what the list shows.
+    EXPECT_EQ(window->statusLabel()->text(), "2 people");
+
+    choose("All");
+    ASSERT_TRUE(runEventsUntil([&] {
+        return rows() == QStringList{"[D]", "Dot Drake", "Di Dunn"};
+    })) << rows().join(", ").toStdString();
+    choose("Closest");
+    ASSERT_TRUE(runEventsUntil([&] { return rows() == closestUnderD; })) << rows().join(", ").toStdString();
+
+    // Moving on through the column with the keys filters as a click does.
+    QTest::keyClick(headings, Qt::Key_Up);
+    ASSERT_TRUE(runEventsUntil([&] { return sectionTitles() == QStringList{"C"}; }))
+        << rows().join(", ").toStdString();
+    EXPECT_EQ(window->statusLabel()->text(), "1 person");
+}
+
+// The page shows the person chosen in the list, and nobody once they have
+// left what the list shows.
+TEST_F(MainWindowTest, ThePageClearsWhenItsPersonLeavesTheShownList) {
+    ASSERT_TRUE(window->selectPerson("ED"));
+    ASSERT_EQ(window->page()->person()->id, "ED");
+    QListWidgetItem* closest = window->sidebar()->findItems("Closest", Qt::MatchExactly).value(0);
+    window->sidebar()->setCurrentItem(closest);
+    ASSERT_TRUE(runEventsUntil([&] { return !rows().contains("Ed Evans"); }));
+    EXPECT_FALSE(window->page()->person().has_value());
+}
+
+// A refusal is about the move just tried: the next action takes it away.
+TEST_F(MainWindowTest, ARefusalClearsOnTheNextAction) {
+    ASSERT_TRUE(window->selectPerson("ED"));
+    CirclePicker* picker = window->page()->circlePicker();
+    picker->choose(ContactCircle::closest);
+    ASSERT_FALSE(picker->refusalText().isEmpty());
+    window->page()->hideButton()->click();
+    EXPECT_EQ(picker->refusalText(), "");
+}
+
+// Ann Smith has a home card and a work card, joined by one KinID, and the
+// changes on disk are followed as the application follows them.
+class MainWindowJoinedPersonTest : public MainWindowTest {
+protected:
+    void SetUp() override {
+        testing::writeSmallAddressBook(root());
+        testing::writeFile(root() / "home" / "ANN.vcf",
+                           testing::vcard("ANN", "Ann", "Smith",
+                                          {"URL:kinbook://c/A0000009?p=1", "TEL;type=CELL:+1 212 555 0147",
+                                           "EMAIL;type=HOME:ann@home.test", "item1.EMAIL:ann@old.test",
+                                           "item1.X-ABLabel:ex-home", "NOTE:Met at the harbour"}));
+        writeWorkCard("Staff Engineer");
+        watcher = std::make_shared<InotifyFolderWatcher>();
+        open();
+    }
+
+    void writeWorkCard(const std::string& title) {
+        testing::writeFile(
+            root() / "work" / "ANN-W.vcf",
+            testing::vcard("ANN-W", "Ann", "Smith",
+                           {"URL:kinbook://c/A0000009", "ORG:Fernhill;", "TITLE:" + title,
+                            "TEL;type=WORK:+1 718 555 0190", "EMAIL;type=WORK:ann@fernhill.test",
+                            "EMAIL;type=HOME:ANN@home.test", "NOTE:Ask about the bridge"}));
+    }
+};
+
+TEST_F(MainWindowJoinedPersonTest, ThePageShowsEveryCardOfAJoinedPerson) {
+    ASSERT_TRUE(window->selectPerson("ANN"));
+    const QStringList expected = {"mobile · On My Computer=+1 212 555 0147", "work · Work=+1 718 555 0190",
+                                  "home · On My Computer=ann@home.test",     "work · Work=ann@fernhill.test",
+                                  "ex-home · On My Computer=ann@old.test",   "Work=Staff Engineer · Fernhill",
+                                  "On My Computer=Met at the harbour",       "Work=Ask about the bridge"};
+    ASSERT_TRUE(runEventsUntil([&] {
+        const auto shown = pageRows();
+        return std::all_of(expected.begin(), expected.end(),
+                           [&](const QString& row) { return shown.contains(row); });
+    })) << pageRows().join(" | ").toStdString();
+    const auto shown = pageRows();
+    // The address both cards hold is shown once; the former one comes last.
+    EXPECT_EQ(shown.filter("ann@home.test", Qt::CaseInsensitive).size(), 1);
+    EXPECT_LT(shown.indexOf("work · Work=ann@fernhill.test"),
+              shown.indexOf("ex-home · On My Computer=ann@old.test"));
+
+    // Marking an entry former changes the card it is on.
+    ContactFields* fields = window->page()->fields();
+    QTreeWidgetItem* work = fields->findItems("+1 718 555 0190", Qt::MatchExactly, 1).value(0);
+    ASSERT_NE(work, nullptr);
+    window->page()->entryActions(work, window.get()).front()->trigger();
+    ASSERT_TRUE(runEventsUntil([&] { return pageRows().contains("ex-work · Work=+1 718 555 0190"); }))
+        << pageRows().join(" | ").toStdString();
+    EXPECT_NE(testing::readFile(root() / "work" / "ANN-W.vcf").find("ex-work"), std::string::npos);
+    EXPECT_EQ(testing::readFile(root() / "home" / "ANN.vcf").find("ex-work"), std::string::npos);
+}
+
+// Another program changes the selected person's card: the page follows,
+// as the list's row does.
+TEST_F(MainWindowJoinedPersonTest, ThePageFollowsAnOutsideEditOfTheSelectedPersonsCard) {
+    ASSERT_TRUE(window->selectPerson("ANN"));
+    ASSERT_TRUE(runEventsUntil([&] { return pageRows().contains("Work=Staff Engineer · Fernhill"); }))
+        << pageRows().join(" | ").toStdString();
+    writeWorkCard("Principal Engineer");
+    ASSERT_TRUE(runEventsUntil([&] { return pageRows().contains("Work=Principal Engineer · Fernhill"); }))
+        << pageRows().join(" | ").toStdString();
+    EXPECT_FALSE(pageRows().contains("Work=Staff Engineer · Fernhill"));
+
+    testing::writeFile(
+        root() / "home" / "ANN.vcf",
+        testing::vcard("ANN", "Annie", "Smith", {"URL:kinbook://c/A0000009?p=1", "TEL:+1 212 555 0148"}));
+    ASSERT_TRUE(runEventsUntil([&] { return pageRows().contains("other · On My Computer=+1 212 555 0148"); }))
+        << pageRows().join(" | ").toStdString();
+    EXPECT_EQ(window->page()->findChild<QLabel*>("ContactName")->text(), "Annie Smith");
+    EXPECT_TRUE(rows().contains("Annie Smith"));
 }
 
 class MainWindowWithoutAddressBook : public MainWindowTest {

@@ -33,7 +33,10 @@ SidebarCounts someCounts() {
     return counts;
 }
 
-TEST(Sidebar, ListsEveryoneTheAccountsTheCirclesCumulativelyAndHidden) {
+// A circle's count is of the people the list shows when it is chosen: those
+// in it, not those inside it too; how full it is, which counts them, is in
+// its tooltip.
+TEST(Sidebar, ListsEveryoneTheAccountsEachCirclesOwnPeopleAndHidden) {
     Sidebar sidebar;
     sidebar.setCounts(someCounts());
 
@@ -44,8 +47,10 @@ TEST(Sidebar, ListsEveryoneTheAccountsTheCirclesCumulativelyAndHidden) {
                      .arg(entry.count);
     }
     EXPECT_EQ(shown, (QStringList{"All 40", "On My Computer 30", "Work 12", "5 Closest 3",
-                                  "15 Good Friends 3", "50 Friends 10", "150 Meaningful 10", "500 Known 10",
-                                  "A Acquaintance 10", "Hidden 2"}));
+                                  "15 Good Friends 0", "50 Friends 7", "150 Meaningful 0", "500 Known 0",
+                                  "A Acquaintance 0", "Hidden 2"}));
+    EXPECT_EQ(sidebar.findItems("Friends", Qt::MatchExactly).value(0)->toolTip(),
+              "7 in Friends; your 50 holds 10 of 50");
 }
 
 TEST(Sidebar, ChoosingAnEntryAnnouncesItAndAnAccountThatWentAwayFallsBackToAll) {

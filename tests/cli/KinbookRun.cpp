@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,7 +19,8 @@ KinbookHome::KinbookHome() {
     }
 }
 
-KinbookRun KinbookHome::run(const std::vector<std::string>& arguments) const {
+KinbookRun KinbookHome::run(const std::vector<std::string>& arguments,
+                            std::optional<int> terminalColumns) const {
     std::map<std::string, std::string> environment = {
         {"HOME", home().string()},
         {"XDG_CONFIG_HOME", config().string()},
@@ -55,7 +58,30 @@ KinbookRun KinbookHome::run(const std::vector<std::string>& arguments) const {
     KinbookRun result;
     int outPipe[2];
     int errPipe[2];
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+    if (terminalColumns) {
+        // A pseudo-terminal in place of the output pipe: the tool reads from
+        // the other end, as from a person's terminal, how wide it is. Output
+        // is passed as written, line feeds not turned into CR LF.
+        const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0) {
+            return result;
+        }
+        const int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (slave < 0) {
+            ::close(master);
+            return result;
+        }
+        termios settings{};
+        ::tcgetattr(slave, &settings);
+        settings.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+        ::tcsetattr(slave, TCSANOW, &settings);
+        winsize size{};
+        size.ws_col = static_cast<unsigned short>(*terminalColumns);
+        size.ws_row = 24;
+        ::ioctl(master, TIOCSWINSZ, &size);
+        outPipe[0] = master;
+        outPipe[1] = slave;
+    } else if (::pipe2(outPipe, O_CLOEXEC) != 0) {
         return result;
     }
     if (::pipe2(errPipe, O_CLOEXEC) != 0) {

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,9 +40,16 @@ public:
     void setVariable(const std::string& name, const std::string& value) { m_variables[name] = value; }
 
     // Runs kinbook with the arguments and waits for it to end.
-    KinbookRun run(const std::vector<std::string>& arguments) const;
+    KinbookRun run(const std::vector<std::string>& arguments) const { return run(arguments, std::nullopt); }
+    // The same with standard output on a terminal of this many columns, as
+    // when a person runs it; `out` is what the terminal was sent.
+    KinbookRun runAtTerminal(const std::vector<std::string>& arguments, int columns = 80) const {
+        return run(arguments, columns);
+    }
 
 private:
+    KinbookRun run(const std::vector<std::string>& arguments, std::optional<int> terminalColumns) const;
+
     TempFolder m_folder;
     std::map<std::string, std::string> m_variables;
 };

@@ -22,6 +22,16 @@ std::string card(const std::string& uid, const std::vector<std::string>& lines) 
     return text + "UID:" + uid + "\r\nEND:VCARD\r\n";
 }
 
+// Columns a line takes, counting each character as one (the lines tested
+// hold no wide characters).
+std::size_t displayColumns(const std::string& line) {
+    std::size_t columns = 0;
+    for (const char c : line) {
+        columns += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
+    }
+    return columns;
+}
+
 class PeopleCommandTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -40,7 +50,7 @@ protected:
         put("work", "ann-work",
             {"N:Smith;Ann;;;", "FN:Ann Smith", "ORG:Acme", "TITLE:Engineer",
              "EMAIL;TYPE=INTERNET;TYPE=WORK:ann.smith@acme.example", "item1.URL:kinbook://c/AAAA1111?r=2",
-             "item1.X-ABLabel:Vellumary Contacts"});
+             "item1.X-ABLabel:Vellumary Contacts", "NOTE:Ask about the bridge\\nand the boat"});
         put("personal", "bob",
             {"N:Jones;Bob;;;", "FN:Bob Jones", "ORG:Smithfield Foods", "TEL;TYPE=WORK:(555) 010-0199",
              "EMAIL;TYPE=WORK:bob@smithfield.example"});
@@ -231,12 +241,15 @@ TEST_F(PeopleCommandTest, ShowPrintsThePersonAndEveryCardFormerEntriesLast) {
     EXPECT_EQ(personal["emails"][1]["label"], "ex-work");
     EXPECT_TRUE(personal["emails"][1]["id"].is_string());
     EXPECT_EQ(shown["cards"][1]["jobTitle"], "Engineer");
+    EXPECT_EQ(shown["cards"][1]["note"], "Ask about the bridge\nand the boat");
+    EXPECT_FALSE(personal.contains("note"));
 
     const auto text = run({"show", "ann-home"});
     ASSERT_EQ(text.exitCode, 0) << text.err;
     for (const char* expected : {"Ann Smith\n", "Good Friends (15)", "Personal, Work", "AAAA1111",
                                  "Personal · card ann-home (primary)", "Work · card ann-work",
-                                 "Engineer, Acme", "ann.smith@acme.example"}) {
+                                 "Engineer, Acme", "ann.smith@acme.example",
+                                 "note            Ask about the bridge\n                  and the boat\n"}) {
         EXPECT_NE(text.out.find(expected), std::string::npos) << expected << "\n" << text.out;
     }
     EXPECT_LT(text.out.find("ann@example.com"), text.out.find("ann@oldco.example"));
@@ -333,15 +346,94 @@ TEST_F(PeopleCommandTest, EmailAndPhoneSpeakTheMailClientsCompletionFormat) {
             R"([{"address":"bob@smithfield.example","name":"Bob Jones","label":"work","personID":"bob"}])"));
 }
 
+// A person is all of their cards: search and completion find Ann by what
+// only her work card holds.
+TEST_F(PeopleCommandTest, SearchAndCompletionCoverEveryCardOfAPerson) {
+    EXPECT_EQ(names(runJson({"search", "ann.smith@acme.example"})), std::vector<std::string>{"Ann Smith"});
+    EXPECT_EQ(names(runJson({"search", "Engineer"})), std::vector<std::string>{"Ann Smith"});
+    const auto email = run({"email", "ann.smith"});
+    EXPECT_EQ(email.out, "3 e-mail addresses of 1 person for \"ann.smith\"\n"
+                         "ann@example.com\tAnn Smith\thome\n"
+                         "ann.smith@acme.example\tAnn Smith\twork\n"
+                         "ann@oldco.example\tAnn Smith\tex-work\n");
+    // Clients that read every line as an address get no status line.
+    EXPECT_EQ(run({"email", "--parsable", "acme"}).out, "ann@example.com\tAnn Smith\thome\n"
+                                                        "ann.smith@acme.example\tAnn Smith\twork\n"
+                                                        "ann@oldco.example\tAnn Smith\tex-work\n");
+    EXPECT_EQ(run({"phone", "--parsable", "zebra"}).out, "");
+}
+
+TEST_F(PeopleCommandTest, TheToolTakesWhatPeopleTypeAndSuggestsTheCommandMeant) {
+    for (const std::string sort : {"lastname", "LastName", "last-name", "last_name", "Last Name"}) {
+        EXPECT_EQ(names(runJson({"list", "--sort", sort})).front(), "Bob Jones") << sort;
+    }
+    EXPECT_EQ(titles(runJson({"list", "--sort", "zip-code"})), std::vector<std::string>{"No Address"});
+    EXPECT_EQ(names(runJson({"list", "--sort", "FIRSTNAME"})).front(), "Ann Smith");
+
+    const auto typo = run({"lsit"});
+    EXPECT_EQ(typo.exitCode, 2);
+    EXPECT_EQ(typo.err, "kinbook: unknown command \"lsit\"; did you mean \"list\"?\n");
+    const auto far = run({"frobnicate"});
+    EXPECT_EQ(far.exitCode, 2);
+    EXPECT_TRUE(far.err.starts_with("kinbook: unknown command \"frobnicate\"; the commands are list, "))
+        << far.err;
+
+    // A phone number by its digits, without the country code.
+    ASSERT_EQ(run({"former", "ann", "5035550100"}).exitCode, 0);
+    EXPECT_NE(cardFile("personal", "ann-home").find("X-ABLabel:ex-mobile"), std::string::npos)
+        << cardFile("personal", "ann-home");
+}
+
+// On a terminal the list fits its width and colours what it shows, with short
+// ids that the commands take; to a program every value is written whole.
+TEST_F(PeopleCommandTest, ListFitsTheTerminalAndWritesWholeLinesToAProgram) {
+    put("personal", "long-id-0123456789-abcdef",
+        {"N:Verylongfamilyname;Maximiliana;;;", "FN:Maximiliana Verylongfamilyname",
+         "EMAIL:maximiliana.verylongfamilyname@a-rather-long-domain.example", "TEL:+44 20 7946 0000"});
+    const auto piped = run({"list"});
+    EXPECT_NE(piped.out.find("maximiliana.verylongfamilyname@a-rather-long-domain.example"),
+              std::string::npos);
+    EXPECT_NE(piped.out.find("long-id-0123456789-abcdef"), std::string::npos);
+    EXPECT_EQ(piped.out.find('\x1b'), std::string::npos);
+
+    const auto narrow = home.runAtTerminal({"--contacts", root.string(), "list"}, 60);
+    ASSERT_EQ(narrow.exitCode, 0) << narrow.err;
+    EXPECT_NE(narrow.out.find("\x1b["), std::string::npos);
+    std::size_t lines = 0;
+    for (std::size_t start = 0; start < narrow.out.size();) {
+        auto end = narrow.out.find('\n', start);
+        end = end == std::string::npos ? narrow.out.size() : end;
+        std::string line = narrow.out.substr(start, end - start);
+        // The colours take no room on the screen.
+        for (auto escape = line.find('\x1b'); escape != std::string::npos; escape = line.find('\x1b')) {
+            line.erase(escape, line.find('m', escape) - escape + 1);
+        }
+        EXPECT_LE(displayColumns(line), 60u) << line;
+        ++lines;
+        start = end + 1;
+    }
+    EXPECT_GT(lines, 10u);
+    EXPECT_NE(narrow.out.find("long-id-"), std::string::npos);
+    EXPECT_EQ(narrow.out.find("long-id-0123456789-abcdef"), std::string::npos) << narrow.out;
+    // The short id names the person.
+    EXPECT_EQ(runJson({"show", "long-id-"})["person"]["id"], "long-id-0123456789-abcdef");
+
+    home.setVariable("NO_COLOR", "1");
+    const auto plain = home.runAtTerminal({"--contacts", root.string(), "list"}, 60);
+    EXPECT_EQ(plain.out.find('\x1b'), std::string::npos);
+}
+
 TEST_F(PeopleCommandTest, ASecondRunStartsFromTheCacheAndSeesChangesMadeMeanwhile) {
     ASSERT_EQ(run({"list"}).exitCode, 0);
     const fs::path cacheFolder = home.cache() / "kinbook";
     std::vector<fs::path> caches;
-    for (const auto& entry : fs::directory_iterator(cacheFolder)) {
-        caches.push_back(entry.path());
+    for (const auto& entry : fs::recursive_directory_iterator(cacheFolder)) {
+        if (entry.is_regular_file()) {
+            caches.push_back(entry.path());
+        }
     }
     ASSERT_EQ(caches.size(), 1u);
-    EXPECT_EQ(caches[0].filename().string().rfind("kinbook-snapshot", 0), 0u);
+    EXPECT_EQ(caches[0].filename(), "kinbook-snapshot.json");
     const fs::path log = home.state() / "kinbook" / "app.log";
     EXPECT_EQ(readFile(log).find("[list] cache: "), std::string::npos);
 
@@ -393,9 +485,20 @@ TEST_F(PeopleCommandTest, ProblemsAreReportedOnStderrWithANonZeroStatus) {
         << config.err;
 }
 
+// A mail client's query on a fresh system is no new user at a terminal: it
+// gets no demo addresses, and no demo address book is made behind its back.
+TEST(KinbookFirstRun, AProgramAskingOnAFreshSystemIsToldThatNoAddressBookIsConfigured) {
+    KinbookHome home;
+    const auto query = home.run({"email", "maya"});
+    EXPECT_EQ(query.exitCode, 1);
+    EXPECT_TRUE(query.out.empty()) << query.out;
+    EXPECT_TRUE(query.err.starts_with("kinbook: no address book configured")) << query.err;
+    EXPECT_FALSE(fs::exists(home.data() / "kinbook" / "contacts"));
+}
+
 TEST(KinbookFirstRun, SeedsTheDemoAddressBookOnceAndShowsIt) {
     KinbookHome home;
-    const auto first = home.run({"list"});
+    const auto first = home.runAtTerminal({"list"});
     ASSERT_EQ(first.exitCode, 0) << first.err;
     EXPECT_NE(first.err.find("made a demo address book"), std::string::npos) << first.err;
     EXPECT_NE(first.out.find("Maya Okafor"), std::string::npos) << first.out;

@@ -379,6 +379,12 @@ TEST_F(PeopleListTest, AnOutsideEditIsReadAfterItsNoticesAreGathered) {
     loadAndWait(*list);
     lines();
     const auto version = list->peopleVersion();
+    // The page has read Bob's card, and his row its thumbnail.
+    ASSERT_EQ(readCard(*list, "BOB-1")->givenName, "Bob");
+    EXPECT_EQ(list->thumbnail("BOB-1"), nullptr);
+    run();
+    const int thumbnailReads = m_book->thumbnailReads;
+    const auto cardsVersion = list->cardsVersion();
 
     writeCard("home", "BOB-1", vcard("BOB-1", "Robert", "Brown"));
     writeCard("work", "CAROL-1", vcard("CAROL-1", "Carol", "Cole"));
@@ -403,6 +409,30 @@ TEST_F(PeopleListTest, AnOutsideEditIsReadAfterItsNoticesAreGathered) {
     EXPECT_EQ(list->person("JANE-2")->memberIDs, std::vector<std::string>{"JANE-2"});
     EXPECT_EQ(list->person("JANE-1"), nullptr);
     EXPECT_EQ(list->timings().refreshKind, "changes");
+    // The copies read before the edit are gone: the page reads the new card.
+    EXPECT_GT(list->cardsVersion(), cardsVersion);
+    EXPECT_FALSE(list->cardCache().contains("BOB-1"));
+    EXPECT_EQ(readCard(*list, "BOB-1")->givenName, "Robert");
+    EXPECT_EQ(list->thumbnail("BOB-1"), nullptr);
+    run();
+    EXPECT_EQ(m_book->thumbnailReads, thumbnailReads + 1);
+}
+
+// The accounts are listed again with every change read, so that a new
+// account's people are known to the sidebar and its filter at once.
+TEST_F(PeopleListTest, TheAccountsAndTheirCountsFollowEveryChangeRead) {
+    auto list = makeList();
+    loadAndWait(*list);
+    ASSERT_EQ(list->accountCounts().at("work"), 1);
+    writeCard("work", "CAROL-1", vcard("CAROL-1", "Carol", "Cole"));
+    m_watcher->fire();
+    run();
+    m_main.advance(500ms);
+    run();
+    EXPECT_EQ(list->timings().refreshKind, "changes");
+    EXPECT_EQ(list->accountCounts().at("work"), 2);
+    list->setAccountFilter("work");
+    EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"JANE-2", "CAROL-1"}));
 }
 
 TEST_F(PeopleListTest, AHistoryThatCannotSayWhatChangedLeadsToAFullRead) {
@@ -685,7 +715,7 @@ TEST_F(PeopleListShownTest, NarrowingReusesTheLastResultOnlyUnderTheSameOrderAnd
     list->setSearchText("s");
     EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"BOB-1"});
     ASSERT_TRUE(list->lastSearch().has_value());
-    EXPECT_EQ(list->lastSearch()->query, "s");
+    EXPECT_EQ(list->lastSearch()->query.whole, "s");
 
     // Another account: the last result no longer holds everyone who may match.
     list->setAccountFilter("home");
@@ -761,7 +791,9 @@ TEST_F(PeopleListShownTest, TheFirstSearchAfterTheIndexArrivesUsesIt) {
 // end where searching the whole list for the final text does.
 TEST_F(PeopleListShownTest, TypingLetterByLetterFindsWhatTheQueryItselfSaysOfEveryone) {
     std::mt19937 random(5);
-    const std::string letters = "abcde ";
+    // Letters, and what phone numbers are typed with: a word may turn from
+    // text into a number as it is typed ("(" then "(2").
+    const std::string letters = "abcde (+02-";
     const auto randomText = [&](std::size_t least, std::size_t most, std::size_t alphabet) {
         std::string text(std::uniform_int_distribution<std::size_t>(least, most)(random), ' ');
         for (auto& c : text) {
@@ -773,7 +805,9 @@ TEST_F(PeopleListShownTest, TypingLetterByLetterFindsWhatTheQueryItselfSaysOfEve
         const auto uid = fmt::format("P-{}", i);
         writeCard(
             i % 3 == 0 ? "work" : "home", uid,
-            vcard(uid, randomText(2, 5, 5), randomText(2, 6, 5), i % 9 == 0 ? anchor(uid, "?h=1") : ""));
+            vcard(uid, randomText(2, 5, 5), randomText(2, 6, 5),
+                  (i % 9 == 0 ? anchor(uid, "?h=1") : "") +
+                      (i % 4 == 0 ? fmt::format("TEL:+{} (20{}) {}\r\n", i % 3, i % 5, 2000 + i) : "")));
     }
     auto list = makeList();
     loadAndWait(*list);
@@ -804,6 +838,53 @@ TEST_F(PeopleListShownTest, TypingLetterByLetterFindsWhatTheQueryItselfSaysOfEve
             ASSERT_EQ(list->matchCount(), static_cast<int>(expected.size()));
         }
     }
+}
+
+// People type numbers as they are written: "(" and "+" match no one's text,
+// but the next key makes a phone number of the word, which must then be
+// looked for among everyone again, not only among those "(" found.
+TEST_F(PeopleListShownTest, APhoneNumberTypedAsWrittenFindsItsPeopleAtEveryKey) {
+    writeCard("home", "NYC-1", vcard("NYC-1", "Nora", "York", "TEL:212-555-0100\r\n"));
+    writeCard("work", "LON-1", vcard("LON-1", "Lena", "Dunn", "TEL:+44 20 7946 0000\r\n"));
+    auto list = makeList();
+    loadAndWait(*list);
+    ASSERT_FALSE(list->isIndexing());
+
+    const std::vector<std::pair<std::string, std::vector<std::string>>> typed = {
+        {"(212", {"NYC-1"}}, {"(212) 555", {"NYC-1"}},  {"+44", {"LON-1"}},           {"+44 20", {"LON-1"}},
+        {"0044", {"LON-1"}}, {"0044 20 79", {"LON-1"}}, {"(555)", {"DAN-1", "NYC-1"}}};
+    for (const auto& [number, found] : typed) {
+        list->setSearchText("");
+        for (std::size_t length = 1; length <= number.size(); ++length) {
+            list->setSearchText(number.substr(0, length));
+        }
+        EXPECT_EQ(idsOf(list->sections()), found) << number;
+    }
+    // Dialled from abroad, 0044 is the start of a number, not any 44 in it.
+    list->setSearchText("0020");
+    EXPECT_TRUE(list->sections().empty());
+}
+
+// A person is found by any of their cards, though the list shows the
+// leading card's name and first e-mail and phone.
+TEST_F(PeopleListShownTest, AJoinedPersonIsFoundByEveryCardTheyHold) {
+    writeCard("work", "ANN-W",
+              vcard("ANN-W", "Ann", "Smith",
+                    anchor("KANN") + "TITLE:Staff Engineer\r\nORG:Fernhill\r\n"
+                                     "EMAIL:ann.smith@fernhill.example\r\n"
+                                     "TEL:+1 (718) 555-0142\r\n"));
+    auto list = makeList();
+    loadAndWait(*list);
+    const auto ann = list->person("ANN-W");
+    ASSERT_NE(ann, nullptr);
+    EXPECT_EQ(ann->memberIDs.size(), 2u);
+    for (const std::string query : {"ann.smith@fernhill", "staff engineer", "fernhill smith", "718-555"}) {
+        list->setSearchText(query);
+        ASSERT_EQ(list->matchCount(), 1) << query;
+        EXPECT_EQ(list->sections().front().people.front()->id, ann->id) << query;
+    }
+    // Sorting stays with the leading card: Ann is still filed under S.
+    EXPECT_EQ(ann->sectionLetter(), "S");
 }
 
 // The shown sections name their people without holding them; the list they
@@ -931,6 +1012,23 @@ TEST_F(PeopleListShownTest, CircleAccountHeadingAndTrashFiltersNarrowTheList) {
     EXPECT_EQ(list->flatPosition("DAN-1"), std::nullopt);
     list->setHeadingFilter(std::nullopt);
     EXPECT_EQ(list->flatPosition("DAN-1"), 0u);
+
+    // Under a circle and a heading, in either order, the same people; a
+    // heading the list no longer has filters no more.
+    list->setHeadingFilter("S");
+    list->setCircleFilter(ContactCircle::closest);
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"ANN-1"});
+    list->setCircleFilter(std::nullopt);
+    list->setHeadingFilter(std::nullopt);
+    list->setCircleFilter(ContactCircle::closest);
+    list->setHeadingFilter("S");
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"ANN-1"});
+    list->setCircleFilter(std::nullopt);
+    list->setHeadingFilter("B");
+    list->setAccountFilter("home");
+    EXPECT_EQ(idsOf(list->sections()), std::vector<std::string>{"ANN-1"});
+    EXPECT_EQ(list->headingFilter(), std::nullopt);
+    list->setAccountFilter(std::nullopt);
 
     list->setPendingTrash({"ANN-1"});
     EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"DAN-1", "BOB-1"}));

@@ -61,16 +61,22 @@ TEST(Sections, LastNameFilesByFoldedLetterAndGathersEveryHashIntoOneSection) {
     const std::vector<PersonPtr> people{
         make({"zola", "Émile", "Zola"}), make({"3m", "", "3M"}),          make({"elodie", "Zoë", "Élodie"}),
         make({"orsted", "", "Ørsted"}),  make({"adams", "Ann", "adams"}), make({"Adams2", "Ann", "Adams"}),
+        make({"zhou", "", "周"}),
     };
     // Digits sort before letters and non-Latin letters after them, yet both
     // file under the one "#" section, created where the first of them sorts.
     // The two Ann Adamses have equal keys and keep the order they came in.
-    EXPECT_EQ(
-        build(SortOrder::lastName, people),
-        (Shape{{"#", {"3m", "orsted"}}, {"A", {"adams", "Adams2"}}, {"E", {"elodie"}}, {"Z", {"zola"}}}));
-    EXPECT_EQ(
-        build(SortOrder::lastName, people, true),
-        (Shape{{"Z", {"zola"}}, {"E", {"elodie"}}, {"A", {"Adams2", "adams"}}, {"#", {"orsted", "3m"}}}));
+    // Ø is typed, and filed, as O.
+    EXPECT_EQ(build(SortOrder::lastName, people), (Shape{{"#", {"3m", "zhou"}},
+                                                         {"A", {"adams", "Adams2"}},
+                                                         {"E", {"elodie"}},
+                                                         {"O", {"orsted"}},
+                                                         {"Z", {"zola"}}}));
+    EXPECT_EQ(build(SortOrder::lastName, people, true), (Shape{{"Z", {"zola"}},
+                                                               {"O", {"orsted"}},
+                                                               {"E", {"elodie"}},
+                                                               {"A", {"Adams2", "adams"}},
+                                                               {"#", {"zhou", "3m"}}}));
 }
 
 TEST(Sections, FirstNameBreaksTiesBySortKey) {

@@ -56,7 +56,8 @@ TEST_F(ConfigurationTest, WithoutConfigurationKinbookRunsOnItsEmbeddedAddressBoo
     EXPECT_EQ(configuration.contacts, home / ".local/share/kinbook/contacts");
     EXPECT_EQ(configuration.sidecar, home / ".local/share/kinbook/Sidecar");
     EXPECT_EQ(configuration.stateFolder, home / ".local/state/kinbook");
-    EXPECT_EQ(configuration.snapshotFile(), home / ".cache/kinbook/kinbook-snapshot.json");
+    EXPECT_EQ(configuration.snapshotFile().parent_path().parent_path(), home / ".cache/kinbook");
+    EXPECT_EQ(configuration.snapshotFile().filename(), "kinbook-snapshot.json");
     EXPECT_FALSE(configuration.notesLocked);
     EXPECT_TRUE(configuration.warnings.empty());
 
@@ -104,8 +105,6 @@ read_only = false
     EXPECT_EQ(options.accountKinds.at("work"), AccountContainer::Kind::cardDAV);
     EXPECT_EQ(options.accountKinds.at("personal"), AccountContainer::Kind::local);
     EXPECT_EQ(options.readOnlyAccounts, std::set<std::string>{"work"});
-    // The configured address book shares the application's cache.
-    EXPECT_EQ(configuration.snapshotFile().filename(), "kinbook-snapshot.json");
 }
 
 TEST_F(ConfigurationTest, EnvironmentOverridesTheFileAndTheCommandLineOverridesBoth) {
@@ -120,10 +119,26 @@ TEST_F(ConfigurationTest, EnvironmentOverridesTheFileAndTheCommandLineOverridesB
     configuration = load({.contacts = "/srv/from-flag/"});
     EXPECT_EQ(configuration.contacts, "/srv/from-flag");
     EXPECT_EQ(configuration.contactsSource, Configuration::Source::commandLine);
-    // A folder named for one run keeps a cache of its own.
-    EXPECT_NE(configuration.snapshotFile().filename(), "kinbook-snapshot.json");
-    EXPECT_EQ(configuration.snapshotFile().parent_path(), configuration.cacheFolder);
-    EXPECT_NE(load({.contacts = "/srv/other"}).snapshotFile(), configuration.snapshotFile());
+}
+
+// Two address books never share a cache, or the window would first show the
+// other book's people; one book has one cache however it is named.
+TEST_F(ConfigurationTest, EachAddressBookHasOneCacheKeyedByItsRealPath) {
+    fs::create_directories(folder / "books" / "family");
+    fs::create_directories(folder / "books" / "work");
+    fs::create_directory_symlink(folder / "books" / "family", folder / "family-link");
+
+    writeConfig("contacts = \"" + (folder / "books" / "family").string() + "\"\n");
+    const auto fromFile = load().snapshotFile();
+    variables["KINBOOK_CONTACTS"] = (folder / "books" / "work").string();
+    const auto fromEnvironment = load().snapshotFile();
+    EXPECT_NE(fromEnvironment, fromFile);
+    EXPECT_NE(load({.contacts = folder / "books" / "work" / ".."}).snapshotFile(), fromEnvironment);
+
+    EXPECT_EQ(load({.contacts = folder / "family-link"}).snapshotFile(), fromFile);
+    EXPECT_EQ(load({.contacts = (folder / "books" / "family").string() + "/"}).snapshotFile(), fromFile);
+    EXPECT_EQ(load({.contacts = folder / "books" / "work" / ".." / "family"}).snapshotFile(), fromFile);
+    EXPECT_EQ(fromFile.filename(), "kinbook-snapshot.json");
 }
 
 TEST_F(ConfigurationTest, KinbookConfigNamesAnotherFile) {

@@ -21,9 +21,15 @@ TEST(Fold, CaseAndDiacriticsFoldWithoutLocale) {
         {"Émile Zola", "emile zola"},
         {"ÉMILE", "emile"},
         {"Straße", "strasse"},
-        {"Søren Kierkegaard", "søren kierkegaard"}, // ø is a letter of its own, not o plus a mark
-        {"ØRSTED", "ørsted"},
-        {"Łódź", "łodz"},
+        // Letters of their own, not a base letter plus marks, fold to the
+        // plain letters people type for them.
+        {"Søren Kierkegaard", "soren kierkegaard"},
+        {"ØRSTED", "orsted"},
+        {"Łódź Łukasz", "lodz lukasz"},
+        {"Đorđević", "dordevic"},
+        {"ÆSIR Œuvre", "aesir oeuvre"},
+        {"Þór Aðalsteinn", "thor adalsteinn"},
+        {"Kırıkkale", "kirikkale"},
         {"Ångström", "angstrom"},
         {"Crème Brûlée", "creme brulee"},
         {"İstanbul", "istanbul"},
@@ -47,6 +53,8 @@ TEST(Fold, HangulSurvivesBothComposedAndConjoining) {
     const std::string conjoining = "\xE1\x84\x92\xE1\x85\xA1\xE1\x86\xAB";
     EXPECT_EQ(fold(composed), composed);
     EXPECT_EQ(fold(conjoining), composed);
+    // Text with conjoining jamo is folded whole, and still makes ł plain.
+    EXPECT_EQ(fold(conjoining + "\xC5\x81"), composed + "l");
 }
 
 TEST(Fold, InvalidUtf8PassesThroughAndNeverCrashes) {
