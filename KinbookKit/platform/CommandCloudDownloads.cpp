@@ -3,10 +3,10 @@
 #include "KinbookKit/text/KinLog.h"
 
 #include <fmt/core.h>
-
-#include <cstring>
 #include <spawn.h>
 #include <sys/wait.h>
+
+#include <cstring>
 
 extern char** environ;
 
@@ -58,7 +58,8 @@ void CommandCloudDownloads::startDownloading(const std::filesystem::path& placeh
     if (!m_asked.insert(target).second) {
         return;
     }
-    sidecarLog().info(fmt::format("sidecar: waiting for the sync client to bring {}", target.filename().string()));
+    sidecarLog().info(
+        fmt::format("sidecar: waiting for the sync client to bring {}", target.filename().string()));
     if (!m_command) {
         return;
     }
@@ -74,7 +75,8 @@ void CommandCloudDownloads::startDownloading(const std::filesystem::path& placeh
     pid_t child = 0;
     const int failed = ::posix_spawnp(&child, argv[0], nullptr, nullptr, argv.data(), environ);
     if (failed != 0) {
-        sidecarLog().error(fmt::format("sidecar: couldn't start the download command: {}", std::strerror(failed)));
+        sidecarLog().error(
+            fmt::format("sidecar: couldn't start the download command: {}", std::strerror(failed)));
         return;
     }
     m_running.insert(child);

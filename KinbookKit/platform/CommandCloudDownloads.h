@@ -2,11 +2,12 @@
 
 #include "KinbookKit/sidecar/Sidecar.h"
 
+#include <sys/types.h>
+
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
-#include <sys/types.h>
 
 namespace kinbook {
 
@@ -21,7 +22,8 @@ public:
     explicit CommandCloudDownloads(std::optional<std::string> command) : m_command(std::move(command)) {}
     ~CommandCloudDownloads() override;
 
-    void startDownloading(const std::filesystem::path& placeholder, const std::filesystem::path& target) override;
+    void startDownloading(const std::filesystem::path& placeholder,
+                          const std::filesystem::path& target) override;
 
     // The program and arguments for one placeholder (empty: no command).
     static std::vector<std::string> argumentsFor(const std::string& command, const std::string& placeholder);

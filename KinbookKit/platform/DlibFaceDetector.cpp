@@ -22,8 +22,8 @@ constexpr double kMinimumConfidence = 0.3;
 
 std::vector<FaceBox> DlibFaceDetector::faces(const PixelImage& image) {
     std::vector<FaceBox> found;
-    if (image.empty() ||
-        image.rgb.size() < static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height) * 3) {
+    if (image.empty() || image.rgb.size() < static_cast<std::size_t>(image.width) *
+                                                static_cast<std::size_t>(image.height) * 3) {
         return found;
     }
     thread_local dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
@@ -33,7 +33,8 @@ std::vector<FaceBox> DlibFaceDetector::faces(const PixelImage& image) {
     const std::uint8_t* pixel = image.rgb.data();
     for (int row = 0; row < image.height; ++row) {
         for (int column = 0; column < image.width; ++column, pixel += 3) {
-            grey[row][column] = static_cast<unsigned char>((299 * pixel[0] + 587 * pixel[1] + 114 * pixel[2]) / 1000);
+            grey[row][column] =
+                static_cast<unsigned char>((299 * pixel[0] + 587 * pixel[1] + 114 * pixel[2]) / 1000);
         }
     }
     double scale = 1;

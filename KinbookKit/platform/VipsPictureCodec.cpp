@@ -128,8 +128,8 @@ std::optional<PixelImage> VipsPictureCodec::decode(std::span<const std::uint8_t>
     VipsImage* thumbnail = nullptr;
     // thumbnail_buffer decodes only as much as it needs and applies the EXIF
     // orientation.
-    if (vips->thumbnailBuffer(const_cast<std::uint8_t*>(data.data()), data.size(), &thumbnail, maxPixels, "height",
-                              maxPixels, "size", VIPS_SIZE_DOWN, nullptr) != 0) {
+    if (vips->thumbnailBuffer(const_cast<std::uint8_t*>(data.data()), data.size(), &thumbnail, maxPixels,
+                              "height", maxPixels, "size", VIPS_SIZE_DOWN, nullptr) != 0) {
         vips->errorClear();
         return std::nullopt;
     }
@@ -150,7 +150,8 @@ std::optional<PixelImage> VipsPictureCodec::decode(std::span<const std::uint8_t>
     const auto* bytes = static_cast<const std::uint8_t*>(memory);
     image.rgb.assign(bytes, bytes + size);
     vips->free(memory);
-    if (image.rgb.size() != static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height) * 3) {
+    if (image.rgb.size() !=
+        static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height) * 3) {
         return std::nullopt;
     }
     return image;
@@ -188,11 +189,12 @@ std::optional<std::vector<std::uint8_t>> VipsPictureCodec::toJpeg(std::span<cons
 std::optional<std::vector<std::uint8_t>> VipsPictureCodec::encodeJpeg(const PixelImage& image) {
     const VipsCalls* vips = openVips();
     if (vips == nullptr || image.empty() ||
-        image.rgb.size() != static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height) * 3) {
+        image.rgb.size() !=
+            static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height) * 3) {
         return std::nullopt;
     }
-    VipsImage* made =
-        vips->newFromMemoryCopy(image.rgb.data(), image.rgb.size(), image.width, image.height, 3, VIPS_FORMAT_UCHAR);
+    VipsImage* made = vips->newFromMemoryCopy(image.rgb.data(), image.rgb.size(), image.width, image.height,
+                                              3, VIPS_FORMAT_UCHAR);
     if (made == nullptr) {
         vips->errorClear();
         return std::nullopt;

@@ -88,8 +88,10 @@ std::optional<PosterInfo> PosterInfo::fromJSON(std::string_view json) {
 }
 
 std::string PosterInfo::toJSON() const {
-    const nlohmann::json document = {
-        {"focusX", focusX}, {"focusY", focusY}, {"source", source}, {"setAt", secondsSinceReferenceDate(setAt)}};
+    const nlohmann::json document = {{"focusX", focusX},
+                                     {"focusY", focusY},
+                                     {"source", source},
+                                     {"setAt", secondsSinceReferenceDate(setAt)}};
     return document.dump();
 }
 
@@ -220,7 +222,8 @@ ContactPhotos::addPhotos(const PersonKey& person, const std::vector<std::vector<
     std::error_code error;
     fs::create_directories(photosFolder, error);
     if (error) {
-        return failure(fmt::format("couldn't make the folder {}: {}", photosFolder.string(), error.message()));
+        return failure(
+            fmt::format("couldn't make the folder {}: {}", photosFolder.string(), error.message()));
     }
     std::vector<PhotoItem> added;
     std::size_t done = 0;
@@ -297,8 +300,8 @@ Result<std::size_t, std::string> ContactPhotos::movePhotos(const PersonKey& from
             bool duplicate = false;
             for (const auto& entry : fs::directory_iterator(targetPhotos, error)) {
                 if (contents && isPhotoName(entry.path()) &&
-                    sameBytes(entry.path(), {reinterpret_cast<const std::uint8_t*>(contents->data()),
-                                             contents->size()})) {
+                    sameBytes(entry.path(),
+                              {reinterpret_cast<const std::uint8_t*>(contents->data()), contents->size()})) {
                     duplicate = true;
                     break;
                 }
@@ -309,9 +312,10 @@ Result<std::size_t, std::string> ContactPhotos::movePhotos(const PersonKey& from
                 continue;
             }
         }
-        const fs::path destination = fs::exists(targetPhotos / name, error)
-                                         ? freeName(targetPhotos, file.stem().string(), file.extension().string())
-                                         : targetPhotos / name;
+        const fs::path destination =
+            fs::exists(targetPhotos / name, error)
+                ? freeName(targetPhotos, file.stem().string(), file.extension().string())
+                : targetPhotos / name;
         fs::rename(file, destination, error);
         if (error) {
             return failure(fmt::format("couldn't move {}: {}", file.string(), error.message()));
@@ -352,8 +356,8 @@ std::optional<Poster> ContactPhotos::poster(const PersonKey& person) {
     return poster;
 }
 
-Result<Poster, std::string> ContactPhotos::setPoster(const PersonKey& person, std::span<const std::uint8_t> picture,
-                                                     std::string source) {
+Result<Poster, std::string>
+ContactPhotos::setPoster(const PersonKey& person, std::span<const std::uint8_t> picture, std::string source) {
     auto jpeg = m_options.codec ? m_options.codec->toJpeg(picture) : std::nullopt;
     if (!jpeg) {
         return failure(std::string("That wasn't a picture."));
@@ -414,7 +418,8 @@ std::optional<CircleSuggestion> ContactPhotos::suggestion(const PersonKey& perso
     return suggestion;
 }
 
-Result<void, std::string> ContactPhotos::setSuggestion(const PersonKey& person, const CircleSuggestion& suggestion) {
+Result<void, std::string> ContactPhotos::setSuggestion(const PersonKey& person,
+                                                       const CircleSuggestion& suggestion) {
     auto folder = folderForWriting(person);
     if (!folder) {
         return failure(folder.error());
@@ -443,9 +448,11 @@ std::vector<PastJob> ContactPhotos::pastJobs(const PersonKey& person) {
     return std::move(*jobs);
 }
 
-Result<void, std::string> ContactPhotos::setPastJobs(const PersonKey& person, const std::vector<PastJob>& jobs) {
+Result<void, std::string> ContactPhotos::setPastJobs(const PersonKey& person,
+                                                     const std::vector<PastJob>& jobs) {
     std::vector<PastJob> kept;
-    std::copy_if(jobs.begin(), jobs.end(), std::back_inserter(kept), [](const PastJob& job) { return !job.isEmpty(); });
+    std::copy_if(jobs.begin(), jobs.end(), std::back_inserter(kept),
+                 [](const PastJob& job) { return !job.isEmpty(); });
     const auto found = findFolder(person.kinID);
     if (kept.empty() && !found) {
         return {}; // nothing to keep, and no folder made for it

@@ -66,9 +66,9 @@ struct Poster {
 class ContactPhotos {
 public:
     struct Options {
-        std::filesystem::path documents; // the ready sidecar's "Documents"
-        std::shared_ptr<PictureCodec> codec; // converts added pictures to JPEG
-        std::shared_ptr<FaceDetector> detector; // the poster's focus; none: centre
+        std::filesystem::path documents;           // the ready sidecar's "Documents"
+        std::shared_ptr<PictureCodec> codec;       // converts added pictures to JPEG
+        std::shared_ptr<FaceDetector> detector;    // the poster's focus; none: centre
         std::shared_ptr<CloudDownloads> downloads; // none: placeholders only listed
         Clock* clock = &Clock::system();
     };
@@ -84,7 +84,8 @@ public:
     void ask(Executor& reply, Work work, Done done) {
         run([&reply, work = std::move(work), done = std::move(done)](ContactPhotos& self) mutable {
             auto result = work(self);
-            reply.post([result = std::move(result), done = std::move(done)]() mutable { done(std::move(result)); });
+            reply.post(
+                [result = std::move(result), done = std::move(done)]() mutable { done(std::move(result)); });
         });
     }
     // Blocks until everything posted so far has run (tests, exit).

@@ -53,7 +53,8 @@ PixelImage HeadCrop::cut(const PixelImage& image, const CropRect& rect) {
                                   static_cast<std::size_t>(x0)) *
                                  3;
         if (rowBytes > 0) {
-            std::memcpy(out.rgb.data() + static_cast<std::size_t>(row) * rowBytes, image.rgb.data() + from, rowBytes);
+            std::memcpy(out.rgb.data() + static_cast<std::size_t>(row) * rowBytes, image.rgb.data() + from,
+                        rowBytes);
         }
     }
     return out;

@@ -48,7 +48,8 @@ Status openNow(const std::optional<fs::path>& folder) {
     return Status::ready(std::move(documents));
 }
 
-void open(Executor& background, Executor& reply, std::optional<fs::path> folder, std::function<void(Status)> done) {
+void open(Executor& background, Executor& reply, std::optional<fs::path> folder,
+          std::function<void(Status)> done) {
     background.post([&reply, folder = std::move(folder), done = std::move(done)]() mutable {
         Status status = openNow(folder);
         reply.post([status = std::move(status), done = std::move(done)] { done(status); });

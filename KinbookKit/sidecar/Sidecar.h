@@ -37,7 +37,8 @@ struct Status {
 inline constexpr std::string_view readmeText =
     "Vellumary Contacts\n\nThis folder holds what doesn't fit in a contact card: full-size\n"
     "portraits, business card scans, attachments and history. One folder\nper person. The contacts "
-    "themselves stay in iCloud, Google or\nExchange.\n\nIt's yours. It lives in your iCloud and nowhere else.";
+    "themselves stay in iCloud, Google or\nExchange.\n\nIt's yours. It lives in your iCloud and nowhere "
+    "else.";
 
 // Prepares the tree under `folder` (none: the setting turns it off) and says
 // whether it is ready: makes "Documents" with its intermediates and leaves
@@ -86,7 +87,8 @@ class CloudDownloads {
 public:
     virtual ~CloudDownloads() = default;
     // `placeholder` is the placeholder's path, `target` the file it stands for.
-    virtual void startDownloading(const std::filesystem::path& placeholder, const std::filesystem::path& target) = 0;
+    virtual void startDownloading(const std::filesystem::path& placeholder,
+                                  const std::filesystem::path& target) = 0;
 };
 
 } // namespace kinbook

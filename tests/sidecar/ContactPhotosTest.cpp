@@ -1,15 +1,17 @@
+#include "KinbookKit/sidecar/ContactPhotos.h"
+
 #include "KinbookKit/platform/DlibFaceDetector.h"
 #include "KinbookKit/platform/VipsPictureCodec.h"
 #include "KinbookKit/records/Iso8601.h"
-#include "KinbookKit/sidecar/ContactPhotos.h"
 #include "KinbookKit/text/KinLog.h"
 #include "tests/sidecar/TestPictures.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/ManualExecutor.h"
 #include "tests/support/TempFolder.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <mutex>
@@ -147,7 +149,8 @@ TEST_F(ContactPhotosTest, AFolderIsFoundByItsKinIDAfterARenameAndReadersMakeNone
 }
 
 TEST_F(ContactPhotosTest, HostileNamesAndPathsNeverLeaveTheSidecar) {
-    for (const std::string& name : std::vector<std::string>{"../../..", "/etc/passwd", ":", "   ", std::string(300, 'n')}) {
+    for (const std::string& name :
+         std::vector<std::string>{"../../..", "/etc/passwd", ":", "   ", std::string(300, 'n')}) {
         SCOPED_TRACE(name.substr(0, 20));
         ASSERT_TRUE(photos->setPastJobs({"CD34EF56", name}, {PastJob::make("Acme", "Engineer")}));
         const auto found = photos->findFolder("CD34EF56");
@@ -156,16 +159,16 @@ TEST_F(ContactPhotosTest, HostileNamesAndPathsNeverLeaveTheSidecar) {
         fs::remove_all(*found);
     }
     EXPECT_FALSE(photos->setPastJobs({"../X", "Ann"}, {PastJob::make("Acme", "Engineer")}));
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 1); // only Sidecar
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()),
+              1); // only Sidecar
 
     // A photo path outside the person's "photos" is never deleted.
     ASSERT_TRUE(photos->addPhotos(ann, {testing::sampleJpeg("coffee.png")}));
     const fs::path outside = folder / "keep.jpg";
     testing::writeFile(outside, "mine");
     EXPECT_FALSE(photos->deletePhoto(ann, {outside, true}));
-    EXPECT_FALSE(photos->deletePhoto(ann, {people() / "Ann Lee AB12CD34" / "photos" / ".." / ".." / ".." / ".." /
-                                               "keep.jpg",
-                                           true}));
+    EXPECT_FALSE(photos->deletePhoto(
+        ann, {people() / "Ann Lee AB12CD34" / "photos" / ".." / ".." / ".." / ".." / "keep.jpg", true}));
     EXPECT_TRUE(fs::exists(outside));
     const auto listed = photos->photos(ann);
     ASSERT_TRUE(photos->deletePhoto(ann, listed.front()));
@@ -189,7 +192,8 @@ TEST_F(ContactPhotosTest, ThePosterIsRecordedAsTheOtherPlatformsReadIt) {
 
     // A picture without a face: the focus is the centre. Replacing the
     // poster, and removing it, leave the photos alone.
-    auto cup = photos->setPoster(ann, testing::readBytes(testing::photoSample("coffee.png")), "file:coffee.png");
+    auto cup =
+        photos->setPoster(ann, testing::readBytes(testing::photoSample("coffee.png")), "file:coffee.png");
     ASSERT_TRUE(cup);
     EXPECT_EQ(cup->focus, (FocusPoint{0.5, 0.5}));
     ASSERT_TRUE(photos->removePoster(ann));
@@ -269,7 +273,8 @@ TEST_F(ContactPhotosTest, MovingPhotosForAMergeKeepsOneCopyOfEach) {
 TEST_F(ContactPhotosTest, TheActorRunsWorkInOrderAndAnswersOnTheCallersExecutor) {
     testing::ManualExecutor underlying;
     testing::ManualExecutor main;
-    ContactPhotos store(underlying, {status.documents, std::make_shared<VipsPictureCodec>(), nullptr, nullptr, &clock});
+    ContactPhotos store(underlying,
+                        {status.documents, std::make_shared<VipsPictureCodec>(), nullptr, nullptr, &clock});
     std::vector<std::size_t> counts;
     store.run([&](ContactPhotos& self) { (void)self.addPhotos(ann, {testing::sampleJpeg("coffee.png")}); });
     store.ask(

@@ -1,6 +1,7 @@
+#include "KinbookKit/sidecar/HeadCrop.h"
+
 #include "KinbookKit/platform/DlibFaceDetector.h"
 #include "KinbookKit/platform/VipsPictureCodec.h"
-#include "KinbookKit/sidecar/HeadCrop.h"
 #include "tests/sidecar/TestPictures.h"
 
 #include <gtest/gtest.h>
@@ -86,7 +87,8 @@ TEST_F(HeadCropTest, AFaceNearTheTopOfATallPictureGivesASquareFlushWithTheTop) {
 
 TEST_F(HeadCropTest, OfTwoFacesTheLargerOneDecides) {
     // A small copy at the top left, a large one at the bottom right.
-    const auto data = testing::canvasJpeg(1400, 1000, {{"astronaut.png", 0.5, 0, 0}, {"astronaut.png", 1.2, 760, 380}});
+    const auto data =
+        testing::canvasJpeg(1400, 1000, {{"astronaut.png", 0.5, 0, 0}, {"astronaut.png", 1.2, 760, 380}});
     const auto decision = headCrop.decide(data, HeadCrop::contactPhotoPixels);
     ASSERT_TRUE(decision && decision->face);
     EXPECT_GT(decision->face->x, 760);

@@ -1,4 +1,5 @@
 #include "KinbookKit/sidecar/Sidecar.h"
+
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>
