@@ -37,6 +37,17 @@ private:
     ContactPhotos& m_photos;
 };
 
+// The sidecar folder's status. Kinbook's own data folder, parent of the
+// default sidecar, is made when missing; a folder the user configured is
+// taken as it is, so that an unmounted share reads as no sidecar.
+Sidecar::Status openSidecar(const Configuration& configuration) {
+    if (configuration.sidecar && *configuration.sidecar == configuration.dataFolder / "Sidecar") {
+        std::error_code ignored;
+        std::filesystem::create_directories(configuration.dataFolder, ignored);
+    }
+    return Sidecar::openNow(configuration.sidecar);
+}
+
 } // namespace
 
 Result<std::unique_ptr<KinbookSession>, std::string>
@@ -66,17 +77,17 @@ KinbookSession::open(Executor& main, Executor& background, Options options) {
     VdirAddressBook::Options bookOptions = session->m_configuration.addressBookOptions();
     bookOptions.imageScaler = session->m_options.imageScaler;
     bookOptions.watcher = session->m_options.watcher;
-    const auto sidecarFolder = session->m_configuration.sidecar;
     if (!session->m_options.openedInBackground) {
-        session->opened(openAddressBook(std::move(bookOptions)), Sidecar::openNow(sidecarFolder));
+        session->opened(openAddressBook(std::move(bookOptions)), openSidecar(session->m_configuration));
         return session;
     }
     // The sidecar may be on a share that answers slowly: it is opened off the
     // main thread with the book.
     background.post([main = &main, self = session.get(), alive = std::weak_ptr<int>(session->m_alive),
-                     bookOptions = std::move(bookOptions), sidecarFolder]() mutable {
+                     bookOptions = std::move(bookOptions),
+                     configuration = session->m_configuration]() mutable {
         auto book = openAddressBook(std::move(bookOptions));
-        auto sidecar = Sidecar::openNow(sidecarFolder);
+        auto sidecar = openSidecar(configuration);
         main->post([self, alive, book = std::move(book), sidecar = std::move(sidecar)]() mutable {
             if (alive.lock()) {
                 self->opened(std::move(book), std::move(sidecar));
