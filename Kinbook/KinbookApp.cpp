@@ -3,6 +3,7 @@
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/QtText.h"
+#include "Kinbook/SidecarBanner.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/text/AppLog.h"
 
@@ -69,6 +70,10 @@ void KinbookApp::opened() {
     m_window = std::make_unique<MainWindow>(*m_list, m_main, m_background, *m_settings, AppLog::shared());
     connect(m_window.get(), &MainWindow::createAddressBookRequested, this, &KinbookApp::createAddressBook);
     connect(m_window.get(), &MainWindow::retryRequested, this, [this] { m_list->load(); });
+    // The status was taken with the book, off the GUI thread.
+    if (!m_session->sidecar().isReady()) {
+        m_window->addToolBar(Qt::TopToolBarArea, new SidecarBanner(qt(configuration.configFile.string())));
+    }
     if (m_options.windowWidth) {
         m_window->resize(*m_options.windowWidth, m_window->height());
     }

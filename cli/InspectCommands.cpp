@@ -1,9 +1,12 @@
 #include "cli/InspectCommands.h"
 
 #include "KinbookKit/addressbook/ContactsAppScript.h"
+#include "KinbookKit/platform/DlibFaceDetector.h"
+#include "KinbookKit/platform/VipsPictureCodec.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/KinID.h"
 #include "KinbookKit/records/LinkService.h"
+#include "KinbookKit/sidecar/HeadCrop.h"
 #include "KinbookKit/text/AddressParser.h"
 #include "KinbookKit/text/AreaCodes.h"
 #include "KinbookKit/text/Fold.h"
@@ -17,6 +20,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -151,6 +155,41 @@ json cardJson(const std::string& file) {
 
 // The update script Kinbook would send the Contacts application for the
 // card in a file, writing the chosen groups.
+// What the head crop decides for a picture, so that anyone can see why a
+// contact photo came out as it did.
+json headCropJson(const std::string& file, int maxPixels) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        fail(fmt::format("can't read {}", file));
+    }
+    const std::vector<std::uint8_t> data{std::istreambuf_iterator<char>(in),
+                                         std::istreambuf_iterator<char>()};
+    VipsPictureCodec codec;
+    DlibFaceDetector detector;
+    const auto decision = HeadCrop(codec, detector).decide(data, maxPixels);
+    if (!decision) {
+        fail(fmt::format("{}: That wasn't a picture.", file));
+    }
+    const auto& square = decision->square;
+    json face = nullptr;
+    if (decision->face) {
+        face = {{"x", decision->face->x},
+                {"y", decision->face->y},
+                {"width", decision->face->width},
+                {"height", decision->face->height}};
+    }
+    json focus = nullptr;
+    if (decision->focus) {
+        focus = {{"x", decision->focus->x}, {"y", decision->focus->y}};
+    }
+    return {
+        {"width", decision->width},
+        {"height", decision->height},
+        {"face", face},
+        {"square", {{"x", square.x}, {"y", square.y}, {"width", square.width}, {"height", square.height}}},
+        {"focus", focus}};
+}
+
 std::string updateScriptFor(const std::string& file, int fields) {
     const auto card = readCardFile(file);
     const std::string cardID = cardIDOf(card.value(), std::filesystem::path(file).filename().string());
@@ -212,6 +251,16 @@ void addInspectCommands(CLI::App& app) {
     auto* card = inspect->add_subcommand("card", "What Kinbook reads from a card file (.vcf)");
     card->add_option("FILE", *text, "A vCard file, such as one card of a vdir account folder")->required();
     card->callback([text] { printJson(cardJson(*text)); });
+
+    auto* headcrop = inspect->add_subcommand(
+        "headcrop", "The square the contact photo is cut from, around the largest face, and the focus");
+    auto maxPixels = std::make_shared<int>(HeadCrop::contactPhotoPixels);
+    headcrop->add_option("FILE", *text, "A picture: JPEG, PNG, WebP, HEIC where libvips reads it")
+        ->required();
+    headcrop->add_option("--max", *maxPixels, "The longest side of the picture the square is cut from")
+        ->default_val(HeadCrop::contactPhotoPixels)
+        ->check(CLI::Range(16, 16384));
+    headcrop->callback([text, maxPixels] { printJson(headCropJson(*text, *maxPixels)); });
 
     // Plain text rather than JSON: the script exactly as it would be sent.
     auto* script = inspect->add_subcommand(

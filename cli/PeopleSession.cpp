@@ -4,7 +4,6 @@
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/Fold.h"
 #include "cli/Failure.h"
-#include "cli/SidecarPastJobs.h"
 #include "cli/Terminal.h"
 
 #include <fmt/core.h>
@@ -77,12 +76,6 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     const bool atTerminal = Terminal::ofStandardOutput().isTerminal();
     sessionOptions.seedDemoAddressBook = atTerminal;
     sessionOptions.warning = [](const std::string& warning) { warn(warning); };
-    sessionOptions.pastJobs = [](const std::filesystem::path& sidecar) -> std::shared_ptr<PastJobSource> {
-        if (!SidecarPastJobs::hasPeople(sidecar)) {
-            return nullptr;
-        }
-        return std::make_shared<SidecarPastJobs>(sidecar);
-    };
     auto session = KinbookSession::open(m_loop, *m_pool, std::move(sessionOptions));
     if (!session) {
         fail(session.error());

@@ -55,6 +55,8 @@ public:
     PeopleSession& operator=(const PeopleSession&) = delete;
 
     const Configuration& configuration() const { return m_session->configuration(); }
+    // The wiring underneath: the sidecar's photo store and the head crop.
+    KinbookSession& kit() const { return *m_session; }
 
     // Loads the list: from the snapshot cache when there is one, then
     // brought up to date with the address book (the changes since the

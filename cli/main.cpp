@@ -4,6 +4,7 @@
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
 #include "cli/PeopleCommands.h"
+#include "cli/PhotoCommands.h"
 #include "cli/ToolOptions.h"
 
 #include <CLI/CLI.hpp>
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
     app.add_flag("--no-cache", options.noCache, "Neither read nor write the snapshot cache in this run");
 
     kinbook::cli::addPeopleCommands(app, options);
+    kinbook::cli::addPhotoCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {

@@ -9,7 +9,7 @@ packages=(
   clang clang-format libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libutf8proc-dev libicu-dev libpcre2-dev libfmt-dev
-  libtomlplusplus-dev nlohmann-json3-dev libsimdjson-dev libsystemd-dev libvips-dev liburing-dev
+  libtomlplusplus-dev nlohmann-json3-dev libsimdjson-dev libsystemd-dev libvips-dev libdlib-dev liburing-dev
   libjemalloc-dev
   radicale vdirsyncer
   # The desktop application: Qt 6 Widgets (Qt's CMake files need the GL

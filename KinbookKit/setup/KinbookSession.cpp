@@ -3,7 +3,10 @@
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/people/SnapshotCache.h"
+#include "KinbookKit/platform/CommandCloudDownloads.h"
+#include "KinbookKit/platform/DlibFaceDetector.h"
 #include "KinbookKit/platform/SystemdJournal.h"
+#include "KinbookKit/platform/VipsPictureCodec.h"
 #include "KinbookKit/platform/VipsPortraitPainter.h"
 
 #include <fmt/core.h>
@@ -23,6 +26,27 @@ std::shared_ptr<VdirAddressBook> openAddressBook(VdirAddressBook::Options option
     auto book = std::make_shared<VdirAddressBook>(std::move(options));
     host->attach(*book);
     return book;
+}
+
+// Everyone's past jobs, for search, as the sidecar store reads them.
+class SidecarPastJobs final : public PastJobSource {
+public:
+    explicit SidecarPastJobs(ContactPhotos& photos) : m_photos(photos) {}
+    std::map<std::string, std::vector<PastJob>> allJobs() override { return m_photos.allPastJobs(); }
+
+private:
+    ContactPhotos& m_photos;
+};
+
+// The sidecar folder's status. Kinbook's own data folder, parent of the
+// default sidecar, is made when missing; a folder the user configured is
+// taken as it is, so that an unmounted share reads as no sidecar.
+Sidecar::Status openSidecar(const Configuration& configuration) {
+    if (configuration.sidecar && *configuration.sidecar == configuration.dataFolder / "Sidecar") {
+        std::error_code ignored;
+        std::filesystem::create_directories(configuration.dataFolder, ignored);
+    }
+    return Sidecar::openNow(configuration.sidecar);
 }
 
 } // namespace
@@ -75,15 +99,19 @@ KinbookSession::open(Executor& main, Executor& background, Options options) {
     bookOptions.imageScaler = session->m_options.imageScaler;
     bookOptions.watcher = session->m_options.watcher;
     if (!session->m_options.openedInBackground) {
-        session->opened(openAddressBook(std::move(bookOptions)));
+        session->opened(openAddressBook(std::move(bookOptions)), openSidecar(session->m_configuration));
         return session;
     }
+    // The sidecar may be on a share that answers slowly: it is opened off the
+    // main thread with the book.
     background.post([main = &main, self = session.get(), alive = std::weak_ptr<int>(session->m_alive),
-                     bookOptions = std::move(bookOptions)]() mutable {
+                     bookOptions = std::move(bookOptions),
+                     configuration = session->m_configuration]() mutable {
         auto book = openAddressBook(std::move(bookOptions));
-        main->post([self, alive, book = std::move(book)]() mutable {
+        auto sidecar = openSidecar(configuration);
+        main->post([self, alive, book = std::move(book), sidecar = std::move(sidecar)]() mutable {
             if (alive.lock()) {
-                self->opened(std::move(book));
+                self->opened(std::move(book), std::move(sidecar));
                 self->m_options.openedInBackground();
             }
         });
@@ -94,25 +122,47 @@ KinbookSession::open(Executor& main, Executor& background, Options options) {
 KinbookSession::KinbookSession(Executor& main, Executor& background, Options options,
                                Configuration configuration)
     : m_main(main), m_background(background), m_options(std::move(options)),
-      m_configuration(std::move(configuration)) {}
+      m_configuration(std::move(configuration)), m_codec(std::make_shared<VipsPictureCodec>()),
+      m_faces(std::make_shared<DlibFaceDetector>()),
+      m_downloads(std::make_shared<CommandCloudDownloads>(m_configuration.downloadCommand)) {}
 
 KinbookSession::~KinbookSession() {
-    // The list first: it stops observing the book it holds.
+    // The list first: it stops observing the book it holds and reads the
+    // past jobs through the photo store.
     m_list.reset();
+    if (m_photos) {
+        m_photos->waitUntilIdle();
+    }
 }
 
-void KinbookSession::opened(std::shared_ptr<VdirAddressBook> book) {
+Result<void, std::string> KinbookSession::setContactPhoto(std::span<const std::string> cardIDs,
+                                                          std::span<const std::uint8_t> picture) const {
+    const auto jpeg = headCrop().crop(picture, HeadCrop::contactPhotoPixels);
+    if (!jpeg) {
+        return failure(std::string("That wasn't a picture."));
+    }
+    auto saved = m_addressBook->setPhoto(cardIDs, *jpeg);
+    if (!saved) {
+        return failure(saved.error().description());
+    }
+    return {};
+}
+
+void KinbookSession::opened(std::shared_ptr<VdirAddressBook> book, Sidecar::Status sidecar) {
     m_addressBook = std::move(book);
+    m_sidecar = std::move(sidecar);
     PeopleListOptions listOptions;
     if (m_options.snapshotCache) {
         listOptions.cache = std::make_shared<SnapshotCache>(m_configuration.snapshotFile());
     }
-    // FIXME: the sidecar folder (m_configuration.sidecar) opens here once
-    // Kinbook has a sidecar store: photos, posters, Trash and past jobs, for
-    // both faces. Until then only the past jobs are read from it, by the
-    // reader the caller gives.
-    if (m_configuration.sidecar && m_options.pastJobs) {
-        listOptions.pastJobs = m_options.pastJobs(*m_configuration.sidecar);
+    if (m_sidecar.isReady()) {
+        ContactPhotos::Options photoOptions;
+        photoOptions.documents = m_sidecar.documents;
+        photoOptions.codec = m_codec;
+        photoOptions.detector = m_faces;
+        photoOptions.downloads = m_downloads;
+        m_photos = std::make_unique<ContactPhotos>(m_background, std::move(photoOptions));
+        listOptions.pastJobs = std::make_shared<SidecarPastJobs>(*m_photos);
     }
     listOptions.readNotes = noteReader(m_addressBook);
     m_list = std::make_unique<PeopleList>(m_main, m_background, m_addressBook, std::move(listOptions));

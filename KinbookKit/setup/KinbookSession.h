@@ -9,6 +9,9 @@
 #include "KinbookKit/people/PeopleListContext.h"
 #include "KinbookKit/setup/Configuration.h"
 #include "KinbookKit/setup/DemoAddressBook.h"
+#include "KinbookKit/sidecar/ContactPhotos.h"
+#include "KinbookKit/sidecar/HeadCrop.h"
+#include "KinbookKit/sidecar/Sidecar.h"
 
 #include <filesystem>
 #include <functional>
@@ -22,9 +25,10 @@ class PeopleList;
 
 // The one wiring both faces start through: reads the configuration, opens
 // the configured address book with its scripting host, the snapshot cache
-// and the past jobs, and hands back a ready people list over them, loaded by
+// and the sidecar folder (photos, posters, suggestions and the past jobs the
+// list searches), and hands back a ready people list over them, loaded by
 // the caller when it chooses. Only here (and in tests) are the platform's
-// implementations picked: the journal, inotify, libvips.
+// implementations picked: the journal, inotify, libvips, dlib.
 //
 // The window and the tool differ only in the options they pass. The caller
 // supplies the list's two executors and keeps them alive for the session's
@@ -33,10 +37,6 @@ class PeopleList;
 // Lives on the main executor: every member is called there.
 class KinbookSession {
 public:
-    // Everyone's past jobs as the sidecar folder holds them; none when it
-    // holds nothing to read.
-    using PastJobReader = std::function<std::shared_ptr<PastJobSource>(const std::filesystem::path& sidecar)>;
-
     struct Options {
         // The address book named on the command line (--contacts), over the
         // configured one.
@@ -52,9 +52,6 @@ public:
         std::shared_ptr<ImageScaler> imageScaler;
         // Follows changes on disk; none: the list hears of none.
         std::shared_ptr<FolderWatcher> watcher;
-        // Reads the past jobs when the configuration has a sidecar folder;
-        // none: nobody has past jobs.
-        PastJobReader pastJobs;
         // Told each of the configuration's warnings (an unknown key in
         // config.toml) as soon as it is read, before anything else can fail.
         std::function<void(const std::string&)> warning;
@@ -108,6 +105,22 @@ public:
 
     // Null until the book is open: only while it opens in the background.
     const std::shared_ptr<VdirAddressBook>& addressBook() const { return m_addressBook; }
+    // Whether the sidecar folder is there; noICloud until the book is open.
+    const Sidecar::Status& sidecar() const { return m_sidecar; }
+    // The photo store over a ready sidecar; null without one ("Turn on
+    // iCloud Drive to attach photos." in the product's words).
+    ContactPhotos* photos() const { return m_photos.get(); }
+    // The head crop over the session's codec and face detector; any thread.
+    HeadCrop headCrop() const { return HeadCrop(*m_codec, *m_faces); }
+    PictureCodec& pictureCodec() const { return *m_codec; }
+
+    // Makes the picture the contact photo of the cards: the square around
+    // the face at most 2048 pixels, saved through the address book (which
+    // lifts a note and puts it back where the store insists). Blocks for a
+    // few hundred milliseconds: call it off the main thread. Fails with
+    // "That wasn't a picture." or the address book's message. Thread-safe.
+    Result<void, std::string> setContactPhoto(std::span<const std::string> cardIDs,
+                                              std::span<const std::uint8_t> picture) const;
     PeopleList* list() const { return m_list.get(); }
 
     Executor& main() const { return m_main; }
@@ -118,7 +131,7 @@ private:
 
     // Makes the list over the open book: the cache, the past jobs and the
     // sidecar come with it. Runs on the main executor.
-    void opened(std::shared_ptr<VdirAddressBook> book);
+    void opened(std::shared_ptr<VdirAddressBook> book, Sidecar::Status sidecar);
 
     Executor& m_main;
     Executor& m_background;
@@ -126,6 +139,11 @@ private:
     Configuration m_configuration;
     std::optional<DemoAddressBookReport> m_seeded;
     std::shared_ptr<VdirAddressBook> m_addressBook;
+    Sidecar::Status m_sidecar;
+    std::shared_ptr<PictureCodec> m_codec;
+    std::shared_ptr<FaceDetector> m_faces;
+    std::shared_ptr<CloudDownloads> m_downloads;
+    std::unique_ptr<ContactPhotos> m_photos;
     // Last, so that it goes first: it observes the book.
     std::unique_ptr<PeopleList> m_list;
     // Ends a background opening that finishes after the session has gone.

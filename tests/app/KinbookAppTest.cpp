@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QLabel>
 #include <QPushButton>
 #include <cstdlib>
 
@@ -65,6 +66,35 @@ TEST(KinbookApp, OpensTheAddressBookGivenOnTheCommandLine) {
     EXPECT_TRUE(app.window()->isShowingList());
     EXPECT_EQ(app.window()->tableModel()->peopleCount(), 10);
     EXPECT_EQ(app.window()->objectName(), "People");
+}
+
+TEST(KinbookApp, WithoutASidecarTheBannerShowsAndPeopleStillList) {
+    FreshHome home;
+    testing::writeSmallAddressBook(home.path() / "book");
+    // A share that is not mounted: the folder's parent is missing.
+    ::setenv("KINBOOK_SIDECAR", (home.path() / "mnt" / "share" / "Kinbook").c_str(), 1);
+    LaunchOptions options;
+    options.contactsRoot = home.path() / "book";
+    KinbookApp app(options);
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
+    EXPECT_EQ(app.window()->tableModel()->peopleCount(), 10);
+    auto* banner = app.window()->findChild<QLabel*>("sidecarBannerText");
+    ASSERT_NE(banner, nullptr);
+    EXPECT_TRUE(banner->text().endsWith("Vellumary Contacts keeps photos and history there."));
+    EXPECT_FALSE(std::filesystem::exists(home.path() / "mnt"));
+    ::unsetenv("KINBOOK_SIDECAR");
+}
+
+TEST(KinbookApp, WithASidecarThereIsNoBanner) {
+    FreshHome home;
+    testing::writeSmallAddressBook(home.path() / "book");
+    LaunchOptions options;
+    options.contactsRoot = home.path() / "book";
+    KinbookApp app(options);
+    ASSERT_TRUE(app.start());
+    ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
+    EXPECT_EQ(app.window()->findChild<QLabel*>("sidecarBannerText"), nullptr);
 }
 
 TEST(KinbookApp, AFirstRunOffersTheEmbeddedAddressBookAndFillsItWithExamplePeople) {

@@ -57,11 +57,6 @@ private:
     std::vector<std::pair<const char*, std::optional<std::string>>> m_saved;
 };
 
-class NoPastJobs final : public PastJobSource {
-public:
-    std::map<std::string, std::vector<PastJob>> allJobs() override { return {}; }
-};
-
 TEST(KinbookSession, OpensTheConfiguredBookInTheBackgroundAndHandsBackAListThatLoads) {
     FreshHome home;
     fs::create_directories(home / "contacts" / "family");
@@ -74,14 +69,9 @@ TEST(KinbookSession, OpensTheConfiguredBookInTheBackgroundAndHandsBackAListThatL
     testing::ManualExecutor main;
     testing::ManualExecutor background;
     std::vector<std::string> warnings;
-    std::optional<fs::path> sidecarRead;
     bool opened = false;
     KinbookSession::Options options;
     options.warning = [&](const std::string& warning) { warnings.push_back(warning); };
-    options.pastJobs = [&](const fs::path& sidecar) {
-        sidecarRead = sidecar;
-        return std::make_shared<NoPastJobs>();
-    };
     options.openedInBackground = [&] { opened = true; };
     auto session = KinbookSession::open(main, background, std::move(options));
     ASSERT_TRUE(session.ok()) << session.error();
@@ -101,7 +91,10 @@ TEST(KinbookSession, OpensTheConfiguredBookInTheBackgroundAndHandsBackAListThatL
     ASSERT_TRUE(opened);
     ASSERT_NE(opening.list(), nullptr);
     EXPECT_EQ(opening.addressBook()->root(), home / "contacts");
-    EXPECT_EQ(sidecarRead, home / "Sidecar");
+    // The sidecar is opened with the book, off the main thread, and its
+    // store made with the list.
+    EXPECT_EQ(opening.sidecar(), Sidecar::Status::ready(home / "Sidecar" / "Documents"));
+    ASSERT_NE(opening.photos(), nullptr);
 
     bool loaded = false;
     opening.list()->load([&] { loaded = true; });
