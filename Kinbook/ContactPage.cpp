@@ -2,6 +2,8 @@
 
 #include "Kinbook/CirclePicker.h"
 #include "Kinbook/PeopleTableModel.h"
+#include "Kinbook/PhotoGrid.h"
+#include "Kinbook/PosterHeader.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/LinkService.h"
@@ -79,7 +81,8 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
     layout->setContentsMargins(20, 16, 20, 8);
     layout->setSpacing(8);
 
-    auto* top = new QHBoxLayout;
+    m_poster = new PosterHeader(m_body);
+    auto* top = new QHBoxLayout(m_poster);
     m_picture = new QLabel(m_body);
     m_picture->setFixedSize(kPictureSize, kPictureSize);
     top->addWidget(m_picture, 0, Qt::AlignTop);
@@ -112,7 +115,7 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
         }
     });
     top->addWidget(m_hide, 0, Qt::AlignTop);
-    layout->addLayout(top);
+    layout->addWidget(m_poster);
 
     m_picker = new CirclePicker(m_body);
     layout->addWidget(m_picker);
@@ -121,6 +124,8 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
     connect(m_fields, &ContactFields::leaveLeftRequested, this, &ContactPage::leaveLeftRequested);
     connect(m_fields, &QWidget::customContextMenuRequested, this, &ContactPage::showEntryMenu);
     layout->addWidget(m_fields, 1);
+    m_photos = new PhotoGrid(*m_poster, *m_picker, m_body);
+    layout->addWidget(m_photos);
     outer->addWidget(m_body);
     setFocusProxy(m_fields);
     showNobody();
@@ -129,6 +134,7 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
 void ContactPage::showNobody() {
     m_person.reset();
     m_card.reset();
+    m_photos->showNobody();
     m_body->hide();
     m_empty->show();
 }
@@ -144,6 +150,7 @@ void ContactPage::showPerson(const Person& person, const std::map<std::string, s
     m_empty->hide();
     m_body->show();
     m_hide->setText(person.hidden ? "Unhide" : "Hide");
+    m_photos->showPerson(person);
     rebuildFields();
 }
 

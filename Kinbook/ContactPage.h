@@ -18,6 +18,8 @@ class QPushButton;
 namespace kinbook {
 
 class CirclePicker;
+class PhotoGrid;
+class PosterHeader;
 
 // The fields of the page, one row per entry, grouped under titles. Up and
 // down move between entries; left asks to go back to the list.
@@ -59,6 +61,8 @@ public:
     const std::optional<Person>& person() const { return m_person; }
     CirclePicker* circlePicker() const { return m_picker; }
     ContactFields* fields() const { return m_fields; }
+    PhotoGrid* photoGrid() const { return m_photos; }
+    PosterHeader* posterHeader() const { return m_poster; }
     QPushButton* hideButton() const { return m_hide; }
 
     // The actions of an entry row's menu, made children of `parent`: "Mark
@@ -94,6 +98,8 @@ private:
     CirclePicker* m_picker;
     QPushButton* m_hide;
     ContactFields* m_fields;
+    PosterHeader* m_poster;
+    PhotoGrid* m_photos;
     QWidget* m_body;
     QLabel* m_empty;
 };
