@@ -392,16 +392,23 @@ void PhotoGrid::addFiles(const QStringList& files) {
     }
     KinbookSession& session = *m_session;
     Executor& main = session.main();
-    store->run([&session, &main, self = QPointer(this), key = m_key, cardIDs = m_cardIDs,
-                paths = std::move(paths)](ContactPhotos& photos) {
-        auto finish = [&main, self](Result<void, std::string> result) {
-            main.post([self, result = std::move(result)] {
+    store->run([&session, &main, self = QPointer(this), personID = m_person->id, key = m_key,
+                cardIDs = m_cardIDs, paths = std::move(paths)](ContactPhotos& photos) {
+        // `kinID`: the one the person was given for this write, if any.
+        auto finish = [&main, self, personID](Result<void, std::string> result, std::string kinID = {}) {
+            main.post([self, personID, result = std::move(result), kinID = std::move(kinID)] {
                 if (!self) {
                     return;
                 }
                 self->endWork();
                 if (!result) {
                     self->showError("Couldn't Add Photo", qt(result.error()));
+                }
+                if (!kinID.empty() && self->m_person && self->m_person->id == personID &&
+                    self->m_key.kinID.empty()) {
+                    // The list hears of the new KinID from the card later.
+                    self->m_key.kinID = kinID;
+                    self->m_person->kinID = kinID;
                 }
                 self->reload();
             });
@@ -428,7 +435,7 @@ void PhotoGrid::addFiles(const QStringList& files) {
                     }
                 });
             });
-        finish(added ? Result<void, std::string>() : failure(added.error()));
+        finish(added ? Result<void, std::string>() : failure(added.error()), writable->kinID);
     });
 }
 
