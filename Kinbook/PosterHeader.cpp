@@ -4,6 +4,11 @@
 #include <algorithm>
 
 namespace kinbook {
+namespace {
+
+constexpr int kPosterHeight = 150;
+
+} // namespace
 
 PosterHeader::PosterHeader(QWidget* parent) : QWidget(parent) {
     setObjectName("PosterHeader");
@@ -12,12 +17,15 @@ PosterHeader::PosterHeader(QWidget* parent) : QWidget(parent) {
 void PosterHeader::setPoster(const QImage& poster, QPointF focus) {
     m_poster = poster;
     m_focus = QPointF(std::clamp(focus.x(), 0.0, 1.0), std::clamp(focus.y(), 0.0, 1.0));
+    // Tall enough for the face to be seen above and below the name.
+    setMinimumHeight(kPosterHeight);
     update();
 }
 
 void PosterHeader::clearPoster() {
     m_poster = QImage();
     m_focus = QPointF(0.5, 0.5);
+    setMinimumHeight(0);
     update();
 }
 
