@@ -69,8 +69,8 @@ CirclePicker::CirclePicker(QWidget* parent) : QWidget(parent) {
     m_suggestionLine->setObjectName("CircleSuggestion");
     m_use = new QPushButton("Use", m_suggestionRow);
     connect(m_use, &QPushButton::clicked, this, [this] {
-        if (m_suggestion) {
-            choose(m_suggestion->circle);
+        if (const auto& shown = m_suggestion ? m_suggestion : m_saved) {
+            choose(shown->circle);
         }
     });
     suggestionLayout->addWidget(m_suggestionLine);
@@ -91,6 +91,11 @@ void CirclePicker::setPerson(std::optional<ContactCircle> current, const CircleC
     m_current = current;
     m_counts = counts;
     m_suggestion = std::move(suggestion);
+    refresh();
+}
+
+void CirclePicker::showSavedSuggestion(std::optional<CircleSuggestion> suggestion) {
+    m_saved = std::move(suggestion);
     refresh();
 }
 
@@ -122,20 +127,21 @@ void CirclePicker::choose(std::optional<ContactCircle> circle) {
 }
 
 void CirclePicker::refresh() {
+    const auto& suggestion = m_suggestion ? m_suggestion : m_saved;
     const auto circles = allCircles();
     for (std::size_t i = 0; i < circles.size(); ++i) {
         m_notches[i]->setChecked(m_current == circles[i]);
-        m_sparkles[i]->setVisible(m_suggestion && m_suggestion->circle == circles[i]);
+        m_sparkles[i]->setVisible(suggestion && suggestion->circle == circles[i]);
     }
     m_caption->setText(m_current
                            ? QString("%1 · %2").arg(qt(circleTitle(*m_current)), qt(circleBlurb(*m_current)))
                            : QString("No circle"));
-    if (m_suggestion) {
-        m_suggestionLine->setText(qt(m_suggestion->line()));
-        m_suggestionLine->setToolTip(qt(m_suggestion->explanation()));
-        m_use->setToolTip(qt(m_suggestion->explanation()));
+    if (suggestion) {
+        m_suggestionLine->setText(qt(suggestion->line()));
+        m_suggestionLine->setToolTip(qt(suggestion->explanation()));
+        m_use->setToolTip(qt(suggestion->explanation()));
         // A guess of the circle the person is already in has nothing to use.
-        m_use->setVisible(m_suggestion->circle != m_current);
+        m_use->setVisible(suggestion->circle != m_current);
         m_suggestionRow->show();
     } else {
         m_suggestionRow->hide();

@@ -26,8 +26,12 @@ class CirclePicker final : public QWidget {
 public:
     explicit CirclePicker(QWidget* parent = nullptr);
 
+    // `suggestion` none: the saved suggestion, if any, shows.
     void setPerson(std::optional<ContactCircle> current, const CircleCounts& counts,
                    std::optional<CircleSuggestion> suggestion);
+    // The person's saved suggestion ("suggestion.json"), which arrives after
+    // the page is shown; none when they have none.
+    void showSavedSuggestion(std::optional<CircleSuggestion> suggestion);
     // Shows a refusal that came back from the list.
     void showRefusal(const CircleError& error);
 
@@ -52,7 +56,8 @@ private:
 
     std::optional<ContactCircle> m_current;
     CircleCounts m_counts;
-    std::optional<CircleSuggestion> m_suggestion;
+    std::optional<CircleSuggestion> m_suggestion; // given with the person
+    std::optional<CircleSuggestion> m_saved;
     std::array<QToolButton*, 6> m_notches{};
     std::array<QLabel*, 6> m_sparkles{};
     QLabel* m_caption;

@@ -2,6 +2,8 @@
 
 #include "Kinbook/CirclePicker.h"
 #include "Kinbook/PeopleTableModel.h"
+#include "Kinbook/PhotoGrid.h"
+#include "Kinbook/PosterHeader.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/records/ExLabel.h"
 #include "KinbookKit/records/LinkService.h"
@@ -81,7 +83,8 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
     layout->setContentsMargins(20, 16, 20, 8);
     layout->setSpacing(8);
 
-    auto* top = new QHBoxLayout;
+    m_poster = new PosterHeader(m_body);
+    auto* top = new QHBoxLayout(m_poster);
     m_picture = new QLabel(m_body);
     m_picture->setFixedSize(kPictureSize, kPictureSize);
     top->addWidget(m_picture, 0, Qt::AlignTop);
@@ -114,7 +117,7 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
         }
     });
     top->addWidget(m_hide, 0, Qt::AlignTop);
-    layout->addLayout(top);
+    layout->addWidget(m_poster);
 
     m_picker = new CirclePicker(m_body);
     layout->addWidget(m_picker);
@@ -123,6 +126,8 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
     connect(m_fields, &ContactFields::leaveLeftRequested, this, &ContactPage::leaveLeftRequested);
     connect(m_fields, &QWidget::customContextMenuRequested, this, &ContactPage::showEntryMenu);
     layout->addWidget(m_fields, 1);
+    m_photos = new PhotoGrid(*m_poster, *m_picker, m_body);
+    layout->addWidget(m_photos);
     outer->addWidget(m_body);
     setFocusProxy(m_fields);
     showNobody();
@@ -205,7 +210,7 @@ void ContactPage::showNobody() {
     m_person.reset();
     m_cards.clear();
     m_notes.clear();
-    m_pastJobs.clear();
+    m_photos->showNobody();
     m_body->hide();
     m_empty->show();
 }
@@ -219,7 +224,6 @@ void ContactPage::showPerson(const Person& person, const std::map<std::string, s
     if (!samePerson) {
         m_cards.clear();
         m_notes.clear();
-        m_pastJobs.clear();
         m_pictureImage = QImage();
     }
     // A card that left the person (unlinked, deleted) leaves the page too.
@@ -231,6 +235,7 @@ void ContactPage::showPerson(const Person& person, const std::map<std::string, s
     m_empty->hide();
     m_body->show();
     m_hide->setText(person.hidden ? "Unhide" : "Hide");
+    m_photos->showPerson(person);
     rebuildFields();
 }
 
@@ -252,14 +257,6 @@ void ContactPage::showNotes(const std::map<std::string, std::string>& notes) {
     }
     m_notes = notes;
     std::erase_if(m_notes, [](const auto& entry) { return entry.second.empty(); });
-    rebuildFields();
-}
-
-void ContactPage::showPastJobs(const std::vector<PastJob>& jobs) {
-    if (jobs == m_pastJobs) {
-        return;
-    }
-    m_pastJobs = jobs;
     rebuildFields();
 }
 
@@ -403,7 +400,6 @@ void ContactPage::rebuildFields() {
     addLinksSection(rows);
     addDatesSection(rows);
     addRelatedSection(rows);
-    addPastJobsSection(rows);
     addNotesSection(rows);
     addAccountsSection(rows);
     addCircleSection(rows);
@@ -584,20 +580,6 @@ void ContactPage::addRelatedSection(Rows& rows) const {
             }
             rows.addRow(label, qt(relation.value));
         }
-    }
-}
-
-void ContactPage::addPastJobsSection(Rows& rows) const {
-    bool titled = false;
-    for (const auto& job : m_pastJobs) {
-        if (job.isEmpty()) {
-            continue;
-        }
-        if (!titled) {
-            rows.addTitle("Past Jobs");
-            titled = true;
-        }
-        rows.addRow({}, qt(job.summary()));
     }
 }
 

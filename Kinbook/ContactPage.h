@@ -20,6 +20,8 @@ class QPushButton;
 namespace kinbook {
 
 class CirclePicker;
+class PhotoGrid;
+class PosterHeader;
 
 // The fields of the page, one row per entry, grouped under titles. Up and
 // down move between entries; left asks to go back to the list.
@@ -68,7 +70,6 @@ public:
     void showCard(const ContactCard& card);
     // The notes of the person's cards, by card id; empty ones are left out.
     void showNotes(const std::map<std::string, std::string>& notes);
-    void showPastJobs(const std::vector<PastJob>& jobs);
     void showPicture(const QImage& picture);
     void showNobody();
 
@@ -77,6 +78,8 @@ public:
     bool hasAllCards() const;
     CirclePicker* circlePicker() const { return m_picker; }
     ContactFields* fields() const { return m_fields; }
+    PhotoGrid* photoGrid() const { return m_photos; }
+    PosterHeader* posterHeader() const { return m_poster; }
     QPushButton* hideButton() const { return m_hide; }
 
     // The actions of an entry row's menu, made children of `parent`: "Mark
@@ -110,7 +113,6 @@ private:
     void addLinksSection(Rows& rows) const;
     void addDatesSection(Rows& rows) const;
     void addRelatedSection(Rows& rows) const;
-    void addPastJobsSection(Rows& rows) const;
     void addNotesSection(Rows& rows) const;
     void addAccountsSection(Rows& rows) const;
     void addCircleSection(Rows& rows) const;
@@ -126,7 +128,6 @@ private:
     std::optional<Person> m_person;
     std::map<std::string, ContactCard> m_cards; // by card id
     std::map<std::string, std::string> m_notes; // by card id
-    std::vector<PastJob> m_pastJobs;
     std::map<std::string, std::string> m_accountNames;
     std::map<std::string, std::string> m_cardAccounts;
 
@@ -138,6 +139,8 @@ private:
     CirclePicker* m_picker;
     QPushButton* m_hide;
     ContactFields* m_fields;
+    PosterHeader* m_poster;
+    PhotoGrid* m_photos;
     QWidget* m_body;
     QLabel* m_empty;
 };

@@ -1,7 +1,9 @@
 #include "Kinbook/KinbookApp.h"
 
+#include "Kinbook/ContactPage.h"
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
+#include "Kinbook/PhotoGrid.h"
 #include "Kinbook/QtText.h"
 #include "Kinbook/SidecarBanner.h"
 #include "KinbookKit/people/PeopleList.h"
@@ -74,6 +76,7 @@ void KinbookApp::opened() {
     if (!m_session->sidecar().isReady()) {
         m_window->addToolBar(Qt::TopToolBarArea, new SidecarBanner(qt(configuration.configFile.string())));
     }
+    m_window->page()->photoGrid()->attach(*m_session);
     if (m_options.windowWidth) {
         m_window->resize(*m_options.windowWidth, m_window->height());
     }

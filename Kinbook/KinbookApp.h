@@ -40,6 +40,7 @@ public:
     // The main window; null until the address book is open (windowShown).
     MainWindow* window() const { return m_window.get(); }
     PeopleList* list() const { return m_list; }
+    KinbookSession* session() const { return m_session.get(); }
     // Whether the first load has finished.
     bool isLoaded() const { return m_loaded; }
 

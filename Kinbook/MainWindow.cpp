@@ -455,7 +455,6 @@ void MainWindow::refreshPage() {
     }
     m_page->showPerson(*person, accountNames, m_list.cardAccounts(*person));
     m_page->circlePicker()->setPerson(person->circle, m_list.circleCounts(), std::nullopt);
-    m_page->showPastJobs(m_list.pastJobs(person->id));
 
     // Every card of the person: those read lately at once, the others from
     // the store. A card another program changed was dropped from the cache

@@ -17,13 +17,6 @@ void PeopleList::setPastJobs(std::string_view personID, const std::vector<PastJo
     }
 }
 
-std::vector<PastJob> PeopleList::pastJobs(std::string_view personID) const {
-    if (const auto found = m_loader.person(personID)) {
-        return m_shown.pastJobListOf(*found);
-    }
-    return {};
-}
-
 void PeopleList::notes(std::vector<std::string> cardIDs,
                        std::function<void(std::map<std::string, std::string>)> done) {
     const auto& reader = m_context.options().readNotes;

@@ -200,9 +200,6 @@ public:
     // Person id to the folded text of their past jobs.
     const std::map<std::string, std::string>& pastJobText() const { return m_shown.pastJobText(); }
     std::uint64_t pastJobsVersion() const { return m_shown.pastJobsVersion(); }
-    // A person's past jobs, in display order; none when they have none or
-    // they have not been read.
-    std::vector<PastJob> pastJobs(std::string_view personID) const;
     // Reads everyone's past jobs from the source again.
     void reloadPastJobs(std::function<void()> done = {}) { m_shown.reloadPastJobs(std::move(done)); }
     // A person's past jobs changed (the page saved "jobs.json").

@@ -643,23 +643,17 @@ void ShownPeople::reloadPastJobs(std::function<void()> done) {
     m_context.runOn(
         m_context.background(),
         [source] {
-            struct Read {
-                std::map<std::string, std::string> texts;
-                std::map<std::string, std::vector<PastJob>> lists;
-            };
-            Read read;
-            for (auto& [key, jobs] : source->allJobs()) {
+            std::map<std::string, std::string> texts;
+            for (const auto& [key, jobs] : source->allJobs()) {
                 auto text = fold(pastJobsSearchText(jobs));
                 if (!text.empty()) {
-                    read.texts.emplace(key, std::move(text));
-                    read.lists.emplace(key, std::move(jobs));
+                    texts.emplace(key, std::move(text));
                 }
             }
-            return read;
+            return texts;
         },
-        [this, done = std::move(done)](auto read) {
-            m_pastJobsByKey = std::move(read.texts);
-            m_pastJobListsByKey = std::move(read.lists);
+        [this, done = std::move(done)](std::map<std::string, std::string> texts) {
+            m_pastJobsByKey = std::move(texts);
             if (recomputePastJobText()) {
                 rebuild();
                 m_context.notify(PeopleChange::pastJobs | PeopleChange::sections);
@@ -670,20 +664,13 @@ void ShownPeople::reloadPastJobs(std::function<void()> done) {
         });
 }
 
-std::vector<PastJob> ShownPeople::pastJobListOf(const Person& person) const {
-    const auto found = m_pastJobListsByKey.find(person.kinID.value_or(person.id));
-    return found == m_pastJobListsByKey.end() ? std::vector<PastJob>() : found->second;
-}
-
 void ShownPeople::setPastJobs(const Person& person, const std::vector<PastJob>& jobs) {
     const auto key = person.kinID.value_or(person.id);
     auto text = fold(pastJobsSearchText(jobs));
     if (text.empty()) {
         m_pastJobsByKey.erase(key);
-        m_pastJobListsByKey.erase(key);
     } else {
         m_pastJobsByKey.insert_or_assign(key, std::move(text));
-        m_pastJobListsByKey.insert_or_assign(key, jobs);
     }
     if (recomputePastJobText()) {
         rebuild();

@@ -122,8 +122,6 @@ public:
     bool pastJobsRead() const { return m_pastJobsRead; }
     void reloadPastJobs(std::function<void()> done);
     void setPastJobs(const Person& person, const std::vector<PastJob>& jobs);
-    // A person's past jobs as read, for their page.
-    std::vector<PastJob> pastJobListOf(const Person& person) const;
 
 private:
     // Sections with each person's position in the search index, in display
@@ -173,7 +171,6 @@ private:
 
     std::map<std::string, std::string> m_pastJobText;
     std::map<std::string, std::string> m_pastJobsByKey;              // KinID (else person id) -> folded text
-    std::map<std::string, std::vector<PastJob>> m_pastJobListsByKey; // the same keys -> the jobs
     std::unordered_map<const Person*, const std::string*> m_pastJobLookup;
     std::vector<const std::string*> m_pastJobsByPosition; // by search-index position, when anyone has some
     std::uint64_t m_pastJobsVersion = 0;

@@ -113,6 +113,9 @@ public:
     // The head crop over the session's codec and face detector; any thread.
     HeadCrop headCrop() const { return HeadCrop(*m_codec, *m_faces); }
     PictureCodec& pictureCodec() const { return *m_codec; }
+    // The same codec, shared, for background work that may outlast the
+    // session (the window's thumbnails).
+    std::shared_ptr<PictureCodec> sharedPictureCodec() const { return m_codec; }
 
     // Makes the picture the contact photo of the cards: the square around
     // the face at most 2048 pixels, saved through the address book (which
