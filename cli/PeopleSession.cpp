@@ -65,6 +65,9 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     // A new user's first run shows what Kinbook does at once.
     sessionOptions.seedDemoAddressBook = true;
     sessionOptions.warning = [](const std::string& warning) { warn(warning); };
+    sessionOptions.restoredAfterCrash = [](std::size_t notes) {
+        warn(fmt::format("Restored after a crash: {} held notes put back into their cards", notes));
+    };
     sessionOptions.pastJobs = [](const std::filesystem::path& sidecar) -> std::shared_ptr<PastJobSource> {
         if (!SidecarPastJobs::hasPeople(sidecar)) {
             return nullptr;
@@ -99,6 +102,11 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     case AddressBookAccess::granted:
     case AddressBookAccess::limited:
         break;
+    }
+    if (m_session->addressBook()->holdsNoCards()) {
+        warn(fmt::format("no cards in {}: looked for *.vcf in it, in each folder in it and one level deeper; "
+                         "point Kinbook at your address book with --contacts DIR or \"contacts\" in {}",
+                         configuration.contacts.string(), configuration.configFile.string()));
     }
 }
 
