@@ -111,7 +111,7 @@ void KinbookApp::loaded() {
         return;
     }
     m_loaded = true;
-    if (m_session->addressBook()->holdsNoCards()) {
+    if (!m_createdNow && m_session->addressBook()->holdsNoCards()) {
         const Configuration& configuration = m_session->configuration();
         m_window->showNoCards(
             QString("There are no cards in %1. Kinbook looked for vCard files (*.vcf) in it, in each folder "
@@ -143,6 +143,7 @@ void KinbookApp::offerToCreate() {
 }
 
 void KinbookApp::createAddressBook() {
+    m_createdNow = true;
     if (m_session->configuration().usesEmbeddedDefault()) {
         // The demo book paints its portraits and writes its cards off the
         // GUI thread, then the list reads it as on any other start.
