@@ -15,6 +15,7 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QSettings>
+#include <QStatusBar>
 #include <QTimer>
 
 namespace kinbook {
@@ -44,6 +45,19 @@ bool KinbookApp::start() {
     KinbookSession::Options options = KinbookSession::Options::window();
     options.contacts = m_options.contactsRoot;
     options.warning = [this](const std::string& warning) { m_log.info(warning); };
+    // Said once, in the window's status bar, when held notes were put back.
+    options.restoredAfterCrash = [self = QPointer(this)](std::size_t notes) {
+        QMetaObject::invokeMethod(
+            self,
+            [self, notes] {
+                if (self && self->m_window) {
+                    self->m_window->statusBar()->showMessage(
+                        QString("Restored after a crash: %1 held notes put back into their cards.")
+                            .arg(notes));
+                }
+            },
+            Qt::QueuedConnection);
+    };
     // Opening the address book reads its change journal, a matter of a
     // second for a large one: it is done off the GUI thread, which stays
     // free, and the window follows as soon as the book is open.
@@ -105,6 +119,14 @@ void KinbookApp::loaded() {
         return;
     }
     m_loaded = true;
+    if (!m_createdNow && m_session->addressBook()->holdsNoCards()) {
+        const Configuration& configuration = m_session->configuration();
+        m_window->showNoCards(
+            QString("There are no cards in %1. Kinbook looked for vCard files (*.vcf) in it, in each folder "
+                    "in it and one level deeper. Point it at your address book with --contacts DIR or "
+                    "\"contacts\" in %2.")
+                .arg(qt(configuration.contacts.string()), qt(configuration.configFile.string())));
+    }
     Q_EMIT firstLoadFinished();
     afterLaunchSwitches();
 }
@@ -129,6 +151,7 @@ void KinbookApp::offerToCreate() {
 }
 
 void KinbookApp::createAddressBook() {
+    m_createdNow = true;
     if (m_session->configuration().usesEmbeddedDefault()) {
         // The demo book paints its portraits and writes its cards off the
         // GUI thread, then the list reads it as on any other start.

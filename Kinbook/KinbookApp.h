@@ -70,6 +70,8 @@ private:
     std::unique_ptr<MainThreadWatcher> m_watcher;
     std::unique_ptr<SearchBench> m_searchBench;
     std::unique_ptr<ScrollBench> m_scrollBench;
+    // The user made the address book in this run: an empty one is expected.
+    bool m_createdNow = false;
     bool m_loaded = false;
     bool m_screenshotTaken = false;
 };

@@ -280,6 +280,13 @@ void MainWindow::showProblem(const QString& message) {
     m_stack->setCurrentIndex(1);
 }
 
+void MainWindow::showNoCards(const QString& message) {
+    m_stateTitle->setText("No Cards Found");
+    m_stateText->setText(message);
+    m_stateButton->hide();
+    m_stack->setCurrentIndex(1);
+}
+
 bool MainWindow::isShowingList() const {
     return m_stack->currentIndex() == 0;
 }

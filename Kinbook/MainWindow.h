@@ -53,6 +53,8 @@ public:
     void showWelcome(const QString& text, const QString& buttonText);
     // Shown instead of the list when nothing can be shown.
     void showProblem(const QString& message);
+    // The empty state of an address book that holds no cards anywhere.
+    void showNoCards(const QString& message);
     bool isShowingList() const;
     // The title and text shown instead of the list, for tests.
     QString stateTitle() const;

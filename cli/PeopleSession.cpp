@@ -76,6 +76,9 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     const bool atTerminal = Terminal::ofStandardOutput().isTerminal();
     sessionOptions.seedDemoAddressBook = atTerminal;
     sessionOptions.warning = [](const std::string& warning) { warn(warning); };
+    sessionOptions.restoredAfterCrash = [](std::size_t notes) {
+        warn(fmt::format("Restored after a crash: {} held notes put back into their cards", notes));
+    };
     auto session = KinbookSession::open(m_loop, *m_pool, std::move(sessionOptions));
     if (!session) {
         fail(session.error());
@@ -110,6 +113,11 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     case AddressBookAccess::granted:
     case AddressBookAccess::limited:
         break;
+    }
+    if (m_session->addressBook()->holdsNoCards()) {
+        warn(fmt::format("no cards in {}: looked for *.vcf in it, in each folder in it and one level deeper; "
+                         "point Kinbook at your address book with --contacts DIR or \"contacts\" in {}",
+                         configuration.contacts.string(), configuration.configFile.string()));
     }
 }
 

@@ -14,25 +14,67 @@
 
 namespace kinbook {
 
+bool CardListing::isCardFileName(std::string_view name) {
+    // Other writers' temporaries are hidden or do not end in ".vcf".
+    return name.size() > 4 && name.front() != '.' && name.substr(name.size() - 4) == ".vcf";
+}
+
 namespace {
 
-bool isDirectoryEntry(DIR* parent, const dirent* entry) {
-    if (entry->d_type == DT_DIR) {
-        return true;
+// Whether the folder holds a card file; stops at the first one.
+bool holdsCards(const std::filesystem::path& folder) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end;
+         it.increment(error)) {
+        std::error_code typeError;
+        if (CardListing::isCardFileName(it->path().filename().native()) && !it->is_directory(typeError)) {
+            return true;
+        }
     }
-    if (entry->d_type != DT_LNK && entry->d_type != DT_UNKNOWN) {
-        return false;
+    return false;
+}
+
+std::vector<std::string> visibleSubfolders(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end;
+         it.increment(error)) {
+        std::string name = it->path().filename().native();
+        std::error_code typeError;
+        if (!name.empty() && name[0] != '.' && it->is_directory(typeError)) {
+            names.push_back(std::move(name));
+        }
     }
-    // A link to a folder counts as the folder.
-    struct stat info {};
-    return ::fstatat(::dirfd(parent), entry->d_name, &info, 0) == 0 && S_ISDIR(info.st_mode);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 } // namespace
 
-bool CardListing::isCardFileName(std::string_view name) {
-    // Other writers' temporaries are hidden or do not end in ".vcf".
-    return name.size() > 4 && name.front() != '.' && name.substr(name.size() - 4) == ".vcf";
+std::vector<std::string> CardListing::accountNames(const std::filesystem::path& root) {
+    std::vector<std::string> accounts;
+    if (holdsCards(root)) {
+        accounts.emplace_back(".");
+    }
+    for (const auto& folder : visibleSubfolders(root)) {
+        const auto path = root / folder;
+        if (holdsCards(path)) {
+            accounts.push_back(folder);
+            continue;
+        }
+        std::vector<std::string> collections;
+        for (const auto& collection : visibleSubfolders(path)) {
+            if (holdsCards(path / collection)) {
+                collections.push_back(folder + "/" + collection);
+            }
+        }
+        if (collections.empty()) {
+            accounts.push_back(folder);
+        } else {
+            accounts.insert(accounts.end(), collections.begin(), collections.end());
+        }
+    }
+    return accounts;
 }
 
 std::optional<CardListing> CardListing::list(const std::filesystem::path& root, unsigned threads) {
@@ -47,14 +89,9 @@ std::optional<CardListing> CardListing::list(const std::filesystem::path& root, 
     }
     CardListing listing;
     listing.m_root = root;
-    while (const dirent* entry = ::readdir(rootFolder)) {
-        if (entry->d_name[0] == '.' || !isDirectoryEntry(rootFolder, entry)) {
-            continue;
-        }
-        listing.m_accounts.push_back({entry->d_name, -1, false});
+    for (auto& name : accountNames(root)) {
+        listing.m_accounts.push_back({std::move(name), -1, false});
     }
-    std::sort(listing.m_accounts.begin(), listing.m_accounts.end(),
-              [](const Account& a, const Account& b) { return a.name < b.name; });
 
     // Each account's files, listed on its own (possibly beside others), then
     // put together in account order.

@@ -61,6 +61,17 @@ public:
     int folderFD(const File& file) const { return m_accounts[file.account].fd; }
     std::filesystem::path path(const File& file) const;
 
+    // The account folders under `root`, as paths below it, in name order.
+    // Every layout vdirsyncer and its users keep is read:
+    // - "ROOT/<account>/*.vcf": each folder is an account, an empty one
+    //   included (a new account has no cards yet);
+    // - "ROOT/*.vcf": the root is itself one address book, named ".";
+    // - "ROOT/<pair>/<collection>/*.vcf": a folder that holds no cards but
+    //   whose subfolders do is a group of collections, each an account
+    //   named "<pair>/<collection>".
+    // Folders whose name starts with a dot are never looked into.
+    static std::vector<std::string> accountNames(const std::filesystem::path& root);
+
     // Whether `name` is a card file's name, as the listing counts them.
     static bool isCardFileName(std::string_view name);
 

@@ -109,6 +109,22 @@ std::string readMetadata(const fs::path& file) {
     return trimmed == "None" ? std::string() : std::string(trimmed);
 }
 
+// The root folder's own name, "contacts" for "/home/ana/contacts/".
+std::string rootName(const fs::path& root) {
+    const fs::path normal = root.lexically_normal();
+    return normal.has_filename() ? normal.filename().string() : normal.parent_path().filename().string();
+}
+
+bool holdsCardFile(const fs::path& folder) {
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+        if (CardListing::isCardFileName(it->path().filename().native())) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // A file name for a new card: its UID when the UID is made of characters
 // every sync tool keeps, else a fresh UUID.
 std::string fileNameFor(std::string_view uid) {
@@ -117,6 +133,26 @@ std::string fileNameFor(std::string_view uid) {
                c == '.' || c == '-' || c == '+';
     }) && uid.front() != '.';
     return (safe ? std::string(uid) : makeUUID()) + ".vcf";
+}
+
+// The log line of a failed save: "save failed (" with the error's domain,
+// its code and its details, one space apart, and ")".
+std::string saveFailed(const AddressBookError& error, std::string_view what) {
+    std::string_view code = "store";
+    switch (error.code) {
+    case AddressBookError::Code::readOnly:
+        code = "readOnly";
+        break;
+    case AddressBookError::Code::notFound:
+        code = "notFound";
+        break;
+    case AddressBookError::Code::hasNote:
+        code = "hasNote";
+        break;
+    case AddressBookError::Code::store:
+        break;
+    }
+    return fmt::format("save failed (AddressBookError {} {}: {})", code, what, error.description());
 }
 
 AddressBookError conflictError() {
@@ -304,17 +340,15 @@ AddressBookAccess VdirAddressBook::requestAccess() {
 }
 
 std::vector<std::string> VdirAddressBook::accountFolders() const {
-    std::vector<std::string> folders;
-    std::error_code error;
-    for (fs::directory_iterator it(m_options.root, error), end; !error && it != end; it.increment(error)) {
-        const std::string name = it->path().filename().string();
-        std::error_code typeError;
-        if (!isHidden(name) && it->is_directory(typeError)) {
-            folders.push_back(name);
-        }
-    }
-    std::sort(folders.begin(), folders.end());
-    return folders;
+    // Listed afresh on each call, so a folder that appears while Kinbook
+    // runs is an account at once.
+    return CardListing::accountNames(m_options.root);
+}
+
+bool VdirAddressBook::holdsNoCards() const {
+    const auto folders = accountFolders();
+    return std::none_of(folders.begin(), folders.end(),
+                        [&](const std::string& folder) { return holdsCardFile(m_options.root / folder); });
 }
 
 std::vector<VdirAddressBook::CardFile> VdirAddressBook::cardFiles() const {
@@ -357,7 +391,9 @@ Result<std::vector<Account>, AddressBookError> VdirAddressBook::accounts() {
         container.id = folder;
         container.name = readMetadata(m_options.root / folder / "displayname");
         if (container.name.empty()) {
-            container.name = folder;
+            // Cards kept directly in the root are one address book named
+            // after the root folder.
+            container.name = folder == "." ? rootName(m_options.root) : folder;
         }
         const auto kind = m_options.accountKinds.find(folder);
         container.kind = kind == m_options.accountKinds.end() ? AccountContainer::Kind::local : kind->second;
@@ -864,7 +900,7 @@ Result<void, AddressBookError> VdirAddressBook::editCard(std::string_view cardID
     for (int attempt = 0; attempt < 2; ++attempt) {
         auto status = editOnce(cardID, edit);
         if (!status.ok()) {
-            m_log->error(fmt::format("save failed ({}: {})", what, status.error().description()));
+            m_log->error(saveFailed(status.error(), what));
             return failure(status.error());
         }
         if (status.value() != EditStatus::conflict) {
@@ -875,8 +911,106 @@ Result<void, AddressBookError> VdirAddressBook::editCard(std::string_view cardID
             m_options.pauseBeforeRetry(std::chrono::milliseconds(300));
         }
     }
-    m_log->error(fmt::format("save failed ({}: card changed on disk)", what));
+    m_log->error(saveFailed(conflictError(), what));
     return failure(conflictError());
+}
+
+bool VdirAddressBook::mayStage(const fs::path& file) const {
+    return !m_options.stageCard || m_options.stageCard(file);
+}
+
+Result<void, AddressBookError> VdirAddressBook::editCards(std::span<const std::string> cardIDs,
+                                                          const Edit& edit, const char* what) {
+    std::lock_guard writing(m_writeMutex);
+    struct Staged {
+        std::string id;
+        Loaded loaded;
+        std::optional<FileStamp> stamp;
+        PendingFile pending;
+        std::string bytes;
+        ApplyResult entries;
+    };
+    std::vector<Staged> staged;
+    const auto fail = [&](const std::string& id, AddressBookError error) -> Result<void, AddressBookError> {
+        for (const auto& card : staged) {
+            discardPendingFile(card.pending);
+        }
+        m_log->error(saveFailed(error, fmt::format("{} {}", what, id)));
+        if (error.code == AddressBookError::Code::store) {
+            error.storeDescription += fmt::format(" (card {}; no card was changed)", id);
+        }
+        return failure(std::move(error));
+    };
+    for (const auto& id : cardIDs) {
+        auto loaded = load(id);
+        if (!loaded.ok()) {
+            return fail(id, loaded.error());
+        }
+        if (isReadOnly(loaded->file.accountID)) {
+            return fail(id, AddressBookError::readOnly());
+        }
+        if (loaded->card.additionalCardCount() > 0) {
+            return fail(id, AddressBookError::store(
+                                "This card's file holds several cards; Kinbook won't change it."));
+        }
+        Staged card{id, std::move(loaded.value()), std::nullopt, {}, {}, {}};
+        card.stamp = stampOf(card.loaded.file.path);
+        {
+            std::lock_guard lock(m_mutex);
+            for (const auto& entry : cardEntries(card.loaded.card, id, m_entries)) {
+                card.entries.entryIDs.emplace_back(entry.property, entry.id);
+            }
+        }
+        auto applied = edit(card.loaded.card, id);
+        if (!applied.ok()) {
+            return fail(id, applied.error());
+        }
+        if (!card.loaded.card.isModified()) {
+            continue;
+        }
+        if (!applied->entryIDs.empty()) {
+            card.entries = std::move(applied.value());
+        }
+        card.loaded.card.ensureUid(id);
+        card.bytes = card.loaded.card.serialize();
+        if (!mayStage(card.loaded.file.path) ||
+            !writeTemporaryBeside(card.loaded.file.path, card.bytes, card.pending)) {
+            const int problem = errno != 0 ? errno : EIO;
+            return fail(id, AddressBookError::store(fmt::format("Couldn't write {}: {}",
+                                                                card.loaded.file.path.string(),
+                                                                std::strerror(problem))));
+        }
+        staged.push_back(std::move(card));
+    }
+    // Never overwrite a change this batch has not seen.
+    for (const auto& card : staged) {
+        if (stampOf(card.loaded.file.path) != card.stamp) {
+            return fail(card.id, conflictError());
+        }
+    }
+    for (std::size_t i = 0; i < staged.size(); ++i) {
+        if (!commitPendingFile(staged[i].pending)) {
+            const int problem = errno;
+            const std::string id = staged[i].id;
+            const std::string path = staged[i].loaded.file.path.string();
+            // Put back the cards already replaced, from the bytes they had.
+            for (std::size_t j = 0; j < i; ++j) {
+                writeFileAtomically(staged[j].loaded.file.path, staged[j].loaded.bytes);
+            }
+            staged.erase(staged.begin(), staged.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+            return fail(id, AddressBookError::store(
+                                fmt::format("Couldn't replace {}: {}", path, std::strerror(problem))));
+        }
+    }
+    std::lock_guard lock(m_mutex);
+    for (const auto& card : staged) {
+        journal().recordWrite(card.id, card.loaded.file.accountID, card.loaded.file.path);
+        if (auto written = VCard::parse(card.bytes); written.ok()) {
+            recordWrittenEntries(card.loaded.card, card.entries, written.value(), card.id, m_entries);
+        }
+    }
+    m_entries.flush();
+    return {};
 }
 
 Result<std::string, AddressBookError>
@@ -918,7 +1052,7 @@ Result<std::string, AddressBookError> VdirAddressBook::createFromDraft(const Con
     auto created = createCard(*accountID, bytes, uid);
     std::lock_guard lock(m_mutex);
     if (!created.ok()) {
-        m_log->error(fmt::format("save failed (new card: {})", created.error().description()));
+        m_log->error(saveFailed(created.error(), "new card"));
         m_entries.forget(uid);
         return failure(created.error());
     }
@@ -964,7 +1098,7 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
         // with a note that has its name, and then refuse it. So the card is
         // made under a name no one has, and named through the Contacts
         // application.
-        m_log->error(fmt::format("save failed (new card: {})", AddressBookError::hasNote().description()));
+        m_log->error(saveFailed(AddressBookError::hasNote(), "new card"));
         ContactDraft pending = draft;
         pending.namePrefix.clear();
         pending.middleName.clear();
@@ -1066,22 +1200,54 @@ Result<void, AddressBookError> VdirAddressBook::remove(std::span<const std::stri
     std::size_t removed = 0;
     {
         std::lock_guard writing(m_writeMutex);
+        // Every card is first moved aside to a hidden name in its folder,
+        // which readers pass over; only when all are aside do they go. A
+        // failure moves them back, so the batch deletes all or nothing.
+        std::vector<std::pair<std::string, Loaded>> doomed;
+        std::vector<std::pair<fs::path, fs::path>> aside; // card file, hidden name
+        const auto fail = [&](const std::string& id,
+                              AddressBookError error) -> Result<void, AddressBookError> {
+            for (const auto& [file, hidden] : aside) {
+                ::rename(hidden.c_str(), file.c_str());
+            }
+            m_log->error(fmt::format("delete failed (card {}: {})", id, error.description()));
+            if (error.code == AddressBookError::Code::store) {
+                error.storeDescription += fmt::format(" (card {}; no card was deleted)", id);
+            }
+            return failure(std::move(error));
+        };
         for (const auto& id : cardIDs) {
             auto loaded = load(id);
             if (!loaded.ok()) {
-                return failure(loaded.error());
+                return fail(id, loaded.error());
             }
             if (isReadOnly(loaded->file.accountID)) {
-                return failure(AddressBookError::readOnly());
+                return fail(id, AddressBookError::readOnly());
             }
             if (m_options.notesLocked && hasNote(loaded->card)) {
                 noted.push_back(id);
                 continue;
             }
-            auto deleted = deleteLoaded(id, loaded.value());
-            if (!deleted.ok()) {
-                return deleted;
+            const fs::path file = loaded->file.path;
+            const fs::path hidden = file.parent_path() /
+                                    ("." + file.filename().string() + "." + makeUUID().substr(0, 8) + ".tmp");
+            if (!mayStage(file) || ::rename(file.c_str(), hidden.c_str()) != 0) {
+                const int problem = errno != 0 ? errno : EIO;
+                if (problem == ENOENT) {
+                    return fail(id, AddressBookError::notFound());
+                }
+                return fail(id, AddressBookError::store(fmt::format("Couldn't delete {}: {}", file.string(),
+                                                                    std::strerror(problem))));
             }
+            aside.emplace_back(file, hidden);
+            doomed.emplace_back(id, std::move(loaded.value()));
+        }
+        for (std::size_t i = 0; i < doomed.size(); ++i) {
+            ::unlink(aside[i].second.c_str());
+            std::lock_guard lock(m_mutex);
+            journal().recordDelete(doomed[i].first, doomed[i].second.file.path);
+            m_entries.forget(doomed[i].first);
+            m_index.erase(doomed[i].first);
             ++removed;
         }
         std::lock_guard lock(m_mutex);
@@ -1137,20 +1303,59 @@ VdirAddressBook::importVCards(std::string_view vcards, std::optional<std::string
         return failure(AddressBookError::store("The data holds no vCard."));
     }
     std::lock_guard writing(m_writeMutex);
+    if (isReadOnly(*accountID)) {
+        return failure(AddressBookError::readOnly());
+    }
+    // Every card is written to a temporary file first; only when all are
+    // written are they renamed into place, so an import adds all or nothing.
     std::vector<std::string> ids;
+    std::vector<PendingFile> pending;
+    std::set<fs::path> targets;
+    const auto fail = [&](std::size_t committed, const std::string& which,
+                          const std::string& problem) -> Result<std::vector<std::string>, AddressBookError> {
+        for (std::size_t i = 0; i < pending.size(); ++i) {
+            if (i < committed) {
+                ::unlink(pending[i].target.c_str());
+            } else {
+                discardPendingFile(pending[i]);
+            }
+        }
+        m_log->error(fmt::format("restore failed (card {}: {})", which, problem));
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't add card {}: {} (no card was added)", which, problem)));
+    };
     for (auto& card : cards.value()) {
         // A card keeps its UID, so sync tools see the same card come back,
         // unless that UID is already taken in the account.
         std::string uid = card.uid().value_or("");
-        if (uid.empty() || locate(uid)) {
+        if (uid.empty() || locate(uid) || std::find(ids.begin(), ids.end(), uid) != ids.end()) {
             uid = makeUUID();
             card.setUid(uid);
         }
-        auto created = createCard(*accountID, card.serialize(), uid);
-        if (!created.ok()) {
-            return failure(created.error());
+        fs::path path = m_options.root / *accountID / fileNameFor(uid);
+        if (fs::exists(path) || targets.contains(path)) {
+            path = m_options.root / *accountID / (makeUUID() + ".vcf");
         }
-        ids.push_back(created.value());
+        PendingFile file;
+        if (!mayStage(path) || !writeTemporaryBeside(path, card.serialize(), file)) {
+            const int problem = errno != 0 ? errno : EIO;
+            return fail(0, uid, std::strerror(problem));
+        }
+        pending.push_back(file);
+        targets.insert(path);
+        ids.push_back(uid);
+    }
+    for (std::size_t i = 0; i < pending.size(); ++i) {
+        if (!commitPendingFile(pending[i])) {
+            return fail(i, ids[i], std::strerror(errno));
+        }
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        for (std::size_t i = 0; i < pending.size(); ++i) {
+            m_index.set(ids[i], accountIndex(*accountID), pending[i].target.filename().native());
+            journal().recordWrite(ids[i], *accountID, pending[i].target);
+        }
     }
     m_log->info(fmt::format("restored {} cards into {}", ids.size(), *accountID));
     return ids;
@@ -1159,15 +1364,36 @@ VdirAddressBook::importVCards(std::string_view vcards, std::optional<std::string
 Result<KinID::Anchor, AddressBookError>
 VdirAddressBook::changeAnchor(std::string_view cardID, const std::function<void(KinID::Anchor&)>& change) {
     KinID::Anchor written;
+    // The web addresses as the anchor change leaves them, for the script,
+    // when the card has a note and the store refuses it.
+    std::optional<ContactsAppScript::Card> scripted;
     auto result = editCard(
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
             std::lock_guard lock(m_mutex);
+            if (m_options.notesLocked && hasNote(card)) {
+                VCard applied = card;
+                written = kinbook::changeAnchor(applied, change, m_options.clock->now());
+                scripted = ContactsAppScript::Card::read(applied, id);
+                return failure(AddressBookError::hasNote());
+            }
             auto changed = kinbook::changeAnchor(card, id, m_entries, change, m_options.clock->now());
             written = changed.anchor;
             return changed.entries;
         },
         "anchor");
+    if (!result.ok() && result.error().code == AddressBookError::Code::hasNote && scripted) {
+        // The circle and the hidden flag are card settings like any other:
+        // a card with a note takes them through the Contacts application.
+        // Its host comes back through the write lock, so this runs without it.
+        auto scriptWritten =
+            writeThroughContactsApp({SaveOutcome::Kind::viaContactsApp, std::string(cardID),
+                                     ContactsAppScript::lines(*scripted, {ContactsAppScript::Fields::urls})});
+        if (!scriptWritten.ok()) {
+            return failure(scriptWritten.error());
+        }
+        return written;
+    }
     if (!result.ok()) {
         return failure(result.error());
     }
@@ -1192,15 +1418,18 @@ Result<void, AddressBookError> VdirAddressBook::setPhoto(std::span<const std::st
         };
     };
     std::vector<std::string> noted;
-    for (const auto& id : cardIDs) {
+    const auto setOrRefuse = [&](VCard& card,
+                                 const std::string& id) -> Result<ApplyResult, AddressBookError> {
         bool refused = false;
-        auto result = editCard(id, photoEdit(&refused), "photo");
-        if (!result.ok()) {
-            return result;
-        }
+        auto result = photoEdit(&refused)(card, id);
         if (refused) {
             noted.push_back(id);
         }
+        return result;
+    };
+    // Every card without a note takes the photo, or none does.
+    if (auto result = editCards(cardIDs, setOrRefuse, "photo"); !result.ok()) {
+        return result;
     }
     if (noted.empty()) {
         m_log->info("contact photo set");

@@ -88,6 +88,10 @@ public:
         // Fault injection for tests: runs after a save wrote its temporary
         // file and before the file is renamed into place.
         std::function<void(const std::filesystem::path&)> beforeCommit;
+        // Fault injection for tests: asked before each card file of a batch
+        // (deleting, importing or setting photos on several cards) is
+        // staged; false fails that card there, as a full disk would.
+        std::function<bool(const std::filesystem::path&)> stageCard;
         // Waits out the pause before retrying a save whose card changed on
         // disk; none: the saving thread sleeps through it.
         std::function<void(std::chrono::milliseconds)> pauseBeforeRetry;
@@ -128,6 +132,9 @@ public:
     void stopObserving(ChangeObserverID observer) override;
 
     const std::filesystem::path& root() const { return m_options.root; }
+    // Whether no card file is there in any layout the store reads: the
+    // faces then say where they looked instead of showing an empty list.
+    bool holdsNoCards() const;
 
     // For the scripting host, which plays the Contacts application.
     Result<VCard, AddressBookError> scriptedRead(std::string_view cardID) override;
@@ -153,6 +160,14 @@ private:
     Result<Loaded, AddressBookError> load(std::string_view cardID);
     bool isReadOnly(const std::string& accountID) const;
     Result<void, AddressBookError> editCard(std::string_view cardID, const Edit& edit, const char* what);
+    // Edits several cards all or nothing: every card is read, edited and
+    // written to a temporary file first; only when all are written are they
+    // renamed into place. A failure leaves every card as it was and names
+    // the card that failed. Cards the edit leaves unmodified are skipped.
+    Result<void, AddressBookError> editCards(std::span<const std::string> cardIDs, const Edit& edit,
+                                             const char* what);
+    // Whether the test's fault hook lets this file be staged.
+    bool mayStage(const std::filesystem::path& file) const;
     Result<EditStatus, AddressBookError> editOnce(std::string_view cardID, const Edit& edit);
     // Lists and reads every card file on the read threads and makes the
     // index from what it read. With `token`, the journal learns the files

@@ -18,8 +18,10 @@ namespace kinbook {
 
 namespace {
 
-constexpr std::uint32_t rootEvents =
-    IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// The root's own files count too: cards kept directly in it are an address
+// book of their own.
+constexpr std::uint32_t rootEvents = IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM | IN_CLOSE_WRITE |
+                                     IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 // IN_CREATE covers cards made with link() (how vdirsyncer creates without
 // replacing); IN_ATTRIB a touch, which the journal sees as a change too.
 constexpr std::uint32_t accountEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_DELETE |
@@ -125,6 +127,19 @@ void InotifyFolderWatcher::watchAccount(const std::string& name) {
     const int watch = ::inotify_add_watch(m_inotifyFD, (m_root / name).c_str(), accountEvents);
     if (watch >= 0) {
         m_accounts[watch] = name;
+        // A folder of the root may be a group of collections, one level
+        // deeper ("<pair>/<collection>"): those are watched as well.
+        if (name.find('/') == std::string::npos) {
+            std::error_code error;
+            for (std::filesystem::directory_iterator entry(m_root / name, error), end; !error && entry != end;
+                 entry.increment(error)) {
+                std::string sub = entry->path().filename().native();
+                std::error_code typeError;
+                if (!isHidden(sub) && entry->is_directory(typeError)) {
+                    watchAccount(name + "/" + sub);
+                }
+            }
+        }
     } else if (errno != ENOENT && errno != ENOTDIR) {
         // A folder we may not read, or one past the kernel's limit on
         // watches: changes in it go unseen, so names can no longer be
@@ -224,10 +239,27 @@ void InotifyFolderWatcher::readEvents() {
                         }
                         // Cards came or went with the folder, unnamed.
                         changed = unnamed = true;
+                    } else if ((event->mask & IN_ISDIR) == 0 && isReported(name)) {
+                        // A card directly in the root: the first one makes
+                        // the root an account, so the names can't be trusted.
+                        changed = unnamed = true;
                     }
                 } else if ((event->mask & IN_IGNORED) != 0) {
                     m_accounts.erase(event->wd);
                 } else if ((event->mask & IN_DELETE_SELF) != 0) {
+                    changed = unnamed = true;
+                } else if ((event->mask & IN_ISDIR) != 0 && !isHidden(name)) {
+                    // A collection made or removed inside a folder of the root.
+                    const auto account = m_accounts.find(event->wd);
+                    if (account != m_accounts.end() && account->second.find('/') == std::string::npos) {
+                        const std::string path = account->second + "/" + std::string(name);
+                        if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+                            forgetAccount(path);
+                        }
+                        if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+                            watchAccount(path);
+                        }
+                    }
                     changed = unnamed = true;
                 } else if (isReported(name)) {
                     changed = true;

@@ -31,6 +31,14 @@ nlohmann::json ContactCard::toJSON() const {
     auto byteCount = [](const std::optional<std::vector<std::uint8_t>>& bytes) {
         return bytes ? json(bytes->size()) : json(nullptr);
     };
+    json parts = json::array();
+    for (const auto& address : addressParts) {
+        parts.push_back({{"street", address.street},
+                         {"city", address.city},
+                         {"state", address.state},
+                         {"postalCode", address.postalCode},
+                         {"country", address.country}});
+    }
     json linkList = json::array();
     for (const auto& link : links) {
         linkList.push_back({{"id", link.id},
@@ -53,6 +61,7 @@ nlohmann::json ContactCard::toJSON() const {
         {"phones", items(phones)},
         {"emails", items(emails)},
         {"addresses", items(addresses)},
+        {"addressParts", std::move(parts)},
         {"urls", items(urls)},
         {"birthday", birthday ? json(*birthday) : json(nullptr)},
         {"dates", items(dates)},
@@ -95,6 +104,7 @@ std::size_t std::hash<kinbook::ContactCard>::operator()(const kinbook::ContactCa
     return kinbook::hashAll(card.id, card.namePrefix, card.givenName, card.middleName, card.familyName,
                             card.nameSuffix, card.nickname, card.phoneticName, card.organization,
                             card.department, card.jobTitle, card.phones, card.emails, card.addresses,
-                            card.urls, card.birthday, card.dates, card.relations, card.social, card.messaging,
-                            card.links, hashBytes(card.thumbnail), card.kinID, hashBytes(card.image));
+                            card.addressParts.size(), card.urls, card.birthday, card.dates, card.relations,
+                            card.social, card.messaging, card.links, hashBytes(card.thumbnail), card.kinID,
+                            hashBytes(card.image));
 }

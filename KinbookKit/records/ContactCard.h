@@ -25,6 +25,17 @@ struct ContactCard {
         bool operator==(const Item&) const = default;
     };
 
+    // One postal address in its parts, as the editor shows them.
+    struct PostalParts {
+        std::string street; // street lines, one per line
+        std::string city;
+        std::string state;
+        std::string postalCode;
+        std::string country;
+
+        bool operator==(const PostalParts&) const = default;
+    };
+
     std::string id;
     std::string namePrefix;
     std::string givenName;
@@ -38,14 +49,15 @@ struct ContactCard {
     std::string jobTitle;
     std::vector<Item> phones;
     std::vector<Item> emails;
-    std::vector<Item> addresses;         // one multi-line text per address, one part per line
-    std::vector<Item> urls;              // less the anchor and less the addresses recognised as links
-    std::optional<std::string> birthday; // month in words, in the locale's order; year optional
-    std::vector<Item> dates;             // other dates, formatted like the birthday
-    std::vector<Item> relations;         // related people's names
-    std::vector<Item> social;            // label: the service; value: the user name, else the URL
-    std::vector<Item> messaging;         // label: the service; value: the user name
-    std::vector<LinkedAccount> links;    // profiles, messaging and URLs of a known service
+    std::vector<Item> addresses;           // one multi-line text per address, one part per line
+    std::vector<PostalParts> addressParts; // the same addresses in their parts, in the same order
+    std::vector<Item> urls;                // less the anchor and less the addresses recognised as links
+    std::optional<std::string> birthday;   // month in words, in the locale's order; year optional
+    std::vector<Item> dates;               // other dates, formatted like the birthday
+    std::vector<Item> relations;           // related people's names
+    std::vector<Item> social;              // label: the service; value: the user name, else the URL
+    std::vector<Item> messaging;           // label: the service; value: the user name
+    std::vector<LinkedAccount> links;      // profiles, messaging and URLs of a known service
     std::optional<std::vector<std::uint8_t>> thumbnail;
     std::optional<std::string> kinID;
     std::optional<std::vector<std::uint8_t>> image; // the full-size photo

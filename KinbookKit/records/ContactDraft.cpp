@@ -5,6 +5,8 @@
 #include "KinbookKit/records/StockLabel.h"
 #include "KinbookKit/text/Ascii.h"
 
+#include <type_traits>
+
 namespace kinbook {
 namespace {
 
@@ -17,16 +19,35 @@ std::vector<ContactDraft::Field> fieldsFrom(const std::vector<ContactCard::Item>
     return fields;
 }
 
-// A card's address text has one part per line; the reader lays them out as
-// street lines, then "city state postal code" style lines, then the country.
-// The draft only needs a faithful editable split, so the formatted text goes
-// back into the street when it cannot be told apart.
-ContactDraft::Address addressFrom(const ContactCard::Item& item) {
+// The address in its parts when the card gives them; a card made without
+// them (by hand, say) has only the formatted text, which stays whole in the
+// street rather than being guessed apart.
+ContactDraft::Address addressFrom(const ContactCard::Item& item, const ContactCard::PostalParts* parts) {
     ContactDraft::Address address;
     address.id = item.id;
     address.label = labelFromDisplayName(item.label);
-    address.street = item.value;
+    if (parts == nullptr) {
+        address.street = item.value;
+        return address;
+    }
+    address.street = parts->street;
+    address.city = parts->city;
+    address.state = parts->state;
+    address.postalCode = parts->postalCode;
+    address.country = parts->country;
     return address;
+}
+
+// A value with nothing in it is no entry: the draft drops it, as saving would.
+template <typename Entry>
+void dropBlank(std::vector<Entry>& entries) {
+    std::erase_if(entries, [](const Entry& entry) {
+        if constexpr (std::is_same_v<Entry, ContactDraft::Address>) {
+            return entry.isEmpty();
+        } else {
+            return isBlank(entry.value, " \t\r\n");
+        }
+    });
 }
 
 } // namespace
@@ -67,9 +88,14 @@ ContactDraft ContactDraft::fromCard(const ContactCard& card, std::optional<DateC
         }
         draft.urls.push_back({url.id, labelFromDisplayName(url.label), url.value, false});
     }
-    for (const auto& address : card.addresses) {
-        draft.addresses.push_back(addressFrom(address));
+    for (std::size_t i = 0; i < card.addresses.size(); ++i) {
+        const bool hasParts = card.addressParts.size() == card.addresses.size();
+        draft.addresses.push_back(addressFrom(card.addresses[i], hasParts ? &card.addressParts[i] : nullptr));
     }
+    dropBlank(draft.phones);
+    dropBlank(draft.emails);
+    dropBlank(draft.urls);
+    dropBlank(draft.addresses);
     draft.birthday = birthday;
     draft.links = card.links;
     for (const auto& link : card.links) {

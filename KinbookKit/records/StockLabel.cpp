@@ -74,7 +74,26 @@ std::string localizedLabel(std::string_view label) {
     if (auto stock = stockLabelForConstant(label)) {
         return std::string(labelDisplayName(*stock));
     }
-    return std::string(label);
+    constexpr std::string_view open = "_$!<";
+    constexpr std::string_view close = ">!$_";
+    if (label.size() <= open.size() + close.size() || !label.starts_with(open) || !label.ends_with(close)) {
+        return std::string(label);
+    }
+    // Apple's other tokens, in words: "AssistantPhone" is "assistant
+    // phone", "OtherFAX" "other fax". A token is never shown or written
+    // into a label the user sees ("ex-_$!<OtherFAX>!$_").
+    const std::string_view name = label.substr(open.size(), label.size() - open.size() - close.size());
+    std::string words;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        const bool upper = c >= 'A' && c <= 'Z';
+        const bool previousLower = i > 0 && !(name[i - 1] >= 'A' && name[i - 1] <= 'Z');
+        if (upper && i > 0 && previousLower) {
+            words.push_back(' ');
+        }
+        words.push_back(asciiLower(c));
+    }
+    return words;
 }
 
 std::string labelFromDisplayName(std::string_view name) {

@@ -42,8 +42,10 @@ std::optional<StockLabel> stockLabelForConstant(std::string_view constant);
 // The stock label whose display name equals `name`, ignoring ASCII case.
 std::optional<StockLabel> stockLabelForDisplayName(std::string_view name);
 
-// The display name of any label: a stock constant gives its display name, a
-// custom label is its own display name, and an empty label stays empty.
+// The display name of any label: a stock constant gives its display name,
+// any other Apple label token its name in words ("_$!<OtherFAX>!$_" is
+// "other fax"), a custom label is its own display name, and an empty label
+// stays empty.
 std::string localizedLabel(std::string_view label);
 
 // The constant for a label shown to the user: a stock display name gives its

@@ -98,6 +98,7 @@ KinbookSession::open(Executor& main, Executor& background, Options options) {
     VdirAddressBook::Options bookOptions = session->m_configuration.addressBookOptions();
     bookOptions.imageScaler = session->m_options.imageScaler;
     bookOptions.watcher = session->m_options.watcher;
+    bookOptions.restoredAfterCrash = session->m_options.restoredAfterCrash;
     if (!session->m_options.openedInBackground) {
         session->opened(openAddressBook(std::move(bookOptions)), openSidecar(session->m_configuration));
         return session;

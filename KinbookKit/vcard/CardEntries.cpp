@@ -84,6 +84,14 @@ std::string joinedComponents(const std::vector<std::vector<std::string>>& fields
 
 } // namespace
 
+std::string phoneNumberOf(const VCardProperty& property) {
+    std::string_view number = trimAsciiSpace(property.text());
+    if (startsWithIgnoringAsciiCase(number, "tel:")) {
+        number = trimAsciiSpace(number.substr(4));
+    }
+    return std::string(number);
+}
+
 ContactDraft::Address addressPartsOf(const VCardProperty& property) {
     constexpr std::size_t kPostOfficeBox = 0;
     constexpr std::size_t kExtended = 1;

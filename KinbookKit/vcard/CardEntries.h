@@ -37,6 +37,12 @@ std::optional<EntryKind> entryKind(const VCardProperty& property);
 // is never rewritten.
 ContactDraft::Address addressPartsOf(const VCardProperty& property);
 
+// A phone's number as the user sees and edits it: the value trimmed, and a
+// 4.0 "tel:" URI without its scheme ("tel:+1-555-555-0100" is
+// "+1-555-555-0100"). The writer compares a draft's number with this, so a
+// number the user left alone is never rewritten.
+std::string phoneNumberOf(const VCardProperty& property);
+
 // What identifies a property's line to the registry: its upper-case name,
 // the fingerprint of its unfolded line without the group (other programs
 // renumber groups), its normalised value and its 4.0 PID.

@@ -260,26 +260,7 @@ bool isLabelType(EntryKind kind, std::string_view type) {
 }
 
 std::string labelDisplayText(std::string_view label) {
-    if (stockLabelForConstant(label)) {
-        return localizedLabel(label);
-    }
-    if (!isToken(label)) {
-        return std::string(label);
-    }
-    // "AssistantPhone" reads as "assistant phone", "HomeFAX" as "home fax".
-    const std::string_view name =
-        label.substr(kTokenOpen.size(), label.size() - kTokenOpen.size() - kTokenClose.size());
-    std::string words;
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        const char c = name[i];
-        const bool upper = c >= 'A' && c <= 'Z';
-        const bool previousLower = i > 0 && !(name[i - 1] >= 'A' && name[i - 1] <= 'Z');
-        if (upper && i > 0 && previousLower) {
-            words.push_back(' ');
-        }
-        words.push_back(asciiLower(c));
-    }
-    return words;
+    return localizedLabel(label);
 }
 
 } // namespace kinbook

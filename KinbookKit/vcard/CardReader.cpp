@@ -330,7 +330,7 @@ EntryContents readEntries(const VCard& card, std::string_view cardID, EntryRegis
         const VCardProperty& property = *entry.property;
         switch (entry.kind) {
         case EntryKind::phone:
-            contents.phones.push_back({entry.id, readLabel(card, property), trimmedText(property), false});
+            contents.phones.push_back({entry.id, readLabel(card, property), phoneNumberOf(property), false});
             break;
         case EntryKind::email:
             contents.emails.push_back({entry.id, readLabel(card, property), trimmedText(property), false});
@@ -593,6 +593,8 @@ ContactCard readContactCard(const VCard& card, std::string_view cardID, EntryReg
     for (const auto& [address, layout] : entries.addresses) {
         contact.addresses.push_back(
             {labelDisplayText(address.label), formatPostalAddress(address, layout), address.id});
+        contact.addressParts.push_back(
+            {address.street, address.city, address.state, address.postalCode, address.country});
     }
     contact.urls = itemsOf(entries.urls, true);
     if (const auto birthday = readBirthday(card)) {

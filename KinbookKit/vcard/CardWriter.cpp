@@ -194,14 +194,6 @@ bool startsWithTelScheme(std::string_view value) {
     return startsWithIgnoringAsciiCase(value, "tel:");
 }
 
-std::string phoneText(const VCardProperty& property) {
-    std::string text = property.text();
-    if (startsWithTelScheme(text)) {
-        text.erase(0, 4);
-    }
-    return text;
-}
-
 // Whether one structured field, as the draft shows it, is `wanted`. A field
 // of several components may be shown joined in more than one way.
 bool fieldMatches(const std::vector<std::string>& components, std::string_view wanted) {
@@ -298,6 +290,20 @@ Profile messagingAddress(const VCardProperty& property) {
 bool sameLink(const std::optional<LinkedAccount>& current, const LinkedAccount& wanted,
               std::string_view handle) {
     return current && current->service == wanted.service && current->handle == handle;
+}
+
+// Whether an entry that reads as `read` is one of the draft's links: the
+// reader shows one link for every entry that names the same account (one
+// service, one handle whatever its case), so a profile and a web address of
+// one account, or the same profile twice, stand behind a single link. Those
+// other entries stay as long as the draft keeps that link.
+bool draftKeepsLink(const ContactDraft& draft, const std::optional<LinkedAccount>& read) {
+    if (!read) {
+        return false;
+    }
+    return std::any_of(draft.links.begin(), draft.links.end(), [&](const LinkedAccount& link) {
+        return link.service == read->service && equalsIgnoringAsciiCase(trimmed(link.handle), read->handle);
+    });
 }
 
 std::optional<DateComponents> parseDate(const VCardProperty& property) {
@@ -720,6 +726,10 @@ std::string readText(const VCardProperty& property) {
 }
 
 void writePhone(VCard& card, VCardProperty& property, std::string_view value) {
+    // A number pasted as a URI is still one number, never "tel:tel:".
+    if (startsWithTelScheme(value)) {
+        value = trimAsciiSpace(value.substr(4));
+    }
     bool asURI = startsWithTelScheme(property.rawValue());
     if (property.rawValue().empty() && card.writtenVersion() == VCardVersion::v4_0) {
         // A new 4.0 number follows the form the card's other numbers use.
@@ -752,7 +762,7 @@ void writeURL(VCard&, VCardProperty& property, std::string_view value) {
     property.setRawValue(value);
 }
 
-constexpr ValueStyle kPhoneStyle{"TEL", phoneText, writePhone};
+constexpr ValueStyle kPhoneStyle{"TEL", phoneNumberOf, writePhone};
 constexpr ValueStyle kEmailStyle{"EMAIL", readText, writeEmail};
 constexpr ValueStyle kURLStyle{"URL", readText, writeURL};
 
@@ -781,6 +791,7 @@ void mergeEntries(CardEdit& edit, const std::vector<CardEntry>& existing, const 
         byID.emplace(entry.id, entry.property);
     }
     std::set<VCardProperty*> used;
+    std::vector<const VCardProperty*> order;
     const VCardProperty* previous = nullptr;
     for (const Field& field : fields) {
         VCardProperty* property = nullptr;
@@ -789,9 +800,9 @@ void mergeEntries(CardEdit& edit, const std::vector<CardEntry>& existing, const 
         }
         const VCardProperty* place = newEntryPlace(card, previous, existing);
         VCardProperty* written = write(field, property, place);
-        if (written != nullptr) {
-            used.insert(written);
+        if (written != nullptr && used.insert(written).second) {
             edit.carries(written, field.id);
+            order.push_back(written);
             previous = written;
         }
     }
@@ -800,6 +811,10 @@ void mergeEntries(CardEdit& edit, const std::vector<CardEntry>& existing, const 
             edit.removeEntry(*entry.property);
         }
     }
+    // The draft's order is the order the user arranged: the entries take
+    // the places they hold between them in that order, each line moved
+    // whole with its label, its bytes kept.
+    card.reorder(order);
 }
 
 // Phones, e-mails and web addresses.
@@ -824,7 +839,7 @@ void mergeFields(CardEdit& edit, EntryKind kind, const ValueStyle& style, std::v
                              property->setParameter("TYPE", {"INTERNET"});
                          }
                          style.write(card, *property, value);
-                     } else if (style.read(*property) != value) {
+                     } else if (trimmed(style.read(*property)) != value) {
                          style.write(card, *property, value);
                      }
                      writeLabel(card, *property, kind, field.label);
@@ -915,6 +930,11 @@ void writeURLs(CardEdit& edit, const ContactDraft& draft) {
     for (const auto& link : draft.links) {
         if (!isBlankText(link.handle)) {
             linkIDs.insert(link.id);
+        }
+    }
+    for (const auto& entry : webAddresses) {
+        if (draftKeepsLink(draft, linkFromWebAddress(entry.id, entry.property->text()))) {
+            linkIDs.insert(entry.id);
         }
     }
     mergeFields(edit, EntryKind::url, kURLStyle, webAddresses, draft.urls, linkIDs);
@@ -1063,8 +1083,8 @@ void writeLinks(CardEdit& edit, const ContactDraft& draft) {
     // Removed links: only entries the draft showed as links go.
     for (const auto& [id, property] : social) {
         const Profile profile = socialProfile(*property);
-        if (used.count(property) == 0 &&
-            linkFromSocialProfile(id, profile.service, profile.user, profile.url)) {
+        const auto read = linkFromSocialProfile(id, profile.service, profile.user, profile.url);
+        if (used.count(property) == 0 && read && !draftKeepsLink(draft, read)) {
             edit.removeEntry(*property);
         }
     }

@@ -109,11 +109,13 @@ void recordWrittenEntries(const VCard& edited, const ApplyResult& result, const 
 //   link are never touched.
 // - REV, when the card has one, is set to `now` if anything changed.
 //
-// Order: new entries are placed after the entry that precedes them in the
-// draft. Entries already in the card keep their place, because moving a line
-// would rewrite its bytes; so a reordering in the draft shows in the file only
-// for new and re-created lines. The anchor is the exception: it is moved first
-// when it is not.
+// Order: phones, e-mails, web addresses and addresses are saved in draft
+// order. New entries are placed after the entry that precedes them in the
+// draft; then the kind's entries take the places they hold between them in
+// draft order, each line moved whole with the label lines that follow it and
+// its bytes kept, so a draft in the card's own order moves nothing. The
+// anchor stays first among the web addresses: it is moved there when it is
+// not.
 //
 // A draft for a new card is applied onto newCardFor(draft, uid). Record the
 // result with recordWrittenEntries.

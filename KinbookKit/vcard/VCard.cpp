@@ -522,6 +522,69 @@ VCardProperty& VCard::add(std::string_view name, std::string_view group, const V
     return *m_properties.insert(position, std::move(property));
 }
 
+void VCard::reorder(const std::vector<const VCardProperty*>& order) {
+    using Iterator = std::list<VCardProperty>::iterator;
+    // Each moving property with the lines of its group that follow it.
+    struct Block {
+        Iterator begin;
+        Iterator end;
+        std::size_t size = 0;
+    };
+    std::vector<Block> blocks;   // in the wanted order
+    std::vector<Iterator> slots; // where the moving properties are now, in file order
+    for (const VCardProperty* property : order) {
+        const Iterator it = locate(*property);
+        if (it == m_properties.end()) {
+            return;
+        }
+        Iterator end = std::next(it);
+        if (!it->group().empty()) {
+            while (end != m_properties.end() && end->isInGroup(it->group()) &&
+                   std::find(order.begin(), order.end(), &*end) == order.end()) {
+                ++end;
+            }
+        }
+        blocks.push_back({it, end, static_cast<std::size_t>(std::distance(it, end))});
+    }
+    for (Iterator it = m_properties.begin(); it != m_properties.end(); ++it) {
+        if (std::find(order.begin(), order.end(), &*it) != order.end()) {
+            slots.push_back(it);
+        }
+    }
+    bool inOrder = true;
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        inOrder = inOrder && blocks[i].begin == slots[i];
+    }
+    if (inOrder) {
+        return;
+    }
+    // Mark every slot with a placeholder, take the blocks out, then put
+    // each block where its slot's placeholder stands.
+    std::list<VCardProperty> taken;
+    std::vector<Iterator> placeholders;
+    for (const Iterator slot : slots) {
+        placeholders.push_back(m_properties.insert(slot, VCardProperty()));
+    }
+    for (const Block& block : blocks) {
+        // By size: the placeholder of the next slot may now stand where
+        // this block used to end.
+        taken.splice(taken.end(), m_properties, block.begin,
+                     std::next(block.begin, static_cast<std::ptrdiff_t>(block.size)));
+    }
+    std::vector<Block> moved;
+    Iterator from = taken.begin();
+    for (const Block& block : blocks) {
+        const Iterator to = std::next(from, static_cast<std::ptrdiff_t>(block.size));
+        moved.push_back({from, to, block.size});
+        from = to;
+    }
+    for (std::size_t i = 0; i < moved.size(); ++i) {
+        m_properties.splice(placeholders[i], taken, moved[i].begin, moved[i].end);
+        m_properties.erase(placeholders[i]);
+    }
+    m_structureChanged = true;
+}
+
 void VCard::remove(const VCardProperty& property, VCardRemoval scope) {
     const auto it = locate(property);
     if (it == m_properties.end()) {

@@ -122,6 +122,14 @@ public:
     // ignored), and with wholeGroup every other line of its group.
     void remove(const VCardProperty& property, VCardRemoval scope = VCardRemoval::propertyOnly);
 
+    // Puts `order` (properties of this document, each named once) into the
+    // places those same properties hold now, in the given order: the first
+    // of them in the file becomes order[0], and so on. Each carries along
+    // the lines of its group that directly follow it (its X-ABLabel), and
+    // every line keeps its bytes. Nothing changes when they are in that
+    // order already.
+    void reorder(const std::vector<const VCardProperty*>& order);
+
     // The card's UID as sync tools see it: the value of the first line named
     // exactly "UID" (upper case, no group). None when there is no such line.
     std::optional<std::string> uid() const;

@@ -30,6 +30,8 @@ Listed filesOf(const CardListing& listing) {
     return files;
 }
 
+// Accounts are the folders that hold cards in any layout vdirsyncer keeps:
+// the root itself, its folders, and collections one level deeper.
 TEST(CardListing, ListsTheCardFilesOfEveryAccountFolderAndNothingElse) {
     TempFolder folder;
     const fs::path root = folder / "vdir";
@@ -47,15 +49,20 @@ TEST(CardListing, ListsTheCardFilesOfEveryAccountFolderAndNothingElse) {
     fs::create_directories(root / ".git");
     writeFile(root / ".git" / "c.vcf", "card");
     writeFile(root / "loose.vcf", "card");
+    fs::create_directories(root / "pair" / "coll");
+    fs::create_directories(root / "pair" / "blank");
+    writeFile(root / "pair" / "coll" / "d.vcf", "card");
     fs::create_directory_symlink(root / "work", root / "linked");
 
     for (unsigned threads : {1u, 2u}) {
         SCOPED_TRACE(threads);
         auto listing = CardListing::list(root, threads);
         ASSERT_TRUE(listing.has_value());
-        EXPECT_EQ(filesOf(*listing), (Listed{{"empty", {}},
+        EXPECT_EQ(filesOf(*listing), (Listed{{".", {"loose.vcf"}},
+                                             {"empty", {}},
                                              {"home", {"a.vcf", "link.vcf"}},
                                              {"linked", {"b.vcf", "with space.vcf"}},
+                                             {"pair/coll", {"d.vcf"}},
                                              {"work", {"b.vcf", "with space.vcf"}}}));
         std::vector<std::string> order;
         for (const auto& account : listing->accounts()) {
@@ -63,7 +70,7 @@ TEST(CardListing, ListsTheCardFilesOfEveryAccountFolderAndNothingElse) {
             EXPECT_GE(account.fd, 0);
             EXPECT_FALSE(account.unreadable);
         }
-        EXPECT_EQ(order, (std::vector<std::string>{"empty", "home", "linked", "work"}));
+        EXPECT_EQ(order, (std::vector<std::string>{".", "empty", "home", "linked", "pair/coll", "work"}));
         for (const auto& file : listing->files()) {
             // A link is a card only once a stat says what it points to.
             EXPECT_EQ(file.knownRegular, listing->name(file) != "link.vcf");

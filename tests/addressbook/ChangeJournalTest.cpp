@@ -393,7 +393,6 @@ TEST_F(ChangeJournalTest, OtherWritersTemporariesAndHiddenFilesAreNotCards) {
     writeFile(root() / "home" / ".hidden.vcf", card("H1"));
     writeFile(root() / "home" / "a.vcf.tmp", card("H2"));
     writeFile(root() / "home" / "a.vcfq8Zr1x", card("H3")); // a vdirsyncer temporary
-    writeFile(root() / "loose.vcf", card("H4"));            // not in an account
     fs::create_directories(root() / ".git");
     writeFile(root() / ".git" / "b.vcf", card("H5"));
     fs::create_directories(root() / "home" / "nested.vcf");

@@ -190,3 +190,36 @@ TEST_F(VdirAddressBookNotesTest, AScriptFailureIsTheStoresErrorWithItsMessage) {
 
 } // namespace
 } // namespace kinbook
+
+namespace kinbook {
+namespace {
+
+// The circle and the hidden flag live in the anchor URL like any other card
+// setting: with notes locked the store refuses them on a card with a note
+// too, and the change goes through the Contacts application, note intact.
+TEST_F(VdirAddressBookNotesTest, AnAnchorChangeOnANotedCardRunsTheScriptingPath) {
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
+    const auto written = book.changeAnchor("NORA-1", [](KinID::Anchor& anchor) {
+        anchor.circle = ContactCircle::goodFriends;
+        anchor.hidden = true;
+    });
+    ASSERT_TRUE(written.ok()) << written.error().description();
+    EXPECT_NE(log().find("save failed (AddressBookError hasNote anchor: "), std::string::npos);
+    EXPECT_NE(log().find("wrote 1 cards through Contacts.app (contact has a note)"), std::string::npos);
+
+    const auto card = book.card("NORA-1");
+    ASSERT_TRUE(card.ok());
+    EXPECT_EQ(card->kinID, written->id);
+    const std::string bytes = readFile(noraPath());
+    EXPECT_NE(bytes.find(written->url()), std::string::npos);
+    EXPECT_NE(bytes.find("NOTE:Met at the fair.\r\n"), std::string::npos);
+    EXPECT_NE(bytes.find("TEL;type=CELL:+1 212 555 0100\r\n"), std::string::npos);
+
+    // A card without a note takes the change from the store itself.
+    ASSERT_TRUE(book.changeAnchor("PLAIN-1", [](KinID::Anchor& anchor) { anchor.hidden = true; }).ok());
+    EXPECT_NE(readFile(root() / "family" / "PLAIN-1.vcf").find("?h=1"), std::string::npos);
+}
+
+} // namespace
+} // namespace kinbook

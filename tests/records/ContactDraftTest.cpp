@@ -52,6 +52,23 @@ TEST(ContactDraft, FromCardKeepsIdentitiesAndHoldsTheAnchorAside) {
     EXPECT_EQ(draft.messageLinkIDs, std::set<std::string>{"m1"});
 }
 
+// The editor and the merge sheet edit an address part by part, and a value
+// with nothing in it is no entry to edit.
+TEST(ContactDraft, FromCardKeepsAddressPartsApartAndDropsBlankValues) {
+    ContactCard card = cardWithEverything();
+    card.addressParts = {{"1 Main St", "Springfield", "IL", "62701", "USA"}};
+    card.phones.push_back({"work", "  ", "p-blank"});
+    card.addresses.push_back({"work", "", "a-blank"});
+    card.addressParts.push_back({});
+    const auto draft = ContactDraft::fromCard(card);
+    ASSERT_EQ(draft.addresses.size(), 1u);
+    EXPECT_EQ(draft.addresses[0], (ContactDraft::Address{"a1", "_$!<Home>!$_", "1 Main St", "Springfield",
+                                                         "IL", "62701", "USA", false}));
+    for (const auto& phone : draft.phones) {
+        EXPECT_NE(phone.id, "p-blank");
+    }
+}
+
 TEST(ContactDraft, CopyForAnotherAccountMakesEveryEntryNew) {
     const auto draft = ContactDraft::fromCard(cardWithEverything());
     const auto copy = draft.copyForAccount("work-account");
