@@ -25,6 +25,10 @@ bool relabelEntry(Entries& entries, const std::string& entryID,
 
 } // namespace
 
+std::string StepError::description() const {
+    return "Couldn't " + step + ": " + underlying.description();
+}
+
 std::string ActionError::description() const {
     return std::visit([](const auto& underlying) { return underlying.description(); }, error);
 }

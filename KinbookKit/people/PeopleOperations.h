@@ -17,10 +17,21 @@ namespace kinbook {
 
 class PeopleLoader;
 
-// Why a user action failed: the address book's refusal, or a full circle.
-// Shown to the user as an alert.
+// The failure of one step of an action that takes several (merge, moving
+// between accounts, the Trash): the user learns how far it got, e.g. "put
+// the note back (the Trash copy is kept)", and what the store said.
+struct StepError {
+    std::string step;
+    AddressBookError underlying;
+
+    std::string description() const;
+    bool operator==(const StepError&) const = default;
+};
+
+// Why a user action failed: the address book's refusal, a full circle, or a
+// failed step of a longer action. Shown to the user as an alert.
 struct ActionError {
-    std::variant<AddressBookError, CircleError> error;
+    std::variant<AddressBookError, CircleError, StepError> error;
 
     std::string description() const;
     bool operator==(const ActionError&) const = default;
