@@ -6,6 +6,7 @@
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <algorithm>
 
 namespace kinbook {
 namespace {
@@ -125,7 +126,7 @@ PeopleTable::PeopleTable(QWidget* parent) : QTableView(parent) {
     setTabKeyNavigation(false);
     setCornerButtonEnabled(false);
     setSelectionBehavior(QAbstractItemView::SelectRows);
-    setSelectionMode(QAbstractItemView::SingleSelection);
+    setSelectionMode(QAbstractItemView::ExtendedSelection);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
     setItemDelegate(new PersonRowDelegate(this));
@@ -192,6 +193,21 @@ QString PeopleTable::selectedID() const {
     return current.isValid() && selectionModel()->isSelected(current)
                ? current.data(PeopleTableModel::PersonIDRole).toString()
                : QString();
+}
+
+QStringList PeopleTable::selectedIDs() const {
+    QModelIndexList rows = selectionModel()->selectedRows();
+    std::sort(rows.begin(), rows.end(),
+              [](const QModelIndex& a, const QModelIndex& b) { return a.row() < b.row(); });
+    QStringList ids;
+    for (const QModelIndex& row : rows) {
+        // A section's title row is no one.
+        const QString id = row.data(PeopleTableModel::PersonIDRole).toString();
+        if (!id.isEmpty()) {
+            ids << id;
+        }
+    }
+    return ids;
 }
 
 QModelIndex PeopleTable::moveCursor(CursorAction cursorAction, Qt::KeyboardModifiers modifiers) {

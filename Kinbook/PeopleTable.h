@@ -41,6 +41,9 @@ public:
     void moveSelection(int steps);
     // The selected person's id; empty when none.
     QString selectedID() const;
+    // Every selected person's id, in list order (shift and control extend
+    // the selection, for acting on many at once).
+    QStringList selectedIDs() const;
 
 Q_SIGNALS:
     void selectedPersonChanged(const QString& personID);
