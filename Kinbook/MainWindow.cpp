@@ -262,6 +262,10 @@ void MainWindow::buildMenus() {
     m_trashAction = edit->addAction("Move to Trash", this, &MainWindow::trashSelected);
     m_trashAction->setObjectName("TrashAction");
     m_trashAction->setShortcut(QKeySequence::Delete);
+    // The key deletes people only from the list: on the page it belongs to
+    // what has the focus there (a photo, a field).
+    m_trashAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    m_listPane->addAction(m_trashAction);
 
     QMenu* view = menuBar()->addMenu("&View");
     QAction* find = view->addAction("Find", this, [this] {
