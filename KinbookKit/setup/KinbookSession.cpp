@@ -1,5 +1,6 @@
 #include "KinbookKit/setup/KinbookSession.h"
 
+#include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/people/SnapshotCache.h"
@@ -99,7 +100,14 @@ KinbookSession::open(Executor& main, Executor& background, Options options) {
     VdirAddressBook::Options bookOptions = session->m_configuration.addressBookOptions();
     bookOptions.imageScaler = session->m_options.imageScaler;
     bookOptions.watcher = session->m_options.watcher;
-    bookOptions.restoredAfterCrash = session->m_options.restoredAfterCrash;
+    if (const auto& tell = session->m_options.noteRecovery) {
+        bookOptions.restoredAfterCrash = [tell](std::size_t notes) {
+            tell(fmt::format("Restored after a crash: {} held notes put back into their cards.", notes));
+        };
+        bookOptions.bothNotesKept = [tell](const std::vector<std::string>& cards) {
+            tell(fmt::format("{} ({} cards).", NoteGuard::bothKeptMessage, cards.size()));
+        };
+    }
     if (!session->m_options.openedInBackground) {
         session->opened(openAddressBook(std::move(bookOptions)), openSidecar(session->m_configuration));
         return session;

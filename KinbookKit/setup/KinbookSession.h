@@ -55,10 +55,11 @@ public:
         // Told each of the configuration's warnings (an unknown key in
         // config.toml) as soon as it is read, before anything else can fail.
         std::function<void(const std::string&)> warning;
-        // Told, on a background thread, how many held notes were put back
-        // after a crash when the address book is first read, so that the
-        // face can say "Restored after a crash".
-        std::function<void(std::size_t)> restoredAfterCrash;
+        // Told, on a background thread, what became of the notes held at a
+        // crash when the address book is first read ("Restored after a
+        // crash: …", or that a held note and a newer one were both kept), as
+        // a sentence for the user; each face says it once.
+        std::function<void(const std::string&)> noteRecovery;
         // When set, the address book is opened on the background executor:
         // opening reads its change journal, a second for a large one, and a
         // window's main thread must stay free meanwhile. The list is then
