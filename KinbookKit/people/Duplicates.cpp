@@ -1,0 +1,327 @@
+#include "KinbookKit/people/Duplicates.h"
+
+#include "KinbookKit/text/Ascii.h"
+#include "KinbookKit/text/Fold.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace kinbook {
+namespace {
+
+// A key shared by more people than this is a shared office line or a family
+// address: following it would chain whole companies into one group.
+constexpr std::size_t kMostPeoplePerKey = 6;
+constexpr std::size_t kPhoneDigits = 10;
+constexpr std::size_t kFewestPhoneDigits = 7;
+constexpr std::size_t kFewestNameCharacters = 4;
+
+enum Reason : std::uint8_t { email = 1, phone = 2, name = 4 };
+
+std::size_t characterCount(std::string_view text) {
+    return static_cast<std::size_t>(std::count_if(
+        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+// The last ten digits: "+1 (415) 555-0100" and "415.555.0100" are one number.
+std::string phoneKey(std::string_view number) {
+    std::string digits;
+    for (const char c : number) {
+        if (c >= '0' && c <= '9') {
+            digits.push_back(c);
+        }
+    }
+    return digits.size() > kPhoneDigits ? digits.substr(digits.size() - kPhoneDigits) : digits;
+}
+
+std::string emailKey(std::string_view address) {
+    std::string key(trimAsciiSpace(address));
+    std::transform(key.begin(), key.end(), key.begin(), [](char c) { return asciiLower(c); });
+    return key;
+}
+
+template <typename Add>
+void forEachKey(const Person& person, Add add) {
+    if (!person.givenName.empty() && !person.familyName.empty()) {
+        std::string joined = person.givenName;
+        joined += ' ';
+        joined += person.familyName;
+        const std::string folded(trimAsciiSpace(fold(joined)));
+        if (characterCount(folded) >= kFewestNameCharacters) {
+            add("n:" + folded);
+        }
+    }
+    for (const std::string_view number : person.phoneNumbers) {
+        auto digits = phoneKey(number);
+        if (digits.size() >= kFewestPhoneDigits) {
+            add("p:" + digits);
+        }
+    }
+    for (const std::string_view address : person.emailAddresses) {
+        auto key = emailKey(address);
+        if (key.find('@') != std::string::npos) {
+            add("e:" + key);
+        }
+    }
+}
+
+std::uint8_t reasonOf(std::string_view key) {
+    switch (key.front()) {
+    case 'e':
+        return Reason::email;
+    case 'p':
+        return Reason::phone;
+    default:
+        return Reason::name;
+    }
+}
+
+struct UnionFind {
+    std::vector<std::uint32_t> parent;
+
+    explicit UnionFind(std::size_t count) : parent(count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            parent[i] = static_cast<std::uint32_t>(i);
+        }
+    }
+    std::uint32_t find(std::uint32_t at) {
+        while (parent[at] != at) {
+            parent[at] = parent[parent[at]]; // path halving
+            at = parent[at];
+        }
+        return at;
+    }
+};
+
+template <typename At>
+std::vector<DuplicateGroup> findGroupsOf(std::size_t count, At at) {
+    std::unordered_map<std::string, std::vector<std::uint32_t>> byKey;
+    byKey.reserve(count * 2);
+    for (std::size_t index = 0; index < count; ++index) {
+        forEachKey(at(index), [&](std::string key) {
+            auto& indexes = byKey[std::move(key)];
+            // A person adds each key once, however many entries give it.
+            if (indexes.empty() || indexes.back() != index) {
+                indexes.push_back(static_cast<std::uint32_t>(index));
+            }
+        });
+    }
+
+    UnionFind sets(count);
+    std::unordered_map<std::uint32_t, std::uint8_t> reasons;
+    std::unordered_map<std::uint32_t, std::vector<const std::string*>> keys;
+    for (const auto& [key, indexes] : byKey) {
+        if (indexes.size() < 2 || indexes.size() > kMostPeoplePerKey) {
+            continue;
+        }
+        const auto reason = reasonOf(key);
+        for (const auto index : indexes) {
+            const auto first = sets.find(indexes.front());
+            const auto root = sets.find(index);
+            if (root != first) {
+                sets.parent[root] = first;
+            }
+            reasons[index] |= reason;
+        }
+        keys[indexes.front()].push_back(&key);
+    }
+
+    // Only people who shared a key can be in a group: collect those alone.
+    std::map<std::uint32_t, std::vector<std::uint32_t>> members;
+    std::vector<std::uint32_t> linked;
+    linked.reserve(reasons.size());
+    for (const auto& [index, reason] : reasons) {
+        linked.push_back(index);
+    }
+    std::sort(linked.begin(), linked.end());
+    for (const auto index : linked) {
+        members[sets.find(index)].push_back(index);
+    }
+
+    std::vector<DuplicateGroup> groups;
+    for (const auto& [root, indexes] : members) {
+        if (indexes.size() < 2) {
+            continue;
+        }
+        DuplicateGroup group;
+        std::uint8_t all = 0;
+        std::set<std::string> groupKeys;
+        for (const auto index : indexes) {
+            group.people.push_back(at(index));
+            all |= reasons[index];
+            if (auto found = keys.find(index); found != keys.end()) {
+                for (const auto* key : found->second) {
+                    groupKeys.insert(*key);
+                }
+            }
+        }
+        for (const auto& [reason, text] : {std::pair{Reason::email, DuplicateGroup::sameEmail},
+                                           std::pair{Reason::phone, DuplicateGroup::samePhone},
+                                           std::pair{Reason::name, DuplicateGroup::sameName}}) {
+            if ((all & reason) != 0) {
+                group.reasons.emplace_back(text);
+            }
+        }
+        group.keys.assign(groupKeys.begin(), groupKeys.end());
+        groups.push_back(std::move(group));
+    }
+
+    std::stable_sort(groups.begin(), groups.end(), [](const DuplicateGroup& a, const DuplicateGroup& b) {
+        if (a.isStrong() != b.isStrong()) {
+            return a.isStrong();
+        }
+        if (a.people.size() != b.people.size()) {
+            return a.people.size() > b.people.size();
+        }
+        return a.people.front().sortKey() < b.people.front().sortKey();
+    });
+    return groups;
+}
+
+// The same entry on two cards, as the merge sheet lists it once.
+std::string addressKey(const ContactDraft::Address& address) {
+    return fold(address.street) + '\n' + fold(address.city) + '\n' + fold(address.state) + '\n' +
+           fold(address.postalCode) + '\n' + fold(address.country);
+}
+
+std::string fieldKey(const ContactDraft::Field& field, bool isPhone) {
+    if (isPhone) {
+        auto digits = phoneKey(field.value);
+        return digits.empty() ? fold(field.value) : digits;
+    }
+    return emailKey(field.value);
+}
+
+} // namespace
+
+std::string DuplicateGroup::id() const {
+    std::vector<std::string_view> ids;
+    ids.reserve(people.size());
+    for (const auto& person : people) {
+        ids.push_back(person.id);
+    }
+    std::sort(ids.begin(), ids.end());
+    std::string joined;
+    for (const auto id : ids) {
+        if (!joined.empty()) {
+            joined += '+';
+        }
+        joined += id;
+    }
+    return joined;
+}
+
+bool DuplicateGroup::isStrong() const {
+    return std::any_of(reasons.begin(), reasons.end(),
+                       [](const std::string& reason) { return reason != sameName; });
+}
+
+namespace Duplicates {
+
+std::vector<DuplicateGroup> findGroups(std::span<const Person> people) {
+    return findGroupsOf(people.size(), [&](std::size_t index) -> const Person& { return people[index]; });
+}
+
+std::vector<DuplicateGroup> findGroups(std::span<const PersonPtr> people) {
+    return findGroupsOf(people.size(), [&](std::size_t index) -> const Person& { return *people[index]; });
+}
+
+std::vector<std::string> keysOf(const Person& person) {
+    std::vector<std::string> keys;
+    forEachKey(person, [&](std::string key) {
+        if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
+            keys.push_back(std::move(key));
+        }
+    });
+    return keys;
+}
+
+std::string combineNotes(std::span<const std::string> notes) {
+    std::vector<std::string_view> taken;
+    std::string combined;
+    for (const auto& note : notes) {
+        const auto trimmed = trimAsciiSpace(note);
+        if (trimmed.empty() || std::find(taken.begin(), taken.end(), trimmed) != taken.end()) {
+            continue;
+        }
+        taken.push_back(trimmed);
+        if (!combined.empty()) {
+            combined += "\n\n";
+        }
+        combined += trimmed;
+    }
+    return combined;
+}
+
+MergePlan mergePlan(std::span<const MergeCard> ordered) {
+    MergePlan plan;
+    std::unordered_set<std::string> served;
+    for (const auto& card : ordered) {
+        if (card.accountIDs.size() == 1) {
+            if (served.insert(card.accountIDs.front()).second) {
+                plan.kept.push_back(card);
+            } else {
+                plan.removed.push_back(card);
+            }
+            continue;
+        }
+        served.insert(card.accountIDs.begin(), card.accountIDs.end());
+        plan.kept.push_back(card);
+    }
+    return plan;
+}
+
+ContactDraft mergePrefill(std::span<const ContactDraft> cards) {
+    ContactDraft result;
+    if (cards.empty()) {
+        return result;
+    }
+    const auto pick = [&](std::string ContactDraft::*field) {
+        for (const auto& card : cards) {
+            if (!trimAsciiSpace(card.*field).empty()) {
+                result.*field = card.*field;
+                return;
+            }
+        }
+    };
+    for (auto field : {&ContactDraft::namePrefix, &ContactDraft::givenName, &ContactDraft::middleName,
+                       &ContactDraft::familyName, &ContactDraft::nameSuffix, &ContactDraft::nickname,
+                       &ContactDraft::organization, &ContactDraft::department, &ContactDraft::jobTitle}) {
+        pick(field);
+    }
+    std::unordered_set<std::string> phones;
+    std::unordered_set<std::string> emails;
+    std::unordered_set<std::string> addresses;
+    std::unordered_set<std::string> links;
+    for (const auto& card : cards) {
+        for (const auto& phone : card.phones) {
+            if (phones.insert(fieldKey(phone, true)).second) {
+                result.phones.push_back(phone);
+            }
+        }
+        for (const auto& email : card.emails) {
+            if (emails.insert(fieldKey(email, false)).second) {
+                result.emails.push_back(email);
+            }
+        }
+        for (const auto& address : card.addresses) {
+            if (addresses.insert(addressKey(address)).second) {
+                result.addresses.push_back(address);
+            }
+        }
+        for (const auto& link : card.links) {
+            if (links.insert(std::to_string(static_cast<int>(link.service)) + ':' + fold(link.handle))
+                    .second) {
+                result.links.push_back(link);
+            }
+        }
+    }
+    return result;
+}
+
+} // namespace Duplicates
+} // namespace kinbook
