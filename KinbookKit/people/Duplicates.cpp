@@ -241,14 +241,26 @@ std::vector<std::string> keysOf(const Person& person) {
 }
 
 std::string combineNotes(std::span<const std::string> notes) {
-    std::vector<std::string_view> taken;
+    // Paragraphs already taken. A note whose every paragraph is among them
+    // adds nothing: that is also what a merge run again after it stopped
+    // finds, the primary card already holding the combined note.
+    std::vector<std::string_view> paragraphs;
     std::string combined;
     for (const auto& note : notes) {
         const auto trimmed = trimAsciiSpace(note);
-        if (trimmed.empty() || std::find(taken.begin(), taken.end(), trimmed) != taken.end()) {
+        std::vector<std::string_view> own;
+        for (std::size_t start = 0; start <= trimmed.size();) {
+            const auto end = std::min(trimmed.find("\n\n", start), trimmed.size());
+            own.push_back(trimmed.substr(start, end - start));
+            start = end + 2;
+        }
+        const bool known = std::all_of(own.begin(), own.end(), [&](std::string_view paragraph) {
+            return std::find(paragraphs.begin(), paragraphs.end(), paragraph) != paragraphs.end();
+        });
+        if (trimmed.empty() || known) {
             continue;
         }
-        taken.push_back(trimmed);
+        paragraphs.insert(paragraphs.end(), own.begin(), own.end());
         if (!combined.empty()) {
             combined += "\n\n";
         }

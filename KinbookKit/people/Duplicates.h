@@ -45,8 +45,9 @@ std::vector<DuplicateGroup> findGroups(std::span<const PersonPtr> people);
 // The keys a person is found by, each once.
 std::vector<std::string> keysOf(const Person& person);
 
-// The cards' notes as one: trimmed, empty ones and repeats dropped, joined by
-// a blank line, in card order (primary first).
+// The cards' notes as one: trimmed, empty ones and repeats dropped (also a
+// note every paragraph of which is already there), joined by a blank line,
+// in card order (primary first).
 std::string combineNotes(std::span<const std::string> notes);
 
 // One card of a merge: its id and the accounts that hold it.
