@@ -2,6 +2,7 @@
 
 #include "Kinbook/CirclePicker.h"
 #include "Kinbook/ContactPage.h"
+#include "Kinbook/DuplicatesWindow.h"
 #include "Kinbook/HeadingsColumn.h"
 #include "Kinbook/HelpCommands.h"
 #include "Kinbook/PeopleTable.h"
@@ -44,7 +45,8 @@ PeopleList::Changes everything() {
 
 MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, QSettings& settings,
                        AppLog& log, QWidget* parent)
-    : QMainWindow(parent), m_list(list), m_settings(settings) {
+    : QMainWindow(parent), m_list(list), m_settings(settings), m_mainExecutor(main),
+      m_backgroundExecutor(background) {
     setObjectName("People");
     setWindowTitle("People");
     resize(1180, 760);
@@ -256,12 +258,26 @@ void MainWindow::buildMenus() {
     });
     find->setShortcut(QKeySequence::Find);
     view->addMenu(m_sortMenu);
+    view->addAction("Find Duplicates…", this, [this] { findDuplicates()->open(); });
     view->addSeparator();
     m_headingsAction = view->addAction(QString(), this, [this] { setHeadingsPreferred(!m_showHeadings); });
     m_headingsAction->setObjectName("HeadingsAction");
 
     QMenu* help = menuBar()->addMenu("&Help");
     m_help->addTo(help);
+}
+
+void MainWindow::setDuplicatesSupport(std::optional<std::filesystem::path> answersFile,
+                                      MergePhotoKeeper keepPhotos) {
+    m_notDuplicatesFile = std::move(answersFile);
+    m_keepMergedPhotos = std::move(keepPhotos);
+}
+
+DuplicatesWindow* MainWindow::findDuplicates() {
+    auto* window = new DuplicatesWindow(m_list, m_mainExecutor, m_backgroundExecutor, m_notDuplicatesFile,
+                                        m_keepMergedPhotos, this);
+    window->setAttribute(Qt::WA_DeleteOnClose);
+    return window;
 }
 
 void MainWindow::showWelcome(const QString& text, const QString& buttonText) {

@@ -3,7 +3,6 @@
 #include "KinbookKit/people/NotDuplicates.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/people/PeopleMerge.h"
-#include "KinbookKit/sidecar/ContactPhotos.h"
 #include "cli/Failure.h"
 #include "cli/PeopleSession.h"
 
@@ -27,11 +26,7 @@ void printJson(const json& document) {
 
 // Where the "Not Duplicates" answers are kept; none without a sidecar folder.
 std::optional<std::filesystem::path> answersFile(PeopleSession& session) {
-    const auto& sidecar = session.kit().sidecar();
-    if (!sidecar.isReady()) {
-        return std::nullopt;
-    }
-    return sidecar.documents / NotDuplicates::fileName;
+    return session.kit().notDuplicatesFile();
 }
 
 NotDuplicates readAnswers(PeopleSession& session) {
@@ -56,30 +51,6 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
         }
     }
     return text;
-}
-
-// The sidecar's part of a merge: every card's picture among the person's
-// photos, and the merged people's photos brought over.
-MergePhotoKeeper photoKeeper(ContactPhotos* photos) {
-    if (photos == nullptr) {
-        return {};
-    }
-    return [photos](const std::string& kinID, const std::string& displayName,
-                    const std::vector<std::string>& absorbed,
-                    const std::vector<std::vector<std::uint8_t>>& pictures) -> Result<void, std::string> {
-        const PersonKey person{kinID, displayName};
-        for (const auto& other : absorbed) {
-            if (auto moved = photos->movePhotos({other, displayName}, person); !moved) {
-                return failure(moved.error());
-            }
-        }
-        if (!pictures.empty()) {
-            if (auto added = photos->addPhotos(person, pictures); !added) {
-                return failure(added.error());
-            }
-        }
-        return {};
-    };
 }
 
 json fieldsJson(const std::vector<ContactDraft::Field>& fields) {
@@ -256,7 +227,7 @@ void addMergeCommands(CLI::App& app, const ToolOptions& options) {
             session.finish();
             return;
         }
-        choices.keepPhotos = photoKeeper(session.kit().photos());
+        choices.keepPhotos = session.kit().mergePhotoKeeper();
         const auto merged = runMerge(book, cards, choices, KinLog("list"));
         if (!merged) {
             fail(merged.error().description());
