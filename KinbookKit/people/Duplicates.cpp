@@ -44,27 +44,44 @@ std::string emailKey(std::string_view address) {
     return key;
 }
 
+// Calls `add` with each key of the person ("n:", "p:" or "e:" and the text),
+// written into one reused buffer so that a pass over everyone allocates
+// next to nothing; a key may come more than once.
 template <typename Add>
-void forEachKey(const Person& person, Add add) {
+void forEachKey(const Person& person, std::string& joined, std::string& key, Add add) {
     if (!person.givenName.empty() && !person.familyName.empty()) {
-        std::string joined = person.givenName;
+        joined.assign(person.givenName);
         joined += ' ';
         joined += person.familyName;
-        const std::string folded(trimAsciiSpace(fold(joined)));
-        if (characterCount(folded) >= kFewestNameCharacters) {
-            add("n:" + folded);
+        key.assign("n:");
+        foldInto(key, joined);
+        const auto name = trimAsciiSpace(std::string_view(key).substr(2));
+        if (characterCount(name) >= kFewestNameCharacters) {
+            key.replace(2, std::string::npos, std::string(name));
+            add(std::string_view(key));
         }
     }
     for (const std::string_view number : person.phoneNumbers) {
-        auto digits = phoneKey(number);
-        if (digits.size() >= kFewestPhoneDigits) {
-            add("p:" + digits);
+        key.assign("p:");
+        for (const char c : number) {
+            if (c >= '0' && c <= '9') {
+                key.push_back(c);
+            }
+        }
+        if (key.size() - 2 > kPhoneDigits) {
+            key.erase(2, key.size() - 2 - kPhoneDigits);
+        }
+        if (key.size() - 2 >= kFewestPhoneDigits) {
+            add(std::string_view(key));
         }
     }
     for (const std::string_view address : person.emailAddresses) {
-        auto key = emailKey(address);
-        if (key.find('@') != std::string::npos) {
-            add("e:" + key);
+        key.assign("e:");
+        for (const char c : trimAsciiSpace(address)) {
+            key.push_back(asciiLower(c));
+        }
+        if (key.find('@', 2) != std::string::npos) {
+            add(std::string_view(key));
         }
     }
 }
@@ -97,66 +114,112 @@ struct UnionFind {
     }
 };
 
+// One key of one person. Keys are compared by a 64-bit hash of their text:
+// among the few hundred thousand keys of the largest address book a false
+// match is about as likely as a disk error, and it would only suggest a
+// group, never merge one.
+struct KeyEntry {
+    std::uint64_t hash;
+    std::uint32_t index;
+    std::uint8_t reason;
+};
+
+// The entries in order of hash, then index. One counting pass on the top 16
+// bits of the hash spreads them into buckets of a few entries each, which are
+// then sorted on their own: near linear, where one sort of everything was a
+// good part of the time at 100,000 people.
+std::vector<KeyEntry> sortedByKey(std::vector<KeyEntry> entries) {
+    constexpr int kBucketBits = 16;
+    std::vector<std::uint32_t> starts((1U << kBucketBits) + 1, 0);
+    const auto bucketOf = [](const KeyEntry& entry) { return entry.hash >> (64 - kBucketBits); };
+    for (const auto& entry : entries) {
+        ++starts[bucketOf(entry) + 1];
+    }
+    for (std::size_t i = 1; i < starts.size(); ++i) {
+        starts[i] += starts[i - 1];
+    }
+    std::vector<KeyEntry> sorted(entries.size());
+    auto next = starts;
+    for (const auto& entry : entries) {
+        sorted[next[bucketOf(entry)]++] = entry;
+    }
+    for (std::size_t bucket = 0; bucket + 1 < starts.size(); ++bucket) {
+        std::sort(sorted.begin() + starts[bucket], sorted.begin() + starts[bucket + 1],
+                  [](const KeyEntry& a, const KeyEntry& b) {
+                      return a.hash != b.hash ? a.hash < b.hash : a.index < b.index;
+                  });
+    }
+    return sorted;
+}
+
 template <typename At>
 std::vector<DuplicateGroup> findGroupsOf(std::size_t count, At at) {
-    std::unordered_map<std::string, std::vector<std::uint32_t>> byKey;
-    byKey.reserve(count * 2);
+    std::vector<KeyEntry> entries;
+    entries.reserve(count * 3);
+    std::string joined;
+    std::string key;
     for (std::size_t index = 0; index < count; ++index) {
-        forEachKey(at(index), [&](std::string key) {
-            auto& indexes = byKey[std::move(key)];
-            // A person adds each key once, however many entries give it.
-            if (indexes.empty() || indexes.back() != index) {
-                indexes.push_back(static_cast<std::uint32_t>(index));
-            }
+        forEachKey(at(index), joined, key, [&](std::string_view text) {
+            entries.push_back(
+                {std::hash<std::string_view>{}(text), static_cast<std::uint32_t>(index), reasonOf(text)});
         });
     }
+    entries = sortedByKey(std::move(entries));
 
     UnionFind sets(count);
-    std::unordered_map<std::uint32_t, std::uint8_t> reasons;
-    std::unordered_map<std::uint32_t, std::vector<const std::string*>> keys;
-    for (const auto& [key, indexes] : byKey) {
-        if (indexes.size() < 2 || indexes.size() > kMostPeoplePerKey) {
-            continue;
-        }
-        const auto reason = reasonOf(key);
-        for (const auto index : indexes) {
-            const auto first = sets.find(indexes.front());
-            const auto root = sets.find(index);
-            if (root != first) {
-                sets.parent[root] = first;
+    std::vector<std::uint8_t> reasons(count, 0);
+    std::vector<std::uint32_t> holders;
+    for (std::size_t start = 0; start < entries.size();) {
+        std::size_t end = start;
+        holders.clear();
+        while (end < entries.size() && entries[end].hash == entries[start].hash) {
+            // A person adds each key once, however many entries give it.
+            if (holders.empty() || holders.back() != entries[end].index) {
+                holders.push_back(entries[end].index);
             }
-            reasons[index] |= reason;
+            ++end;
         }
-        keys[indexes.front()].push_back(&key);
+        if (holders.size() >= 2 && holders.size() <= kMostPeoplePerKey) {
+            for (const auto index : holders) {
+                const auto first = sets.find(holders.front());
+                const auto root = sets.find(index);
+                if (root != first) {
+                    sets.parent[root] = first;
+                }
+                reasons[index] |= entries[start].reason;
+            }
+        }
+        start = end;
     }
 
-    // Only people who shared a key can be in a group: collect those alone.
-    std::map<std::uint32_t, std::vector<std::uint32_t>> members;
-    std::vector<std::uint32_t> linked;
-    linked.reserve(reasons.size());
-    for (const auto& [index, reason] : reasons) {
-        linked.push_back(index);
-    }
-    std::sort(linked.begin(), linked.end());
-    for (const auto index : linked) {
-        members[sets.find(index)].push_back(index);
+    // Only people who shared a key can be in a group: collect those alone,
+    // in index order.
+    std::vector<std::vector<std::uint32_t>> members;
+    std::unordered_map<std::uint32_t, std::size_t> slotOfRoot;
+    for (std::uint32_t index = 0; index < count; ++index) {
+        if (reasons[index] == 0) {
+            continue;
+        }
+        const auto [slot, added] = slotOfRoot.try_emplace(sets.find(index), members.size());
+        if (added) {
+            members.emplace_back();
+        }
+        members[slot->second].push_back(index);
     }
 
     std::vector<DuplicateGroup> groups;
-    for (const auto& [root, indexes] : members) {
+    for (const auto& indexes : members) {
         if (indexes.size() < 2) {
             continue;
         }
         DuplicateGroup group;
         std::uint8_t all = 0;
-        std::set<std::string> groupKeys;
+        std::vector<std::string> memberKeys;
         for (const auto index : indexes) {
             group.people.push_back(at(index));
             all |= reasons[index];
-            if (auto found = keys.find(index); found != keys.end()) {
-                for (const auto* key : found->second) {
-                    groupKeys.insert(*key);
-                }
+            for (auto& text : Duplicates::keysOf(at(index))) {
+                memberKeys.push_back(std::move(text));
             }
         }
         for (const auto& [reason, text] : {std::pair{Reason::email, DuplicateGroup::sameEmail},
@@ -166,7 +229,14 @@ std::vector<DuplicateGroup> findGroupsOf(std::size_t count, At at) {
                 group.reasons.emplace_back(text);
             }
         }
-        group.keys.assign(groupKeys.begin(), groupKeys.end());
+        // The keys two or more of them hold, each once, sorted.
+        std::sort(memberKeys.begin(), memberKeys.end());
+        for (std::size_t i = 1; i < memberKeys.size(); ++i) {
+            if (memberKeys[i] == memberKeys[i - 1] &&
+                (group.keys.empty() || group.keys.back() != memberKeys[i])) {
+                group.keys.push_back(memberKeys[i]);
+            }
+        }
         groups.push_back(std::move(group));
     }
 
@@ -232,9 +302,11 @@ std::vector<DuplicateGroup> findGroups(std::span<const PersonPtr> people) {
 
 std::vector<std::string> keysOf(const Person& person) {
     std::vector<std::string> keys;
-    forEachKey(person, [&](std::string key) {
-        if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
-            keys.push_back(std::move(key));
+    std::string joined;
+    std::string key;
+    forEachKey(person, joined, key, [&](std::string_view text) {
+        if (std::find(keys.begin(), keys.end(), text) == keys.end()) {
+            keys.emplace_back(text);
         }
     });
     return keys;
