@@ -5,6 +5,7 @@
 #include "Kinbook/DuplicatesWindow.h"
 #include "Kinbook/HeadingsColumn.h"
 #include "Kinbook/HelpCommands.h"
+#include "Kinbook/MergeSheet.h"
 #include "Kinbook/PeopleTable.h"
 #include "Kinbook/PeopleTableModel.h"
 #include "Kinbook/QtText.h"
@@ -259,6 +260,12 @@ void MainWindow::buildMenus() {
     find->setShortcut(QKeySequence::Find);
     view->addMenu(m_sortMenu);
     view->addAction("Find Duplicates…", this, [this] { findDuplicates()->open(); });
+    QAction* merge = view->addAction("Merge", this, [this] {
+        if (auto* sheet = mergeSelected()) {
+            sheet->open();
+        }
+    });
+    merge->setObjectName("MergeAction");
     view->addSeparator();
     m_headingsAction = view->addAction(QString(), this, [this] { setHeadingsPreferred(!m_showHeadings); });
     m_headingsAction->setObjectName("HeadingsAction");
@@ -278,6 +285,19 @@ DuplicatesWindow* MainWindow::findDuplicates() {
                                         m_keepMergedPhotos, this);
     window->setAttribute(Qt::WA_DeleteOnClose);
     return window;
+}
+
+MergeSheet* MainWindow::mergeSelected() {
+    std::vector<std::string> ids;
+    for (const QString& id : m_table->selectedIDs()) {
+        ids.push_back(id.toStdString());
+    }
+    if (ids.size() < 2) {
+        return nullptr;
+    }
+    auto* sheet = new MergeSheet(m_list, std::move(ids), m_keepMergedPhotos, this);
+    sheet->setAttribute(Qt::WA_DeleteOnClose);
+    return sheet;
 }
 
 void MainWindow::showWelcome(const QString& text, const QString& buttonText) {

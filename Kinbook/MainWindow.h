@@ -23,6 +23,7 @@ namespace kinbook {
 class AppLog;
 class ContactPage;
 class DuplicatesWindow;
+class MergeSheet;
 class HeadingsColumn;
 class HelpCommands;
 class PeopleTable;
@@ -86,6 +87,9 @@ public:
     void setDuplicatesSupport(std::optional<std::filesystem::path> answersFile, MergePhotoKeeper keepPhotos);
     // Opens the duplicates list ("Find Duplicates…"); the window, for tests.
     DuplicatesWindow* findDuplicates();
+    // The merge sheet for the people selected in the list ("Merge"); null
+    // with fewer than two selected.
+    MergeSheet* mergeSelected();
     QAction* headingsAction() const { return m_headingsAction; }
     QLabel* statusLabel() const { return m_status; }
 

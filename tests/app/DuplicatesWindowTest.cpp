@@ -5,6 +5,8 @@
 
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/MergeSheet.h"
+#include "Kinbook/PeopleTable.h"
+#include "Kinbook/PeopleTableModel.h"
 #include "Kinbook/QtMainExecutor.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
@@ -145,6 +147,32 @@ TEST_F(DuplicatesWindowTest, NotDuplicatesIsRememberedAndTheEmptyListSaysSo) {
     auto* again = openDuplicates();
     EXPECT_TRUE(again->shownGroups().empty());
     EXPECT_EQ(again->windowTitle(), "Duplicates (0)");
+}
+
+TEST_F(DuplicatesWindowTest, PeopleSelectedInTheListAreMergedFromTheSheetDirectly) {
+    EXPECT_EQ(window->mergeSelected(), nullptr);
+    auto* model = window->tableModel();
+    ASSERT_TRUE(runEventsUntil([&] { return model->rowOf("D") && model->rowOf("E"); }));
+    auto* selection = window->table()->selectionModel();
+    for (const auto* id : {"D", "E"}) {
+        selection->select(model->index(*model->rowOf(id)),
+                          QItemSelectionModel::Select | QItemSelectionModel::Rows);
+    }
+    auto* sheet = window->mergeSelected();
+    ASSERT_NE(sheet, nullptr);
+    ASSERT_TRUE(runEventsUntil([&] { return sheet->isReady(); }));
+    ASSERT_EQ(sheet->cards().size(), 2U);
+    EXPECT_TRUE(sheet->planLabel()->isHidden()); // one card in each account: nothing is removed
+    sheet->choosePrimary("E");
+    EXPECT_EQ(sheet->cards().front().id, "E");
+    sheet->mergeButton()->click();
+    ASSERT_TRUE(runEventsUntil([&] {
+        const auto merged = list->person("D");
+        return merged && merged->memberIDs.size() == 2;
+    }));
+    EXPECT_EQ(list->person("D")->kinID, list->person("E")->kinID);
+    EXPECT_TRUE(fs::exists(root() / "home" / "D.vcf"));
+    EXPECT_TRUE(fs::exists(root() / "work" / "E.vcf"));
 }
 
 } // namespace
