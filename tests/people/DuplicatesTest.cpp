@@ -252,6 +252,39 @@ TEST_F(MergeTest, CardsStayInTheirAccountsAndAnAccountWithTwoKeepsOne) {
     EXPECT_THAT(m_vdir.log(), HasSubstr("merged 3 cards, kept 2"));
 }
 
+TEST_F(MergeTest, TheChosenPictureLeadsOnEveryKeptCardAndEveryPictureIsKept) {
+    ScriptedBook scripted(m_vdir.options());
+    const auto bytesOf = [](const std::string& name) {
+        const auto text = readFile(std::filesystem::path(KINBOOK_TESTDATA_DIR) / "photos" / name);
+        return std::vector<std::uint8_t>(text.begin(), text.end());
+    };
+    const auto astronaut = bytesOf("astronaut.png");
+    const auto coffee = bytesOf("coffee.png");
+    ASSERT_TRUE(scripted.book.setPhoto(std::vector<std::string>{"A"}, astronaut).ok());
+    ASSERT_TRUE(scripted.book.setPhoto(std::vector<std::string>{"B"}, coffee).ok());
+
+    const auto cards = remaining();
+    auto choices = choicesFor(scripted.book, scripted, cards);
+    choices.photoCardID = "B"; // the removed card's picture may lead
+    std::vector<std::vector<std::uint8_t>> kept;
+    std::string keptFor;
+    choices.keepPhotos =
+        [&](const std::string& kinID, const std::string&, const std::vector<std::string>&,
+            const std::vector<std::vector<std::uint8_t>>& pictures) -> Result<void, std::string> {
+        // Asked before any card is deleted: B's picture is still there to keep.
+        EXPECT_TRUE(std::filesystem::exists(m_vdir.root() / "icloud" / "B.vcf"));
+        kept = pictures;
+        keptFor = kinID;
+        return {};
+    };
+    const auto merged = runMerge(scripted.book, cards, choices, *m_vdir.kinLog());
+    ASSERT_TRUE(merged.ok()) << merged.error().description();
+    EXPECT_EQ(scripted.book.image("A").value(), coffee);
+    EXPECT_EQ(scripted.book.image("C").value(), coffee);
+    EXPECT_EQ(kept, (std::vector<std::vector<std::uint8_t>>{astronaut, coffee}));
+    EXPECT_EQ(keptFor, merged->kinID);
+}
+
 // Fails the n-th change the merge asks of the store, as a full disk or a
 // sync run holding a file would.
 class FailingBook final : public AddressBook {
