@@ -7,7 +7,6 @@
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QPointer>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QVBoxLayout>
@@ -50,7 +49,17 @@ DuplicatesWindow::DuplicatesWindow(PeopleList& list, Executor& main, Executor& b
     connect(done, &QPushButton::clicked, this, &QDialog::accept);
     layout->addWidget(buttons);
     resize(560, 640);
+    // The groups follow the list: a card changed anywhere may make or break one.
+    m_observer = m_list.observe([this](PeopleChanges changes) {
+        if (changes.contains(PeopleChange::people)) {
+            refresh();
+        }
+    });
     refresh();
+}
+
+DuplicatesWindow::~DuplicatesWindow() {
+    m_list.unobserve(m_observer);
 }
 
 void DuplicatesWindow::refresh() {
@@ -67,13 +76,13 @@ void DuplicatesWindow::refresh() {
     const auto search = ++m_search;
     // The finder is pure: it runs in the background over the people as they
     // are now, and a newer search wins.
-    m_background.post([main = &m_main, alive = std::weak_ptr<int>(m_alive),
-                       self = QPointer<DuplicatesWindow>(this), people = std::move(people),
-                       search]() mutable {
+    // The window's life is checked on the GUI thread, where it ends.
+    m_background.post([main = &m_main, alive = std::weak_ptr<int>(m_alive), self = this,
+                       people = std::move(people), search]() mutable {
         auto groups = std::make_shared<std::vector<DuplicateGroup>>(
             Duplicates::findGroups(std::span<const PersonPtr>(people)));
         main->post([alive, self, groups, search] {
-            if (alive.lock() && self && self->m_search == search) {
+            if (alive.lock() && self->m_search == search) {
                 self->showGroups(std::move(*groups));
             }
         });

@@ -31,6 +31,7 @@ public:
     DuplicatesWindow(PeopleList& list, Executor& main, Executor& background,
                      std::optional<std::filesystem::path> answersFile, MergePhotoKeeper keepPhotos,
                      QWidget* parent = nullptr);
+    ~DuplicatesWindow() override;
 
     // Looks for the groups again (after a merge, or when the list changed).
     void refresh();
@@ -56,6 +57,7 @@ private:
     std::vector<DuplicateGroup> m_shown;
     std::shared_ptr<int> m_alive = std::make_shared<int>(0);
     std::uint64_t m_search = 0;
+    std::uint64_t m_observer = 0;
     bool m_searching = false;
 
     QLabel* m_status = nullptr;
