@@ -97,9 +97,10 @@ public:
     // Marks the entry former (or current again): `entry` is its id or its value.
     void setFormer(const Person& person, const std::string& entry, bool former);
 
-private:
-    // Runs the main actor until `finished` holds.
+    // Runs the main actor until `finished` holds (a command driving the list itself).
     void waitUntil(const std::function<bool()>& finished);
+
+private:
     // Fails with the action's message when it was refused.
     void check(const std::optional<std::string>& failure);
 

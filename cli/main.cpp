@@ -7,6 +7,7 @@
 #include "cli/PeopleCommands.h"
 #include "cli/PhotoCommands.h"
 #include "cli/ToolOptions.h"
+#include "cli/TrashCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addPeopleCommands(app, options);
     kinbook::cli::addPhotoCommands(app, options);
     kinbook::cli::addMergeCommands(app, options);
+    kinbook::cli::addTrashCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {

@@ -47,8 +47,9 @@ void addLabeled(std::vector<std::string>& lines, std::string_view element, std::
 }
 
 std::string personLine(std::string_view cardID) {
-    // Identifiers are the store's own and go in as they are.
-    return fmt::format("  set p to person id \"{}\"", cardID);
+    // An id comes from a card's UID, which anyone who sends a vCard writes:
+    // it is text like any other and goes in quoted.
+    return "  set p to person id " + ContactsAppScript::quote(cardID);
 }
 
 std::string trimmedText(const VCardProperty& property) {
@@ -173,8 +174,8 @@ std::string ContactsAppScript::updateScript(std::string_view body) {
 
 std::string ContactsAppScript::deleteScript(std::string_view cardID) {
     return fmt::format("with timeout of 30 seconds\ntell application \"Contacts\"\n  delete person id "
-                       "\"{}\"\n  save\nend tell\nend timeout",
-                       cardID);
+                       "{}\n  save\nend tell\nend timeout",
+                       quote(cardID));
 }
 
 std::string ContactsAppScript::readNotesScript(std::span<const std::string> cardIDs) {
@@ -182,7 +183,7 @@ std::string ContactsAppScript::readNotesScript(std::span<const std::string> card
                                    "  set out to {}"};
     for (const auto& id : cardIDs) {
         lines.push_back("  try");
-        lines.push_back(fmt::format("    set n to note of person id \"{}\"", id));
+        lines.push_back("    set n to note of person id " + quote(id));
         lines.push_back("    if n is missing value then set n to \"\"");
         lines.push_back("  on error");
         lines.push_back("    set n to \"\"");

@@ -111,8 +111,9 @@ public:
         static Card read(const VCard& card, std::string_view cardID);
     };
 
-    // Builders. Every text value is quoted (quote); labels are written as
-    // their localised names, "other" for none (labelText).
+    // Builders. Every text value, card ids included, is quoted (quote): no
+    // text from a card ever becomes part of a script's statements. Labels
+    // are written as their localised names, "other" for none (labelText).
 
     // The lines for one card: "  set p to person id …" and then the lines
     // of each chosen group, in the order of Fields. This is the `body` of a

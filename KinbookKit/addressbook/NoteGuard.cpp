@@ -27,26 +27,38 @@ std::mutex& heldNotesLock() {
     return lock;
 }
 
-// The file's notes; a missing, empty or damaged file, or one that isn't an
-// object of texts, holds nothing (entries that aren't texts are skipped).
-HeldNotes readHeldNotes(const std::filesystem::path& file) {
+// The whole file: an object of address books, each an object of card id to
+// note text. A missing, empty or damaged file, or one that isn't an object,
+// holds nothing.
+nlohmann::json readHeldFile(const std::filesystem::path& file) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error)) {
-        return {};
+        return nlohmann::json::object();
     }
     std::string text;
     try {
         std::ifstream in(file, std::ios::binary);
         text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     } catch (const std::exception&) {
-        return {}; // a read error (the stream library reports some by throwing)
+        return nlohmann::json::object(); // a read error (the stream library reports some by throwing)
     }
-    const auto document = nlohmann::json::parse(text, nullptr, false);
-    HeldNotes notes;
+    auto document = nlohmann::json::parse(text, nullptr, false);
     if (document.is_discarded() || !document.is_object()) {
+        return nlohmann::json::object();
+    }
+    return document;
+}
+
+// One address book's notes in the file; entries that aren't texts are
+// skipped. Entries of other books (and of the older file that had no books,
+// whose cards can't be told apart) are never this book's.
+HeldNotes notesOf(const nlohmann::json& document, const std::string& book) {
+    HeldNotes notes;
+    const auto found = document.find(book);
+    if (found == document.end() || !found->is_object()) {
         return notes;
     }
-    for (const auto& [id, note] : document.items()) {
+    for (const auto& [id, note] : found->items()) {
         if (note.is_string()) {
             notes.emplace(id, note.get<std::string>());
         }
@@ -54,10 +66,15 @@ HeldNotes readHeldNotes(const std::filesystem::path& file) {
     return notes;
 }
 
-bool writeHeldNotes(const std::filesystem::path& file, const HeldNotes& notes) {
+bool writeHeldFile(const std::filesystem::path& file, nlohmann::json& document, const std::string& book,
+                   const HeldNotes& notes) {
+    if (notes.empty()) {
+        document.erase(book);
+    } else {
+        document[book] = nlohmann::json(notes);
+    }
     std::error_code error;
     std::filesystem::create_directories(file.parent_path(), error);
-    const nlohmann::json document(notes);
     return writeFileAtomically(
         file, document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n", 0600);
 }
@@ -92,25 +109,30 @@ std::filesystem::path NoteGuard::defaultFile() {
     return folder / fileName;
 }
 
+std::string NoteGuard::bookKey(const std::filesystem::path& root) {
+    return std::filesystem::absolute(root).lexically_normal().string();
+}
+
 NoteGuard::NoteGuard(std::filesystem::path file, std::shared_ptr<KinLog> log,
-                     std::function<bool(Step)> stepHook)
+                     std::function<bool(Step)> stepHook, std::string book)
     : m_file(std::move(file)), m_log(log ? std::move(log) : std::make_shared<KinLog>("store")),
-      m_stepHook(std::move(stepHook)) {}
+      m_stepHook(std::move(stepHook)), m_book(std::move(book)) {}
 
 HeldNotes NoteGuard::held() const {
     std::lock_guard lock(heldNotesLock());
-    return readHeldNotes(m_file);
+    return notesOf(readHeldFile(m_file), m_book);
 }
 
 bool NoteGuard::change(const std::function<void(HeldNotes&)>& edit) {
     std::lock_guard lock(heldNotesLock());
-    HeldNotes notes = readHeldNotes(m_file);
+    nlohmann::json document = readHeldFile(m_file);
+    HeldNotes notes = notesOf(document, m_book);
     const HeldNotes before = notes;
     edit(notes);
     if (notes == before && std::filesystem::exists(m_file)) {
         return true;
     }
-    return writeHeldNotes(m_file, notes);
+    return writeHeldFile(m_file, document, m_book, notes);
 }
 
 bool NoteGuard::hold(const HeldNotes& notes) {
@@ -207,17 +229,39 @@ NoteGuard::liftWhile(std::span<const std::string> cardIDs, ContactsAppScript& sc
     return notes.size();
 }
 
-std::size_t NoteGuard::restoreHeld(ContactsAppScript& script) {
+std::size_t NoteGuard::restoreHeld(ContactsAppScript& script, std::vector<std::string>* keptBoth) {
     const HeldNotes notes = held();
     std::size_t restored = 0;
     for (const auto& [id, note] : notes) {
         // One card at a time, so that one card that is gone doesn't keep
         // the others' notes from coming back.
-        const std::vector<NoteChange> putBack{{id, note}};
-        const auto result = script.setNotes(putBack);
-        if (!result.ok()) {
-            m_log->error("couldn't restore a held note: " + result.error().description());
+        const std::vector<std::string> ids{id};
+        const auto onCard = script.readNotes(ids);
+        if (!onCard.ok()) {
+            m_log->error("couldn't restore a held note: " + onCard.error().description());
             continue;
+        }
+        const std::string& now = onCard.value().front();
+        // The held note goes back only where the card's note is still the
+        // lifted one (none). A note written since is the user's too: both
+        // are kept, the newer first, and the user is told.
+        std::optional<std::string> restoredNote;
+        if (now.empty()) {
+            restoredNote = note;
+        } else if (now != note) {
+            restoredNote = now + "\n\n" + note;
+            m_log->info(fmt::format("held note kept beside a newer one ({})", id));
+            if (keptBoth != nullptr) {
+                keptBoth->push_back(id);
+            }
+        }
+        if (restoredNote) {
+            const std::vector<NoteChange> putBack{{id, restoredNote}};
+            const auto result = script.setNotes(putBack);
+            if (!result.ok()) {
+                m_log->error("couldn't restore a held note: " + result.error().description());
+                continue;
+            }
         }
         // Released only if nothing held the card anew in the meantime.
         change([&](HeldNotes& current) {

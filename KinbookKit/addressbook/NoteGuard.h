@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kinbook {
 
@@ -18,9 +19,10 @@ namespace kinbook {
 // refuses on a card with a note (a new contact photo).
 //
 // A lifted note lives in the held-notes file, "notes-in-flight.json" (one
-// JSON object: card id to note text), from just before it is cleared until
-// just after it is set back. A crash in between leaves it there, and
-// restoreHeld() puts it back at the next start. Every read-modify-write of
+// JSON object: address book to an object of card id to note text), from
+// just before it is cleared until just after it is set back. A crash in
+// between leaves it there, and restoreHeld() puts it back at the next start,
+// into the address book it was lifted from and no other. Every read-modify-write of
 // the file happens under one process-wide lock and replaces the file
 // atomically; a missing, empty or damaged file holds nothing.
 //
@@ -41,6 +43,9 @@ public:
     static constexpr std::string_view fileName = "notes-in-flight.json";
     // What the application tells the user when held notes were put back.
     static constexpr std::string_view restoredMessage = "Restored after a crash";
+    // ... and when a card's note changed while its old one was held.
+    static constexpr std::string_view bothKeptMessage =
+        "A note held after a crash differs from the card's note now; both were kept, the newer first";
 
     // "$XDG_DATA_HOME/kinbook/notes-in-flight.json", else
     // "~/.local/share/kinbook/notes-in-flight.json".
@@ -48,9 +53,13 @@ public:
 
     // `log` gets the lines of lifting and recovery; `stepHook`, for tests,
     // runs after each step and stops the sequence right there (as a crash
-    // would, with no clean-up) when it returns false.
+    // would, with no clean-up) when it returns false. `book` names the
+    // address book (its folder) whose notes this guard holds.
     NoteGuard(std::filesystem::path file, std::shared_ptr<KinLog> log,
-              std::function<bool(Step)> stepHook = {});
+              std::function<bool(Step)> stepHook = {}, std::string book = {});
+
+    // The name the held-notes file knows the address book at `root` by.
+    static std::string bookKey(const std::filesystem::path& root);
 
     const std::filesystem::path& file() const { return m_file; }
 
@@ -75,8 +84,10 @@ public:
 
     // Sets every held note back on its card, one card at a time, releasing
     // each one restored; a note that can't be restored stays held for a later
-    // attempt. Returns the number restored.
-    std::size_t restoreHeld(ContactsAppScript& script);
+    // attempt. A card whose note is no longer the lifted one (it has one
+    // again) keeps it and takes the held note below it; its id goes to
+    // `keptBoth`. Returns the number restored.
+    std::size_t restoreHeld(ContactsAppScript& script, std::vector<std::string>* keptBoth = nullptr);
 
 private:
     bool reached(Step step) const { return !m_stepHook || m_stepHook(step); }
@@ -85,6 +96,7 @@ private:
     std::filesystem::path m_file;
     std::shared_ptr<KinLog> m_log;
     std::function<bool(Step)> m_stepHook;
+    std::string m_book;
 };
 
 } // namespace kinbook

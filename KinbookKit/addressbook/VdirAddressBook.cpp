@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <fmt/core.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,24 +38,36 @@ bool isCardFileName(const std::string& name) {
     return !isHidden(name) && name.size() > 4 && name.ends_with(".vcf");
 }
 
+// What tells one version of a card file from another: a rewrite by anyone
+// (sync, an editor, a second Kinbook) replaces the inode or changes the size
+// or the modification time.
 struct FileStamp {
+    dev_t device = 0;
     ino_t inode = 0;
     off_t size = 0;
     std::int64_t mtimeNs = 0;
     bool operator==(const FileStamp&) const = default;
 };
 
+FileStamp stampFrom(const struct stat& info) {
+    return FileStamp{info.st_dev, info.st_ino, info.st_size,
+                     static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec};
+}
+
 std::optional<FileStamp> stampOf(const fs::path& path) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) {
         return std::nullopt;
     }
-    return FileStamp{info.st_ino, info.st_size,
-                     static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec};
+    return stampFrom(info);
 }
 
 // The whole file; none when it can't be read (gone, unreadable, too large).
-std::optional<std::string> readWholeFile(const fs::path& path, std::string* problem = nullptr) {
+// `stamp` gets the stamp of the very file that was read, from its open
+// descriptor: a stamp taken by name after the read could be a later
+// rewrite's, whose change a save would then overwrite unseen.
+std::optional<std::string> readWholeFile(const fs::path& path, std::string* problem = nullptr,
+                                         FileStamp* stamp = nullptr) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         if (problem) {
@@ -86,8 +99,30 @@ std::optional<std::string> readWholeFile(const fs::path& path, std::string* prob
     }
     // The file may have shrunk since fstat; keep what was there.
     bytes.resize(got);
+    if (stamp != nullptr) {
+        // Taken again after the read: a write in place (same inode) during
+        // the read shows as a stamp the file no longer has, and the save
+        // that follows is refused rather than built on torn bytes.
+        struct stat after {};
+        *stamp = ::fstat(fd, &after) == 0 ? stampFrom(after) : FileStamp{};
+        if (*stamp != stampFrom(info)) {
+            *stamp = FileStamp{};
+        }
+    }
     ::close(fd);
     return bytes;
+}
+
+// The lock file of the address book at `root`: one per book in Kinbook's
+// state folder, named by the book's folder so that every process finds the
+// same one.
+fs::path lockFileFor(const fs::path& stateFolder, const fs::path& root) {
+    const std::string key = fs::absolute(root).lexically_normal().string();
+    std::uint64_t hash = 1469598103934665603ull; // FNV-1a: stable across runs and builds
+    for (const unsigned char c : key) {
+        hash = (hash ^ c) * 1099511628211ull;
+    }
+    return stateFolder / "locks" / fmt::format("{:016x}.lock", hash);
 }
 
 // How a full read fared with one listed file.
@@ -265,13 +300,50 @@ struct VdirAddressBook::Loaded {
     CardFile file;
     std::string bytes;
     VCard card;
+    FileStamp stamp; // of the bytes read
 };
+
+// Kinbook's own read-modify-write of one address book, one at a time: the
+// process's writers through the mutex, other Kinbook processes through an
+// flock on the book's lock file. Reads take neither.
+struct VdirAddressBook::WriteLock {
+    std::unique_lock<std::mutex> local;
+    int fd = -1;
+
+    WriteLock(std::mutex& mutex, const fs::path& lockFile) : local(mutex) {
+        if (lockFile.empty()) {
+            return;
+        }
+        std::error_code error;
+        fs::create_directories(lockFile.parent_path(), error);
+        fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        // Without a lock file (a read-only state folder) writes still go
+        // one at a time in this process and each is checked by its stamp.
+        while (fd >= 0 && ::flock(fd, LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                ::close(fd);
+                fd = -1;
+            }
+        }
+    }
+    ~WriteLock() {
+        if (fd >= 0) {
+            ::close(fd); // releases the flock
+        }
+    }
+    WriteLock(const WriteLock&) = delete;
+    WriteLock& operator=(const WriteLock&) = delete;
+};
+
+VdirAddressBook::WriteLock VdirAddressBook::lockForWriting() {
+    return WriteLock(m_writeMutex, m_lockFile);
+}
 
 VdirAddressBook::VdirAddressBook(Options options)
     : m_options(std::move(options)), m_log(m_options.log ? m_options.log : std::make_shared<KinLog>("store")),
       m_entries(m_options.stateFolder.empty() ? fs::path() : m_options.stateFolder / "entry-ids.json"),
       m_noteGuard(m_options.heldNotesFile.empty() ? NoteGuard::defaultFile() : m_options.heldNotesFile, m_log,
-                  m_options.noteStep) {
+                  m_options.noteStep, NoteGuard::bookKey(m_options.root)) {
     if (!m_options.pauseBeforeRetry) {
         m_options.pauseBeforeRetry = [](std::chrono::milliseconds delay) {
             std::this_thread::sleep_for(delay);
@@ -285,6 +357,7 @@ VdirAddressBook::VdirAddressBook(Options options)
     }
     const fs::path stateFolder =
         m_options.stateFolder.empty() ? ChangeJournal::defaultStateFolder() : m_options.stateFolder;
+    m_lockFile = lockFileFor(stateFolder, m_options.root);
     ChangeJournal::Options journalOptions;
     journalOptions.scanThreads = m_options.readThreads;
     m_journal = std::make_unique<ChangeJournal>(
@@ -746,7 +819,11 @@ Result<VdirAddressBook::Loaded, AddressBookError> VdirAddressBook::load(std::str
         return failure(AddressBookError::notFound());
     }
     std::string problem;
-    auto bytes = readWholeFile(file->path, &problem);
+    FileStamp stamp;
+    auto bytes = readWholeFile(file->path, &problem, &stamp);
+    if (m_options.afterRead) {
+        m_options.afterRead(file->path);
+    }
     if (!bytes) {
         if (!fs::exists(file->path)) {
             return failure(AddressBookError::notFound());
@@ -758,7 +835,7 @@ Result<VdirAddressBook::Loaded, AddressBookError> VdirAddressBook::load(std::str
     if (!card.ok()) {
         return failure(AddressBookError::store(fmt::format("{} is not a vCard.", file->path.string())));
     }
-    return Loaded{*file, std::move(*bytes), std::move(card.value())};
+    return Loaded{*file, std::move(*bytes), std::move(card.value()), stamp};
 }
 
 Result<std::vector<Person>, AddressBookError>
@@ -845,7 +922,7 @@ Result<VdirAddressBook::EditStatus, AddressBookError> VdirAddressBook::editOnce(
         return failure(
             AddressBookError::store("This card's file holds several cards; Kinbook won't change it."));
     }
-    const auto before = stampOf(loaded->file.path);
+    const FileStamp before = loaded->stamp;
     VCard& card = loaded->card;
     const std::string id(cardID);
     ApplyResult kept;
@@ -874,8 +951,14 @@ Result<VdirAddressBook::EditStatus, AddressBookError> VdirAddressBook::editOnce(
     if (m_options.beforeCommit) {
         m_options.beforeCommit(loaded->file.path);
     }
-    // Never overwrite a change this save has not seen.
-    if (stampOf(loaded->file.path) != before) {
+    // Never overwrite a change this save has not seen, and never bring
+    // back a card someone deleted meanwhile.
+    const auto now = stampOf(loaded->file.path);
+    if (!now) {
+        discardPendingFile(pending);
+        return failure(AddressBookError::notFound());
+    }
+    if (*now != before) {
         discardPendingFile(pending);
         return EditStatus::conflict;
     }
@@ -896,7 +979,7 @@ Result<VdirAddressBook::EditStatus, AddressBookError> VdirAddressBook::editOnce(
 
 Result<void, AddressBookError> VdirAddressBook::editCard(std::string_view cardID, const Edit& edit,
                                                          const char* what) {
-    std::lock_guard writing(m_writeMutex);
+    const WriteLock writing = lockForWriting();
     for (int attempt = 0; attempt < 2; ++attempt) {
         auto status = editOnce(cardID, edit);
         if (!status.ok()) {
@@ -921,11 +1004,11 @@ bool VdirAddressBook::mayStage(const fs::path& file) const {
 
 Result<void, AddressBookError> VdirAddressBook::editCards(std::span<const std::string> cardIDs,
                                                           const Edit& edit, const char* what) {
-    std::lock_guard writing(m_writeMutex);
+    const WriteLock writing = lockForWriting();
     struct Staged {
         std::string id;
         Loaded loaded;
-        std::optional<FileStamp> stamp;
+        FileStamp stamp;
         PendingFile pending;
         std::string bytes;
         ApplyResult entries;
@@ -953,8 +1036,8 @@ Result<void, AddressBookError> VdirAddressBook::editCards(std::span<const std::s
             return fail(id, AddressBookError::store(
                                 "This card's file holds several cards; Kinbook won't change it."));
         }
-        Staged card{id, std::move(loaded.value()), std::nullopt, {}, {}, {}};
-        card.stamp = stampOf(card.loaded.file.path);
+        Staged card{id, std::move(loaded.value()), {}, {}, {}, {}};
+        card.stamp = card.loaded.stamp;
         {
             std::lock_guard lock(m_mutex);
             for (const auto& entry : cardEntries(card.loaded.card, id, m_entries)) {
@@ -984,7 +1067,11 @@ Result<void, AddressBookError> VdirAddressBook::editCards(std::span<const std::s
     }
     // Never overwrite a change this batch has not seen.
     for (const auto& card : staged) {
-        if (stampOf(card.loaded.file.path) != card.stamp) {
+        const auto now = stampOf(card.loaded.file.path);
+        if (!now) {
+            return fail(card.id, AddressBookError::notFound());
+        }
+        if (*now != card.stamp) {
             return fail(card.id, conflictError());
         }
     }
@@ -1085,7 +1172,7 @@ bool VdirAddressBook::nameLinksToNotedCard(const ContactDraft& draft) {
 
 Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& draft) {
     if (!draft.id) {
-        std::lock_guard writing(m_writeMutex);
+        const WriteLock writing = lockForWriting();
         if (!m_options.notesLocked || !nameLinksToNotedCard(draft)) {
             auto created = createFromDraft(draft);
             if (!created.ok()) {
@@ -1199,7 +1286,7 @@ Result<void, AddressBookError> VdirAddressBook::remove(std::span<const std::stri
     std::vector<std::string> noted;
     std::size_t removed = 0;
     {
-        std::lock_guard writing(m_writeMutex);
+        const WriteLock writing = lockForWriting();
         // Every card is first moved aside to a hidden name in its folder,
         // which readers pass over; only when all are aside do they go. A
         // failure moves them back, so the batch deletes all or nothing.
@@ -1302,7 +1389,7 @@ VdirAddressBook::importVCards(std::string_view vcards, std::optional<std::string
     if (!cards.ok()) {
         return failure(AddressBookError::store("The data holds no vCard."));
     }
-    std::lock_guard writing(m_writeMutex);
+    const WriteLock writing = lockForWriting();
     if (isReadOnly(*accountID)) {
         return failure(AddressBookError::readOnly());
     }
@@ -1535,9 +1622,16 @@ std::size_t VdirAddressBook::restoreHeldNotes() {
     if (m_noteGuard.held().empty()) {
         return 0;
     }
-    const std::size_t restored = m_noteGuard.restoreHeld(contactsApp());
+    std::vector<std::string> keptBoth;
+    const std::size_t restored = m_noteGuard.restoreHeld(contactsApp(), &keptBoth);
     if (restored > 0 && m_options.restoredAfterCrash) {
         m_options.restoredAfterCrash(restored);
+    }
+    if (!keptBoth.empty()) {
+        m_log->error(fmt::format("{} ({} cards)", NoteGuard::bothKeptMessage, keptBoth.size()));
+        if (m_options.bothNotesKept) {
+            m_options.bothNotesKept(keptBoth);
+        }
     }
     return restored;
 }
@@ -1566,7 +1660,7 @@ Result<void, AddressBookError> VdirAddressBook::scriptedEdit(std::string_view ca
 }
 
 Result<void, AddressBookError> VdirAddressBook::scriptedRemove(std::string_view cardID) {
-    std::lock_guard writing(m_writeMutex);
+    const WriteLock writing = lockForWriting();
     auto loaded = load(cardID);
     if (!loaded.ok()) {
         return failure(loaded.error());

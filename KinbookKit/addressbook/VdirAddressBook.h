@@ -61,6 +61,9 @@ public:
         // Told how many held notes were put back after a crash, so that the
         // application can say "Restored after a crash".
         std::function<void(std::size_t)> restoredAfterCrash;
+        // Told the cards whose note changed while an older one was held:
+        // each kept both (NoteGuard::bothKeptMessage).
+        std::function<void(const std::vector<std::string>&)> bothNotesKept;
         // Fault injection for tests: runs after each step of lifting notes
         // and stops right there, as a crash would, when it returns false.
         std::function<bool(NoteGuard::Step)> noteStep;
@@ -85,6 +88,9 @@ public:
         std::shared_ptr<FolderWatcher> watcher;
         // The "store" log; the default writes to the app log.
         std::shared_ptr<KinLog> log;
+        // Fault injection for tests: runs right after a card file was read
+        // for a change, before the change is made.
+        std::function<void(const std::filesystem::path&)> afterRead;
         // Fault injection for tests: runs after a save wrote its temporary
         // file and before the file is renamed into place.
         std::function<void(const std::filesystem::path&)> beforeCommit;
@@ -137,6 +143,10 @@ public:
     bool holdsNoCards() const;
 
     // For the scripting host, which plays the Contacts application.
+    // The file every Kinbook process locks (flock) around its changes to
+    // this address book, in the state folder's "locks".
+    const std::filesystem::path& lockFile() const { return m_lockFile; }
+
     Result<VCard, AddressBookError> scriptedRead(std::string_view cardID) override;
     Result<void, AddressBookError> scriptedEdit(std::string_view cardID,
                                                 const ScriptedCards::Edit& edit) override;
@@ -148,6 +158,9 @@ private:
         std::string accountID;
     };
     struct Loaded;
+    struct WriteLock;
+    // Takes the process's write mutex, then the address book's lock file.
+    WriteLock lockForWriting();
     enum class EditStatus { written, unchanged, conflict };
     // Changes a card in memory and says which identity each entry carries;
     // an empty result means every entry keeps the identity it had.
@@ -202,6 +215,8 @@ private:
     std::unique_ptr<ChangeJournal> m_journal;
     StoredEntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex
+    // Shared with every Kinbook process writing this address book (see WriteLock).
+    std::filesystem::path m_lockFile;
 
     // Notices wait here until the journal is next used. A notice arrives on
     // the caller's executor (the window's main thread); a scan holds m_mutex

@@ -95,6 +95,45 @@ using Statement = std::variant<SetPerson, SetName, DeleteEvery, MakeLabeled, Mak
                                ProfileIf, EmptyProfiles, DateIsNow, SetDatePart, SetBirthDate, SetNote, Save,
                                DeletePerson, StartList, TryReadNote, AppendNote>;
 
+// Whether statements are laid out as one of the three scripts the builders
+// make, and only those: a note-reading script (10 seconds: the list, then a
+// read and an append per card); a delete (30 seconds: one delete, then save);
+// an update (30 seconds: cards' lines, each card's starting with "set p to
+// person id", and one save at the end). Anything else, even made of the
+// right statements, was not written by Kinbook and does not run.
+bool isGeneratedShape(std::int64_t seconds, const std::vector<Statement>& statements) {
+    const auto is = [&](std::size_t i, auto tag) {
+        return i < statements.size() && std::holds_alternative<decltype(tag)>(statements[i]);
+    };
+    if (seconds == 10) {
+        if (!is(0, StartList{}) || statements.size() % 2 != 1) {
+            return false;
+        }
+        for (std::size_t i = 1; i < statements.size(); i += 2) {
+            if (!is(i, TryReadNote{}) || !is(i + 1, AppendNote{})) {
+                return false;
+            }
+        }
+        return true;
+    }
+    if (seconds != 30 || statements.size() < 2 || !is(statements.size() - 1, Save{})) {
+        return false;
+    }
+    if (is(0, DeletePerson{})) {
+        return statements.size() == 2;
+    }
+    if (!is(0, SetPerson{})) {
+        return false;
+    }
+    for (std::size_t i = 1; i + 1 < statements.size(); ++i) {
+        if (is(i, Save{}) || is(i, DeletePerson{}) || is(i, StartList{}) || is(i, TryReadNote{}) ||
+            is(i, AppendNote{})) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // ---------------------------------------------------------------------------
 // The parser: exact text, with backtracking between the forms.
 
@@ -115,6 +154,9 @@ public:
                 return std::nullopt;
             }
             statements.push_back(std::move(*next));
+        }
+        if (!isGeneratedShape(seconds, statements)) {
+            return std::nullopt;
         }
         return statements;
     }
@@ -167,19 +209,8 @@ private:
         return false; // no closing quote
     }
 
-    // A card id between quotes, as it is.
-    bool identifier(std::string& id) {
-        if (!take("\"")) {
-            return false;
-        }
-        const std::size_t end = m_text.find_first_of("\"\n", m_position);
-        if (end == std::string_view::npos || m_text[end] != '"' || end == m_position) {
-            return false;
-        }
-        id = std::string(m_text.substr(m_position, end - m_position));
-        m_position = end + 1;
-        return true;
-    }
+    // A card id: a string literal like any other text.
+    bool identifier(std::string& id) { return string(id) && !id.empty(); }
 
     bool integer(std::int64_t& value) {
         std::size_t digits = 0;

@@ -16,10 +16,11 @@ namespace kinbook {
 // ContactsAppScript builds against the address book's card files.
 //
 // It reads exactly the statement forms the builders write, with their
-// indentation, and nothing else: any other text, an escape other than \\ and
-// \" in a string, or a line out of place is a compile error, and a script
-// that does not compile changes nothing. Card ids are read between their
-// quotes as they are, as the builders write them.
+// indentation, laid out as one of the three scripts they make (update,
+// delete, note reading), and nothing else: any other text, an escape other
+// than \\ and \" in a string, or a line out of place is a compile error,
+// and a script that does not compile changes nothing. Card ids are string
+// literals like every other text.
 //
 // Running follows the application's rules: "set p to person id" fails at
 // once for a card that doesn't exist; changes are made to the cards only at

@@ -6,6 +6,7 @@
 #include "KinbookKit/people/PeopleLoader.h"
 #include "KinbookKit/people/PeopleMerge.h"
 #include "KinbookKit/people/PeopleOperations.h"
+#include "KinbookKit/people/PeopleTrash.h"
 #include "KinbookKit/people/ShownPeople.h"
 
 #include <chrono>
@@ -250,6 +251,23 @@ public:
     const std::optional<std::string>& actionError() const { return m_operations.actionError(); }
     void clearActionError() { m_operations.clearActionError(); }
 
+    // --- The Trash -----------------------------------------------------------
+
+    // Moves people to the Trash one by one (each leaves the list at once), brings
+    // one entry back, deletes entries for good; the entries, whether the Trash
+    // shows, and a batch's progress. See PeopleTrash.
+    PeopleTrash& trash() { return m_trash; }
+    const PeopleTrash& trash() const { return m_trash; }
+    void trash(std::vector<std::string> personIDs, std::function<void(TrashOutcome)> done) {
+        m_trash.trashPeople(std::move(personIDs), std::move(done));
+    }
+    void restore(std::string itemID, std::function<void(Result<RestoreOutcome, ActionError>)> done) {
+        m_trash.restore(std::move(itemID), std::move(done));
+    }
+    void emptyTrash(std::function<void(Result<std::size_t, std::string>)> done) {
+        m_trash.emptyTrash(std::move(done));
+    }
+
 private:
     // Declared in the order they are made; the parts hold the context, the
     // loader holds the shown people, the operations hold the loader.
@@ -257,6 +275,7 @@ private:
     ShownPeople m_shown;
     PeopleLoader m_loader;
     PeopleOperations m_operations;
+    PeopleTrash m_trash;
 };
 
 } // namespace kinbook

@@ -30,6 +30,7 @@ enum class PeopleChange : std::uint32_t {
     thumbnails = 1u << 9, // thumbnail() has new answers
     pastJobs = 1u << 10,
     index = 1u << 11,
+    trash = 1u << 15, // the Trash's entries, whether it shows, a batch's progress
 };
 
 class PeopleChanges {

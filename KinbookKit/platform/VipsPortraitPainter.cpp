@@ -1,12 +1,10 @@
 #include "KinbookKit/platform/VipsPortraitPainter.h"
 
-#include <dlfcn.h>
-#include <vips/vips.h>
+#include "KinbookKit/platform/VipsLibrary.h"
 
 #include <array>
 #include <memory>
 #include <string>
-#include <type_traits>
 
 #if defined(__SANITIZE_ADDRESS__)
 // Drawing the initials goes through pango to fontconfig, which keeps what it
@@ -21,83 +19,12 @@ namespace kinbook {
 
 namespace {
 
-// libvips and the hundred libraries it brings take longer to load than a
-// run of the tool from its cache takes to answer; only a first run that
-// paints portraits needs them, so they are opened then, by name.
-struct VipsCalls {
-    decltype(&vips_init) init = nullptr;
-    decltype(&vips_error_clear) errorClear = nullptr;
-    decltype(&vips_cache_set_max) cacheSetMax = nullptr;
-    decltype(&vips_xyz) xyz = nullptr;
-    decltype(&vips_extract_band) extractBand = nullptr;
-    decltype(&vips_add) add = nullptr;
-    decltype(&vips_linear1) linear1 = nullptr;
-    decltype(&vips_linear) linear = nullptr;
-    decltype(&vips_text) text = nullptr;
-    decltype(&vips_gravity) gravity = nullptr;
-    decltype(&vips_black) black = nullptr;
-    decltype(&vips_cast_uchar) castUchar = nullptr;
-    decltype(&vips_draw_circle) drawCircle = nullptr;
-    decltype(&vips_ifthenelse) ifthenelse = nullptr;
-    decltype(&vips_jpegsave_buffer) jpegsaveBuffer = nullptr;
-    decltype(&vips_image_get_width) imageGetWidth = nullptr;
-    decltype(&vips_image_get_height) imageGetHeight = nullptr;
-    decltype(&g_object_unref) objectUnref = nullptr;
-    decltype(&g_free) free = nullptr;
-};
-
-// The calls, with libvips started; none when it can't be opened or started.
-const VipsCalls* openVips() {
-    static const VipsCalls* const opened = []() -> const VipsCalls* {
-        // Never closed: libvips keeps process-wide state and threads.
-        void* library = ::dlopen("libvips.so.42", RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr) {
-            return nullptr;
-        }
-        static VipsCalls calls;
-        bool complete = true;
-        auto find = [&](auto& slot, const char* name) {
-            slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(::dlsym(library, name));
-            complete = complete && slot != nullptr;
-        };
-        find(calls.init, "vips_init");
-        find(calls.errorClear, "vips_error_clear");
-        find(calls.cacheSetMax, "vips_cache_set_max");
-        find(calls.xyz, "vips_xyz");
-        find(calls.extractBand, "vips_extract_band");
-        find(calls.add, "vips_add");
-        find(calls.linear1, "vips_linear1");
-        find(calls.linear, "vips_linear");
-        find(calls.text, "vips_text");
-        find(calls.gravity, "vips_gravity");
-        find(calls.black, "vips_black");
-        find(calls.castUchar, "vips_cast_uchar");
-        find(calls.drawCircle, "vips_draw_circle");
-        find(calls.ifthenelse, "vips_ifthenelse");
-        find(calls.jpegsaveBuffer, "vips_jpegsave_buffer");
-        find(calls.imageGetWidth, "vips_image_get_width");
-        find(calls.imageGetHeight, "vips_image_get_height");
-        find(calls.objectUnref, "g_object_unref");
-        find(calls.free, "g_free");
-        if (!complete || calls.init("kinbook") != 0) {
-            return nullptr;
-        }
-        // Portraits are painted once; an operation cache would only hold memory.
-        calls.cacheSetMax(0);
-        return &calls;
-    }();
-    return opened;
+// Only called once vips::open() has succeeded.
+const vips::Calls& calls() {
+    return *vips::open();
 }
 
-// Only called once openVips() has succeeded.
-const VipsCalls& calls() {
-    return *openVips();
-}
-
-struct ImageRelease {
-    void operator()(VipsImage* image) const { calls().objectUnref(image); }
-};
-using Image = std::unique_ptr<VipsImage, ImageRelease>;
+using vips::Image;
 
 Image adopt(VipsImage* image) {
     return Image(image);
@@ -156,8 +83,8 @@ Image initialsMask(std::string_view initials, int pixels) {
         return nullptr;
     }
     Image rendered = adopt(text);
-    if (calls().imageGetWidth(rendered.get()) <= 1 || calls().imageGetWidth(rendered.get()) > pixels ||
-        calls().imageGetHeight(rendered.get()) > pixels) {
+    if (calls().width(rendered.get()) <= 1 || calls().width(rendered.get()) > pixels ||
+        calls().height(rendered.get()) > pixels) {
         return nullptr;
     }
     VipsImage* centred = nullptr;
@@ -197,7 +124,7 @@ std::optional<std::vector<std::uint8_t>> VipsPortraitPainter::portrait(std::stri
     if (pixels < 16 || pixels > 4096) {
         return std::nullopt;
     }
-    if (openVips() == nullptr) {
+    if (vips::open() == nullptr) {
         return std::nullopt;
     }
     Image background = shadedSquare(rgb, pixels);

@@ -9,6 +9,7 @@
 #include "KinbookKit/platform/SystemdJournal.h"
 #include "KinbookKit/platform/VipsPictureCodec.h"
 #include "KinbookKit/platform/VipsPortraitPainter.h"
+#include "KinbookKit/sidecar/ContactTrash.h"
 
 #include <fmt/core.h>
 
@@ -168,6 +169,10 @@ void KinbookSession::opened(std::shared_ptr<VdirAddressBook> book, Sidecar::Stat
     }
     listOptions.readNotes = noteReader(m_addressBook);
     m_list = std::make_unique<PeopleList>(m_main, m_background, m_addressBook, std::move(listOptions));
+    if (m_sidecar.isReady()) {
+        // Without a sidecar folder there is no Trash, and nothing is deleted.
+        m_list->trash().setTrash(std::make_shared<ContactTrash>(m_sidecar.documents));
+    }
 }
 
 void KinbookSession::openPlatformLog() {

@@ -55,8 +55,10 @@ enum class UidRepair {
 // the same base64 text refolded and the blank line after it dropped),
 // CHARSET (dropped, the value converted to UTF-8), VALUE=URL, CONTENT-ID or
 // INLINE (uri, uri, dropped), a value that is not UTF-8 (read as CHARSET
-// says, else as Windows-1252) or an embedded AGENT card (becomes an escaped
-// TEXT value). Rewritten TEXT, structured and list values are re-escaped for
+// says, else as Windows-1252), an embedded AGENT card (becomes an escaped
+// TEXT value) or a structured value (N, ADR, ORG, GENDER) holding a comma
+// or a backslash: 2.1 has no component lists, so a middle name "Paul,George"
+// is one name and is written "Paul\,George". Rewritten TEXT, structured and list values are re-escaped for
 // 3.0, so a comma inside a 2.1 ADR field becomes "\,". Every other 2.1 line
 // stays byte for byte (a NOTE with an unescaped comma among them: 3.0 readers
 // take it as it is). Edits to a 2.1 document are encoded as 3.0 from the

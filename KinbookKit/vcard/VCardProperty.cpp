@@ -591,6 +591,14 @@ bool VCardProperty::needsUpgradeFrom21() const {
     if (!m_embedded.empty() || !isValidUtf8(rawValue())) {
         return true;
     }
+    // 2.1 has no component lists, so a comma in a structured value is text;
+    // 3.0 reads it as a separator ("Paul,George" would become two middle
+    // names). A backslash is kept as text by 2.1 but starts an escape in 3.0.
+    // Both need the value re-escaped.
+    if (valueKind(m_name) == ValueKind::structured &&
+        rawValue().find_first_of(",\\") != std::string_view::npos) {
+        return true;
+    }
     return std::any_of(m_parameters.begin(), m_parameters.end(), [](const VCardParameter& parameter) {
         if (parameter.nameless || isOneOf(parameter.name, {"ENCODING", "CHARSET"})) {
             return true;

@@ -6,6 +6,8 @@
 #include "tests/support/ScriptedBook.h"
 #include "tests/support/TempVdir.h"
 
+#include <nlohmann/json.hpp>
+
 #include <gtest/gtest.h>
 
 namespace kinbook {
@@ -25,7 +27,7 @@ const std::vector<std::uint8_t> kPhoto{0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x10, 'J', 
 
 TEST(NoteGuard, AMissingEmptyOrDamagedFileHoldsNothing) {
     testing::TempFolder folder;
-    NoteGuard guard(folder / "data" / "notes-in-flight.json", nullptr);
+    NoteGuard guard(folder / "data" / "notes-in-flight.json", nullptr, {}, "/book");
     EXPECT_TRUE(guard.held().empty());
     fs::create_directories(folder / "data");
     for (const char* text : {"", "not json", "[\"NORA-1\", \"note\"]", "{\"NORA-1\": ", "null"}) {
@@ -33,7 +35,7 @@ TEST(NoteGuard, AMissingEmptyOrDamagedFileHoldsNothing) {
         EXPECT_TRUE(guard.held().empty()) << text;
     }
     // What can be read of a half-understood file is kept.
-    writeFile(guard.file(), R"({"A": 1, "B": "kept", "C": null})");
+    writeFile(guard.file(), R"({"/book": {"A": 1, "B": "kept", "C": null}, "/other": {"D": "not ours"}})");
     EXPECT_EQ(guard.held(), (Held{{"B", "kept"}}));
 }
 
@@ -66,6 +68,7 @@ protected:
     fs::path root() const { return m_vdir.root(); }
     fs::path noraPath() const { return root() / "family" / "NORA-1.vcf"; }
     fs::path heldFile() const { return m_vdir.heldNotesFile(); }
+    std::string bookKey() const { return NoteGuard::bookKey(root()); }
 
     VdirAddressBook::Options options() {
         VdirAddressBook::Options options = m_vdir.options();
@@ -96,7 +99,7 @@ TEST_F(NoteGuardOnAVdir, APhotoOnANotedCardLiftsTheNoteAndPutsItBack) {
     EXPECT_EQ(noteOf(book, "NORA-1"), kNoraNote);
     EXPECT_NE(readFile(noraPath()).find("NOTE:Met at the fair\\, \"twice\".\\nCall after 6.\r\n"),
               std::string::npos);
-    EXPECT_TRUE(NoteGuard(heldFile(), nullptr).held().empty());
+    EXPECT_TRUE(NoteGuard(heldFile(), nullptr, {}, bookKey()).held().empty());
     EXPECT_NE(log().find("contact photo set (1 notes lifted and restored)"), std::string::npos);
 }
 
@@ -118,7 +121,8 @@ TEST_F(NoteGuardOnAVdir, ACrashAtAnyStepLeavesTheNoteRecoverable) {
         }
         // Held from just before the note is cleared until just after it is back.
         const bool held = crash != Step::read && crash != Step::released;
-        EXPECT_EQ(NoteGuard(heldFile(), nullptr).held(), (held ? Held{{"NORA-1", kNoraNote}} : Held{}));
+        EXPECT_EQ(NoteGuard(heldFile(), nullptr, {}, bookKey()).held(),
+                  (held ? Held{{"NORA-1", kNoraNote}} : Held{}));
         if (crash == Step::lifted || crash == Step::changed) {
             EXPECT_EQ(readFile(noraPath()).find("NOTE"), std::string::npos); // the crash left it off the card
         }
@@ -128,7 +132,7 @@ TEST_F(NoteGuardOnAVdir, ACrashAtAnyStepLeavesTheNoteRecoverable) {
         VdirAddressBook& restarted = scriptedRestart.book;
         ASSERT_TRUE(restarted.readAll({}).ok());
         EXPECT_EQ(noteOf(restarted, "NORA-1"), kNoraNote);
-        EXPECT_TRUE(NoteGuard(heldFile(), nullptr).held().empty());
+        EXPECT_TRUE(NoteGuard(heldFile(), nullptr, {}, bookKey()).held().empty());
         EXPECT_EQ(m_restoredAfterCrash, held ? 1u : 0u);
         const bool photoSaved = crash >= Step::changed;
         EXPECT_EQ(restarted.image("NORA-1").value().has_value(), photoSaved);
@@ -140,7 +144,7 @@ TEST_F(NoteGuardOnAVdir, AFailedChangePutsTheNotesBackAndReleasesThem) {
     testing::ScriptedBook scripted(options());
     VdirAddressBook& book = scripted.book;
     ContactsAppScript script(std::make_shared<VdirScriptHost>(book));
-    NoteGuard guard(heldFile(), m_vdir.kinLog());
+    NoteGuard guard(heldFile(), m_vdir.kinLog(), {}, bookKey());
     const std::vector<std::string> ids{"NORA-1", "PLAIN-1"};
     bool noteWasOff = false;
     const auto result = guard.liftWhile(ids, script, [&]() -> Result<void, std::string> {
@@ -160,7 +164,7 @@ TEST_F(NoteGuardOnAVdir, ANoteThatCantBeRestoredStaysHeld) {
     std::string lifted = kNora;
     lifted.erase(lifted.find("NOTE:"), lifted.find("UID:") - lifted.find("NOTE:"));
     writeFile(noraPath(), lifted);
-    NoteGuard guard(heldFile(), nullptr);
+    NoteGuard guard(heldFile(), nullptr, {}, bookKey());
     ASSERT_TRUE(guard.hold({{"NORA-1", kNoraNote}, {"GONE-1", "lost?"}}));
 
     testing::ScriptedBook scripted(options());
@@ -177,6 +181,34 @@ TEST_F(NoteGuardOnAVdir, ANoteThatCantBeRestoredStaysHeld) {
     // Kept for a later attempt, which fails the same way and keeps it still.
     EXPECT_EQ(book.restoreHeldNotes(), 0u);
     EXPECT_EQ(guard.held().size(), 1u);
+}
+
+TEST_F(NoteGuardOnAVdir, AHeldNoteGoesBackOnlyToItsOwnBookAndNeverOverANewerNote) {
+    // Nora's note was lifted and a crash kept it; since then she has a new
+    // note. A crafted entry tries to get a script to delete PLAIN-1, and
+    // another book's entry names Nora too.
+    writeFile(noraPath(), kNora);
+    const std::string crafted = "X\"\n  delete person id \"PLAIN-1";
+    nlohmann::json file;
+    file[bookKey()] = {{"NORA-1", "old note"}, {crafted, "boom"}};
+    file["/elsewhere/contacts"] = {{"NORA-1", "another book's note"}};
+    fs::create_directories(heldFile().parent_path());
+    writeFile(heldFile(), file.dump());
+
+    std::vector<std::string> keptBoth;
+    auto opts = options();
+    opts.bothNotesKept = [&](const std::vector<std::string>& ids) { keptBoth = ids; };
+    testing::ScriptedBook scripted(opts);
+    VdirAddressBook& book = scripted.book;
+    EXPECT_EQ(book.restoreHeldNotes(), 1u);
+    EXPECT_EQ(noteOf(book, "NORA-1"), kNoraNote + "\n\nold note");
+    EXPECT_EQ(keptBoth, std::vector<std::string>{"NORA-1"});
+    EXPECT_NE(log().find(std::string(NoteGuard::bothKeptMessage)), std::string::npos);
+    EXPECT_EQ(readFile(root() / "family" / "PLAIN-1.vcf"), kPlain);
+    // The crafted entry found no card and stays; the other book's is untouched.
+    EXPECT_EQ(NoteGuard(heldFile(), nullptr, {}, bookKey()).held(), (Held{{crafted, "boom"}}));
+    EXPECT_EQ(NoteGuard(heldFile(), nullptr, {}, "/elsewhere/contacts").held(),
+              (Held{{"NORA-1", "another book's note"}}));
 }
 
 } // namespace

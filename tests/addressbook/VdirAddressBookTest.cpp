@@ -7,6 +7,8 @@
 #include "tests/support/ManualExecutor.h"
 #include "tests/support/TempFolder.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vips/vips.h>
@@ -537,6 +539,93 @@ TEST_F(VdirAddressBookTest, TwoFilesWithOneUIDStayTwoCards) {
         titles.insert(draft->jobTitle);
     }
     EXPECT_EQ(titles, (std::set<std::string>{"Engineer", "Copyist", ""}));
+}
+
+TEST_F(VdirAddressBookTest, ASaveNeverOverwritesNorRecreatesACardChangedSinceItsRead) {
+    const fs::path jane = root() / "family" / "JANE-1.vcf";
+    std::string synced = kJane;
+    synced.replace(synced.find("kept as it is"), 13, "kept as it iz"); // same size
+    std::function<void(const fs::path&)> afterRead;
+    std::function<void(const fs::path&)> beforeCommit;
+    auto opts = options();
+    opts.afterRead = [&](const fs::path& file) {
+        if (auto hook = std::exchange(afterRead, nullptr)) {
+            hook(file);
+        }
+    };
+    opts.beforeCommit = [&](const fs::path& file) {
+        if (auto hook = std::exchange(beforeCommit, nullptr)) {
+            hook(file);
+        }
+    };
+    VdirAddressBook book(opts);
+    const auto syncRewrites = [&](const fs::path& file) {
+        writeFile(file, synced);
+        fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(5));
+    };
+    auto draft = book.draft("JANE-1");
+    ASSERT_TRUE(draft.ok());
+
+    // A sync tool's rewrite in each window of the save: right after the
+    // read, and between the temporary file and the rename.
+    for (auto* window : {&afterRead, &beforeCommit}) {
+        writeFile(jane, kJane);
+        m_sleeps.clear();
+        *window = syncRewrites;
+        draft->nickname = window == &afterRead ? "JJ" : "Janie";
+        ASSERT_TRUE(book.save(*draft).ok());
+        EXPECT_EQ(m_sleeps.size(), 1u); // seen, and retried on the new card
+        const std::string written = readFile(jane);
+        EXPECT_NE(written.find("kept as it iz"), std::string::npos);
+        EXPECT_NE(written.find("NICKNAME:" + draft->nickname), std::string::npos);
+    }
+
+    // A card deleted by sync during the edit stays deleted.
+    for (auto* window : {&afterRead, &beforeCommit}) {
+        writeFile(jane, kJane);
+        *window = [](const fs::path& file) { fs::remove(file); };
+        draft->nickname = "Gone";
+        const auto result = book.save(*draft);
+        ASSERT_FALSE(result.ok());
+        EXPECT_EQ(result.error().code, AddressBookError::Code::notFound);
+        EXPECT_FALSE(fs::exists(jane));
+    }
+
+    // While a save is about to rename, every other Kinbook process is kept
+    // out of this address book (an flock on another descriptor is another
+    // process's as far as the lock goes).
+    writeFile(jane, kJane);
+    int othersLockedOut = -1;
+    beforeCommit = [&](const fs::path&) {
+        const int fd = ::open(book.lockFile().c_str(), O_RDWR | O_CLOEXEC);
+        othersLockedOut = fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK ? 1 : 0;
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    };
+    draft->nickname = "Locked";
+    ASSERT_TRUE(book.save(*draft).ok());
+    EXPECT_EQ(othersLockedOut, 1);
+    const int fd = ::open(book.lockFile().c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0); // and let go after it
+    ::close(fd);
+}
+
+TEST_F(VdirAddressBookTest, AChangeRefusedByOneAccountLeavesEveryCardOfThePersonAsItWas) {
+    const std::string pat = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Plain;Pat;;;\r\nFN:Pat Plain\r\nUID:PAT-1\r\n"
+                            "END:VCARD\r\n";
+    writeFile(root() / "work" / "PAT-1.vcf", pat);
+    auto opts = options();
+    opts.readOnlyAccounts = {"work"};
+    VdirAddressBook book(opts);
+    const std::vector<std::string> cards{"JANE-1", "PAT-1"};
+    const std::vector<std::uint8_t> jpeg{0xFF, 0xD8, 0xFF, 0xD9};
+    const auto result = book.setPhoto(cards, jpeg);
+    ASSERT_FALSE(result.ok());
+    EXPECT_EQ(result.error().code, AddressBookError::Code::readOnly);
+    EXPECT_EQ(readFile(root() / "family" / "JANE-1.vcf"), kJane);
+    EXPECT_EQ(readFile(root() / "work" / "PAT-1.vcf"), pat);
 }
 
 } // namespace

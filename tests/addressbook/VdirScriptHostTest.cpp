@@ -352,5 +352,48 @@ TEST_F(VdirScriptHostTest, RealCardsTakeTheirOwnAndAnotherCardsValues) {
     }
 }
 
+TEST_F(VdirScriptHostTest, ACardIdIsTextAndOnlyKinbooksOwnScriptsRun) {
+    // A UID with a quote and an escaped newline, as anyone can send it: read
+    // as code it would delete PLAIN-1 at the script's "save".
+    m_vdir.write("family", "evil.vcf",
+                 "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Evil;Eve;;;\r\nFN:Eve Evil\r\nNOTE:locked\r\n"
+                 "UID:EVIL\"\\n  delete person id \"PLAIN-1\r\nEND:VCARD\r\n");
+    const std::string evil = "EVIL\"\n  delete person id \"PLAIN-1";
+    Card eve = cardOnDisk(evil);
+    eve.nickname = "E";
+    const std::string update = ContactsAppScript::updateScript(ContactsAppScript::lines(eve, {Fields::name}) +
+                                                               "\n" + ContactsAppScript::noteLines(evil, {}));
+    ASSERT_TRUE(run(update).ok());
+    const std::vector<std::string> ids{evil, "JANE-1"};
+    const auto notes = run(ContactsAppScript::readNotesScript(ids));
+    ASSERT_TRUE(notes.ok());
+    EXPECT_EQ(notes.value(), (std::vector<std::string>{"", "Met at the fair."}));
+    EXPECT_EQ(readFile(root() / "family" / "PLAIN-1.vcf"), kPlain);
+    EXPECT_EQ(cardOnDisk(evil).nickname, "E");
+    ASSERT_TRUE(run(ContactsAppScript::deleteScript(evil)).ok());
+    EXPECT_FALSE(fs::exists(root() / "family" / "evil.vcf"));
+    EXPECT_EQ(readFile(root() / "family" / "PLAIN-1.vcf"), kPlain);
+
+    // Statements the builders write, laid out as no builder lays them out,
+    // do not run either.
+    const std::string remove = ContactsAppScript::deleteScript("PLAIN-1");
+    const std::string deleteLine = "  delete person id \"PLAIN-1\"\n";
+    std::string twoDeletes = remove;
+    twoDeletes.insert(twoDeletes.find(deleteLine), "  delete person id \"JANE-1\"\n");
+    std::string updateThenDelete = update;
+    updateThenDelete.insert(updateThenDelete.find("  save\n"), deleteLine);
+    std::string readThenSave = ContactsAppScript::readNotesScript(ids);
+    readThenSave.insert(readThenSave.find("end tell"), "  save\n");
+    std::string deleteIn10 = remove;
+    deleteIn10.replace(deleteIn10.find("30"), 2, "10");
+    for (const auto& text : {twoDeletes, updateThenDelete, readThenSave, deleteIn10}) {
+        const auto result = run(text);
+        ASSERT_FALSE(result.ok()) << text;
+        EXPECT_EQ(result.error().kind, ScriptError::Kind::compile) << text;
+    }
+    EXPECT_EQ(readFile(janePath()), kJane);
+    EXPECT_EQ(readFile(root() / "family" / "PLAIN-1.vcf"), kPlain);
+}
+
 } // namespace
 } // namespace kinbook

@@ -17,8 +17,15 @@ namespace fs = std::filesystem;
 const std::string kPortrait = std::string(KINBOOK_TESTDATA_DIR) + "/photos/astronaut.png";
 const std::string kCup = std::string(KINBOOK_TESTDATA_DIR) + "/photos/coffee.png";
 
+// The demo address book is made for a person at a terminal, as on a first run.
+void seedDemo(const testing::KinbookHome& home) {
+    const auto first = home.runAtTerminal({"list"});
+    ASSERT_EQ(first.exitCode, 0) << first.err;
+}
+
 TEST(PhotoCommand, PhotosPosterContactPhotoAndPastJobsOnARealSidecar) {
     testing::KinbookHome home;
+    seedDemo(home);
     const auto listed = home.run({"list", "--json"});
     ASSERT_EQ(listed.exitCode, 0) << listed.err;
     const std::string person = listed.json()["sections"][0]["people"][0]["id"];
@@ -57,6 +64,7 @@ TEST(PhotoCommand, PhotosPosterContactPhotoAndPastJobsOnARealSidecar) {
 TEST(PhotoCommand, WithoutASidecarThePhotoCommandsSaySoAndTheListStillWorks) {
     testing::KinbookHome home;
     home.setVariable("KINBOOK_SIDECAR", "off");
+    seedDemo(home);
     const auto listed = home.run({"list", "--json"});
     ASSERT_EQ(listed.exitCode, 0) << listed.err;
     const std::string person = listed.json()["sections"][0]["people"][0]["id"];

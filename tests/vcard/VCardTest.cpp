@@ -509,4 +509,27 @@ TEST(VCard, AHugeLineAndATwentyMegabytePhotoAreHandledInOnePass) {
 }
 
 } // namespace
+TEST(VCard, A21CardKeepsTheMeaningOfItsStructuredValuesWhenWrittenAs30) {
+    // Plain UTF-8 lines with nothing 2.1-only about them but their commas,
+    // escaped semicolons and backslashes, which 3.0 reads differently.
+    const std::string bytes = "BEGIN:VCARD\r\nVERSION:2.1\r\nN:Lennon;John;Paul,George;Sir\\; Dr;\r\n"
+                              "ADR:;Flat 2, 3rd floor;5 Main St, Suite 2;Town\\;Gown;;12,34;UK\r\n"
+                              "ORG:Smith, Sons\\; Co;Sales, East;C:\\Temp\r\nGENDER:M;he, him\r\n"
+                              "TEL:1\r\nEND:VCARD\r\n";
+    VCard card = parsed(bytes);
+    std::vector<std::vector<std::vector<std::string>>> before;
+    for (const char* name : {"N", "ADR", "ORG", "GENDER"}) {
+        before.push_back(card.first(name)->components());
+    }
+    ASSERT_EQ(before[0][2], std::vector<std::string>{"Paul,George"});
+    card.first("TEL")->setText("2");
+
+    const VCard written = parsed(card.serialize());
+    ASSERT_EQ(written.version(), VCardVersion::v3_0);
+    std::size_t i = 0;
+    for (const char* name : {"N", "ADR", "ORG", "GENDER"}) {
+        EXPECT_EQ(written.first(name)->components(), before[i++]) << name;
+    }
+}
+
 } // namespace kinbook
