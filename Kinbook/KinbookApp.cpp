@@ -92,6 +92,7 @@ void KinbookApp::opened() {
         m_window->addToolBar(Qt::TopToolBarArea, new SidecarBanner(qt(configuration.configFile.string())));
     }
     m_window->page()->photoGrid()->attach(*m_session);
+    m_window->setDuplicatesSupport(m_session->notDuplicatesFile(), m_session->mergePhotoKeeper());
     if (m_options.windowWidth) {
         m_window->resize(*m_options.windowWidth, m_window->height());
     }

@@ -125,7 +125,8 @@ PeopleTable::PeopleTable(QWidget* parent) : QTableView(parent) {
     setTabKeyNavigation(false);
     setCornerButtonEnabled(false);
     setSelectionBehavior(QAbstractItemView::SelectRows);
-    setSelectionMode(QAbstractItemView::SingleSelection);
+    // Several people are selected (Ctrl or Shift with a click) to merge them.
+    setSelectionMode(QAbstractItemView::ExtendedSelection);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
     setItemDelegate(new PersonRowDelegate(this));
@@ -192,6 +193,17 @@ QString PeopleTable::selectedID() const {
     return current.isValid() && selectionModel()->isSelected(current)
                ? current.data(PeopleTableModel::PersonIDRole).toString()
                : QString();
+}
+
+QStringList PeopleTable::selectedIDs() const {
+    QStringList ids;
+    for (const QModelIndex& index : selectionModel()->selectedRows()) {
+        const QString id = index.data(PeopleTableModel::PersonIDRole).toString();
+        if (!id.isEmpty()) {
+            ids << id;
+        }
+    }
+    return ids;
 }
 
 QModelIndex PeopleTable::moveCursor(CursorAction cursorAction, Qt::KeyboardModifiers modifiers) {

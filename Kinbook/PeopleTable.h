@@ -41,6 +41,8 @@ public:
     void moveSelection(int steps);
     // The selected person's id; empty when none.
     QString selectedID() const;
+    // Every selected person's id, in row order (several for a merge).
+    QStringList selectedIDs() const;
 
 Q_SIGNALS:
     void selectedPersonChanged(const QString& personID);

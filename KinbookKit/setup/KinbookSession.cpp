@@ -2,6 +2,7 @@
 
 #include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
+#include "KinbookKit/people/NotDuplicates.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/people/SnapshotCache.h"
 #include "KinbookKit/platform/CommandCloudDownloads.h"
@@ -190,6 +191,36 @@ Result<std::optional<DemoAddressBookReport>, std::string>
 KinbookSession::seedDemoAddressBook(const Configuration& configuration) {
     VipsPortraitPainter painter;
     return seedDemoAddressBookOnFirstRun(configuration, &painter);
+}
+
+std::optional<std::filesystem::path> KinbookSession::notDuplicatesFile() const {
+    if (!m_sidecar.isReady()) {
+        return std::nullopt;
+    }
+    return m_sidecar.documents / NotDuplicates::fileName;
+}
+
+MergePhotoKeeper KinbookSession::mergePhotoKeeper() const {
+    ContactPhotos* photos = m_photos.get();
+    if (photos == nullptr) {
+        return {};
+    }
+    return [photos](const std::string& kinID, const std::string& displayName,
+                    const std::vector<std::string>& absorbed,
+                    const std::vector<std::vector<std::uint8_t>>& pictures) -> Result<void, std::string> {
+        const PersonKey person{kinID, displayName};
+        for (const auto& other : absorbed) {
+            if (auto moved = photos->movePhotos({other, displayName}, person); !moved) {
+                return failure(moved.error());
+            }
+        }
+        if (!pictures.empty()) {
+            if (auto added = photos->addPhotos(person, pictures); !added) {
+                return failure(added.error());
+            }
+        }
+        return {};
+    };
 }
 
 } // namespace kinbook

@@ -7,6 +7,7 @@
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/PastJobSource.h"
 #include "KinbookKit/people/PeopleListContext.h"
+#include "KinbookKit/people/PeopleMerge.h"
 #include "KinbookKit/setup/Configuration.h"
 #include "KinbookKit/setup/DemoAddressBook.h"
 #include "KinbookKit/sidecar/ContactPhotos.h"
@@ -130,6 +131,12 @@ public:
     Result<void, std::string> setContactPhoto(std::span<const std::string> cardIDs,
                                               std::span<const std::uint8_t> picture) const;
     PeopleList* list() const { return m_list.get(); }
+    // Where the "Not Duplicates" answers are kept; none without a sidecar.
+    std::optional<std::filesystem::path> notDuplicatesFile() const;
+    // The sidecar's part of a merge: every card's picture kept among the
+    // person's photos, and the merged people's photos brought over. None
+    // without a sidecar.
+    MergePhotoKeeper mergePhotoKeeper() const;
 
     Executor& main() const { return m_main; }
     Executor& background() const { return m_background; }
