@@ -45,15 +45,16 @@ bool KinbookApp::start() {
     KinbookSession::Options options = KinbookSession::Options::window();
     options.contacts = m_options.contactsRoot;
     options.warning = [this](const std::string& warning) { m_log.info(warning); };
-    // Said once, in the window's status bar, when held notes were put back.
-    options.restoredAfterCrash = [self = QPointer(this)](std::size_t notes) {
+    // Said once, in the window's status bar, when held notes were put back
+    // (or kept beside a newer note) after a crash.
+    options.noteRecovery = [self = QPointer(this)](const std::string& notice) {
         QMetaObject::invokeMethod(
             self,
-            [self, notes] {
+            [self, text = qt(notice)] {
                 if (self && self->m_window) {
-                    self->m_window->statusBar()->showMessage(
-                        QString("Restored after a crash: %1 held notes put back into their cards.")
-                            .arg(notes));
+                    QStatusBar* bar = self->m_window->statusBar();
+                    const QString shown = bar->currentMessage();
+                    bar->showMessage(shown.isEmpty() ? text : shown + "  " + text);
                 }
             },
             Qt::QueuedConnection);
@@ -91,6 +92,7 @@ void KinbookApp::opened() {
         m_window->addToolBar(Qt::TopToolBarArea, new SidecarBanner(qt(configuration.configFile.string())));
     }
     m_window->page()->photoGrid()->attach(*m_session);
+    m_window->setDuplicatesSupport(m_session->notDuplicatesFile(), m_session->mergePhotoKeeper());
     if (m_options.windowWidth) {
         m_window->resize(*m_options.windowWidth, m_window->height());
     }

@@ -2,8 +2,10 @@
 
 #include "Kinbook/CirclePicker.h"
 #include "Kinbook/ContactPage.h"
+#include "Kinbook/DuplicatesWindow.h"
 #include "Kinbook/HeadingsColumn.h"
 #include "Kinbook/HelpCommands.h"
+#include "Kinbook/MergeSheet.h"
 #include "Kinbook/PeopleTable.h"
 #include "Kinbook/PeopleTableModel.h"
 #include "Kinbook/QtText.h"
@@ -45,7 +47,8 @@ PeopleList::Changes everything() {
 
 MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, QSettings& settings,
                        AppLog& log, QWidget* parent)
-    : QMainWindow(parent), m_list(list), m_settings(settings) {
+    : QMainWindow(parent), m_list(list), m_settings(settings), m_mainExecutor(main),
+      m_backgroundExecutor(background) {
     setObjectName("People");
     setWindowTitle("People");
     resize(1180, 760);
@@ -274,12 +277,45 @@ void MainWindow::buildMenus() {
     });
     find->setShortcut(QKeySequence::Find);
     view->addMenu(m_sortMenu);
+    view->addAction("Find Duplicates…", this, [this] { findDuplicates()->open(); });
+    QAction* merge = view->addAction("Merge", this, [this] {
+        if (auto* sheet = mergeSelected()) {
+            sheet->open();
+        }
+    });
+    merge->setObjectName("MergeAction");
     view->addSeparator();
     m_headingsAction = view->addAction(QString(), this, [this] { setHeadingsPreferred(!m_showHeadings); });
     m_headingsAction->setObjectName("HeadingsAction");
 
     QMenu* help = menuBar()->addMenu("&Help");
     m_help->addTo(help);
+}
+
+void MainWindow::setDuplicatesSupport(std::optional<std::filesystem::path> answersFile,
+                                      MergePhotoKeeper keepPhotos) {
+    m_notDuplicatesFile = std::move(answersFile);
+    m_keepMergedPhotos = std::move(keepPhotos);
+}
+
+DuplicatesWindow* MainWindow::findDuplicates() {
+    auto* window = new DuplicatesWindow(m_list, m_mainExecutor, m_backgroundExecutor, m_notDuplicatesFile,
+                                        m_keepMergedPhotos, this);
+    window->setAttribute(Qt::WA_DeleteOnClose);
+    return window;
+}
+
+MergeSheet* MainWindow::mergeSelected() {
+    std::vector<std::string> ids;
+    for (const QString& id : m_table->selectedIDs()) {
+        ids.push_back(id.toStdString());
+    }
+    if (ids.size() < 2) {
+        return nullptr;
+    }
+    auto* sheet = new MergeSheet(m_list, std::move(ids), m_keepMergedPhotos, this);
+    sheet->setAttribute(Qt::WA_DeleteOnClose);
+    return sheet;
 }
 
 void MainWindow::showWelcome(const QString& text, const QString& buttonText) {

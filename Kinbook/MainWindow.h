@@ -4,6 +4,7 @@
 #include "KinbookKit/people/PeopleList.h"
 
 #include <QMainWindow>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,8 @@ namespace kinbook {
 
 class AppLog;
 class ContactPage;
+class DuplicatesWindow;
+class MergeSheet;
 class HeadingsColumn;
 class HelpCommands;
 class PeopleTable;
@@ -80,6 +83,15 @@ public:
     QLineEdit* searchField() const { return m_search; }
     SortMenu* sortMenu() const { return m_sortMenu; }
     HelpCommands* helpCommands() const { return m_help; }
+
+    // What "Find Duplicates…" needs of the sidecar: where "Not Duplicates"
+    // answers are kept and how a merge keeps the photos (none: no sidecar).
+    void setDuplicatesSupport(std::optional<std::filesystem::path> answersFile, MergePhotoKeeper keepPhotos);
+    // Opens the duplicates list ("Find Duplicates…"); the window, for tests.
+    DuplicatesWindow* findDuplicates();
+    // The merge sheet for the people selected in the list ("Merge"); null
+    // with fewer than two selected.
+    MergeSheet* mergeSelected();
     QAction* headingsAction() const { return m_headingsAction; }
     QLabel* statusLabel() const { return m_status; }
     TrashView* trashView() const { return m_trashView; }
@@ -130,6 +142,10 @@ private:
 
     PeopleList& m_list;
     QSettings& m_settings;
+    Executor& m_mainExecutor;
+    Executor& m_backgroundExecutor;
+    std::optional<std::filesystem::path> m_notDuplicatesFile;
+    MergePhotoKeeper m_keepMergedPhotos;
     std::uint64_t m_observer = 0;
     std::unique_ptr<ThumbnailImages> m_images;
 

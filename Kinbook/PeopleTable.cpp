@@ -6,7 +6,6 @@
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
-#include <algorithm>
 
 namespace kinbook {
 namespace {
@@ -126,6 +125,7 @@ PeopleTable::PeopleTable(QWidget* parent) : QTableView(parent) {
     setTabKeyNavigation(false);
     setCornerButtonEnabled(false);
     setSelectionBehavior(QAbstractItemView::SelectRows);
+    // Several people are selected (Ctrl or Shift with a click) to merge them.
     setSelectionMode(QAbstractItemView::ExtendedSelection);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
@@ -196,13 +196,9 @@ QString PeopleTable::selectedID() const {
 }
 
 QStringList PeopleTable::selectedIDs() const {
-    QModelIndexList rows = selectionModel()->selectedRows();
-    std::sort(rows.begin(), rows.end(),
-              [](const QModelIndex& a, const QModelIndex& b) { return a.row() < b.row(); });
     QStringList ids;
-    for (const QModelIndex& row : rows) {
-        // A section's title row is no one.
-        const QString id = row.data(PeopleTableModel::PersonIDRole).toString();
+    for (const QModelIndex& index : selectionModel()->selectedRows()) {
+        const QString id = index.data(PeopleTableModel::PersonIDRole).toString();
         if (!id.isEmpty()) {
             ids << id;
         }

@@ -41,8 +41,7 @@ public:
     void moveSelection(int steps);
     // The selected person's id; empty when none.
     QString selectedID() const;
-    // Every selected person's id, in list order (shift and control extend
-    // the selection, for acting on many at once).
+    // Every selected person's id, in row order (several for a merge).
     QStringList selectedIDs() const;
 
 Q_SIGNALS:

@@ -76,9 +76,7 @@ PeopleSession::PeopleSession(const ToolOptions& options)
     const bool atTerminal = Terminal::ofStandardOutput().isTerminal();
     sessionOptions.seedDemoAddressBook = atTerminal;
     sessionOptions.warning = [](const std::string& warning) { warn(warning); };
-    sessionOptions.restoredAfterCrash = [](std::size_t notes) {
-        warn(fmt::format("Restored after a crash: {} held notes put back into their cards", notes));
-    };
+    sessionOptions.noteRecovery = [](const std::string& notice) { warn(notice); };
     auto session = KinbookSession::open(m_loop, *m_pool, std::move(sessionOptions));
     if (!session) {
         fail(session.error());

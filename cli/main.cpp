@@ -3,6 +3,7 @@
 #include "cli/CommandSuggestion.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
+#include "cli/MergeCommands.h"
 #include "cli/PeopleCommands.h"
 #include "cli/PhotoCommands.h"
 #include "cli/ToolOptions.h"
@@ -31,6 +32,7 @@ int main(int argc, char** argv) {
 
     kinbook::cli::addPeopleCommands(app, options);
     kinbook::cli::addPhotoCommands(app, options);
+    kinbook::cli::addMergeCommands(app, options);
     kinbook::cli::addTrashCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 

@@ -4,6 +4,7 @@
 #include "KinbookKit/addressbook/AddressBook.h"
 #include "KinbookKit/people/PeopleListContext.h"
 #include "KinbookKit/people/PeopleLoader.h"
+#include "KinbookKit/people/PeopleMerge.h"
 #include "KinbookKit/people/PeopleOperations.h"
 #include "KinbookKit/people/PeopleTrash.h"
 #include "KinbookKit/people/ShownPeople.h"
@@ -229,6 +230,22 @@ public:
     void setHidden(std::string_view personID, bool hidden, std::function<void(ActionResult)> done) {
         m_operations.setHidden(personID, hidden, std::move(done));
     }
+
+    // --- Duplicates and merge (PeopleMerge.cpp) -------------------------------
+
+    // The groups of people who look like the same human, among the shown
+    // (not hidden) people read in detail, strongest first.
+    std::vector<DuplicateGroup> duplicateGroups() const;
+    // The cards of a merge with their accounts: the primary card (a person's
+    // first card), then every card of the selected people in the order
+    // given, each once; ids no longer in the list are dropped.
+    std::vector<Duplicates::MergeCard> mergeOrder(std::string_view primaryID,
+                                                  const std::vector<std::string>& selectedIDs) const;
+    // Merges the selected people into one, with the primary card leading (see
+    // runMerge), then reads the cards again so that they show as one person
+    // and the absorbed ids lead to them.
+    void merge(const std::vector<std::string>& selectedIDs, const std::string& primaryID,
+               MergeChoices choices, std::function<void(Result<MergeResult, MergeFailure>)> done);
 
     // The last user action's failure, shown as an alert until cleared.
     const std::optional<std::string>& actionError() const { return m_operations.actionError(); }

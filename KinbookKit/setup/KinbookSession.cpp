@@ -1,6 +1,8 @@
 #include "KinbookKit/setup/KinbookSession.h"
 
+#include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/VdirScriptHost.h"
+#include "KinbookKit/people/NotDuplicates.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/people/SnapshotCache.h"
 #include "KinbookKit/platform/CommandCloudDownloads.h"
@@ -99,7 +101,14 @@ KinbookSession::open(Executor& main, Executor& background, Options options) {
     VdirAddressBook::Options bookOptions = session->m_configuration.addressBookOptions();
     bookOptions.imageScaler = session->m_options.imageScaler;
     bookOptions.watcher = session->m_options.watcher;
-    bookOptions.restoredAfterCrash = session->m_options.restoredAfterCrash;
+    if (const auto& tell = session->m_options.noteRecovery) {
+        bookOptions.restoredAfterCrash = [tell](std::size_t notes) {
+            tell(fmt::format("Restored after a crash: {} held notes put back into their cards.", notes));
+        };
+        bookOptions.bothNotesKept = [tell](const std::vector<std::string>& cards) {
+            tell(fmt::format("{} ({} cards).", NoteGuard::bothKeptMessage, cards.size()));
+        };
+    }
     if (!session->m_options.openedInBackground) {
         session->opened(openAddressBook(std::move(bookOptions)), openSidecar(session->m_configuration));
         return session;
@@ -182,6 +191,36 @@ Result<std::optional<DemoAddressBookReport>, std::string>
 KinbookSession::seedDemoAddressBook(const Configuration& configuration) {
     VipsPortraitPainter painter;
     return seedDemoAddressBookOnFirstRun(configuration, &painter);
+}
+
+std::optional<std::filesystem::path> KinbookSession::notDuplicatesFile() const {
+    if (!m_sidecar.isReady()) {
+        return std::nullopt;
+    }
+    return m_sidecar.documents / NotDuplicates::fileName;
+}
+
+MergePhotoKeeper KinbookSession::mergePhotoKeeper() const {
+    ContactPhotos* photos = m_photos.get();
+    if (photos == nullptr) {
+        return {};
+    }
+    return [photos](const std::string& kinID, const std::string& displayName,
+                    const std::vector<std::string>& absorbed,
+                    const std::vector<std::vector<std::uint8_t>>& pictures) -> Result<void, std::string> {
+        const PersonKey person{kinID, displayName};
+        for (const auto& other : absorbed) {
+            if (auto moved = photos->movePhotos({other, displayName}, person); !moved) {
+                return failure(moved.error());
+            }
+        }
+        if (!pictures.empty()) {
+            if (auto added = photos->addPhotos(person, pictures); !added) {
+                return failure(added.error());
+            }
+        }
+        return {};
+    };
 }
 
 } // namespace kinbook

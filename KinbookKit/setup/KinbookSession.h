@@ -7,6 +7,7 @@
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/people/PastJobSource.h"
 #include "KinbookKit/people/PeopleListContext.h"
+#include "KinbookKit/people/PeopleMerge.h"
 #include "KinbookKit/setup/Configuration.h"
 #include "KinbookKit/setup/DemoAddressBook.h"
 #include "KinbookKit/sidecar/ContactPhotos.h"
@@ -55,10 +56,11 @@ public:
         // Told each of the configuration's warnings (an unknown key in
         // config.toml) as soon as it is read, before anything else can fail.
         std::function<void(const std::string&)> warning;
-        // Told, on a background thread, how many held notes were put back
-        // after a crash when the address book is first read, so that the
-        // face can say "Restored after a crash".
-        std::function<void(std::size_t)> restoredAfterCrash;
+        // Told, on a background thread, what became of the notes held at a
+        // crash when the address book is first read ("Restored after a
+        // crash: …", or that a held note and a newer one were both kept), as
+        // a sentence for the user; each face says it once.
+        std::function<void(const std::string&)> noteRecovery;
         // When set, the address book is opened on the background executor:
         // opening reads its change journal, a second for a large one, and a
         // window's main thread must stay free meanwhile. The list is then
@@ -129,6 +131,12 @@ public:
     Result<void, std::string> setContactPhoto(std::span<const std::string> cardIDs,
                                               std::span<const std::uint8_t> picture) const;
     PeopleList* list() const { return m_list.get(); }
+    // Where the "Not Duplicates" answers are kept; none without a sidecar.
+    std::optional<std::filesystem::path> notDuplicatesFile() const;
+    // The sidecar's part of a merge: every card's picture kept among the
+    // person's photos, and the merged people's photos brought over. None
+    // without a sidecar.
+    MergePhotoKeeper mergePhotoKeeper() const;
 
     Executor& main() const { return m_main; }
     Executor& background() const { return m_background; }

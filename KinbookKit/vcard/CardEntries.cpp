@@ -85,7 +85,8 @@ std::string joinedComponents(const std::vector<std::vector<std::string>>& fields
 } // namespace
 
 std::string phoneNumberOf(const VCardProperty& property) {
-    std::string_view number = trimAsciiSpace(property.text());
+    const std::string text = property.text();
+    std::string_view number = trimAsciiSpace(text);
     if (startsWithIgnoringAsciiCase(number, "tel:")) {
         number = trimAsciiSpace(number.substr(4));
     }

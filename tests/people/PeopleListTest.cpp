@@ -419,7 +419,8 @@ TEST_F(PeopleListTest, AnOutsideEditIsReadAfterItsNoticesAreGathered) {
 }
 
 // The accounts are listed again with every change read, so that a new
-// account's people are known to the sidebar and its filter at once.
+// account's people, in a folder old or new, are known to the sidebar and its
+// filter at once.
 TEST_F(PeopleListTest, TheAccountsAndTheirCountsFollowEveryChangeRead) {
     auto list = makeList();
     loadAndWait(*list);
@@ -433,6 +434,17 @@ TEST_F(PeopleListTest, TheAccountsAndTheirCountsFollowEveryChangeRead) {
     EXPECT_EQ(list->accountCounts().at("work"), 2);
     list->setAccountFilter("work");
     EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"JANE-2", "CAROL-1"}));
+
+    // A folder that appears while the list is open is an account at once.
+    fs::create_directory(root() / "family");
+    writeCard("family", "DAN-1", vcard("DAN-1", "Dan", "Doyle"));
+    m_watcher->fire();
+    run();
+    m_main.advance(500ms);
+    run();
+    EXPECT_EQ(list->accountCounts().at("family"), 1);
+    list->setAccountFilter("family");
+    EXPECT_EQ(idsOf(list->sections()), (std::vector<std::string>{"DAN-1"}));
 }
 
 TEST_F(PeopleListTest, AHistoryThatCannotSayWhatChangedLeadsToAFullRead) {
