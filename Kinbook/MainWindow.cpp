@@ -12,6 +12,7 @@
 #include "Kinbook/Sidebar.h"
 #include "Kinbook/SortMenu.h"
 #include "Kinbook/ThumbnailImages.h"
+#include "Kinbook/TrashView.h"
 
 #include <QApplication>
 #include <QHBoxLayout>
@@ -39,7 +40,7 @@ constexpr int kPagePicturePixels = 144;
 PeopleList::Changes everything() {
     using C = PeopleList::Change;
     return C::access | C::people | C::sections | C::loading | C::filters | C::search | C::cards |
-           C::thumbnails;
+           C::thumbnails | C::trash;
 }
 
 } // namespace
@@ -65,8 +66,14 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
     m_splitter->setChildrenCollapsible(false);
     m_splitter->addWidget(m_sidebar);
     m_splitter->addWidget(m_headings);
-    m_splitter->addWidget(buildListPane());
+    m_listPane = buildListPane();
+    m_splitter->addWidget(m_listPane);
     m_splitter->addWidget(m_page);
+    // In place of the headings, the list and the page while the Trash shows.
+    m_trashView = new TrashView(m_list);
+    m_trashView->hide();
+    m_splitter->addWidget(m_trashView);
+    m_splitter->setStretchFactor(4, 5);
     m_splitter->setStretchFactor(0, 0);
     m_splitter->setStretchFactor(1, 0);
     m_splitter->setStretchFactor(2, 2);
@@ -196,6 +203,8 @@ QWidget* MainWindow::buildListPane() {
     m_table = new PeopleTable;
     m_table->setPeopleModel(m_model);
     layout->addWidget(m_table, 1);
+    m_trashBar = new TrashBar(m_list);
+    layout->addWidget(m_trashBar);
 
     m_status = new QLabel;
     m_status->setObjectName("ListStatus");
@@ -251,6 +260,15 @@ void MainWindow::buildMenus() {
     QMenu* file = menuBar()->addMenu("&File");
     QAction* quit = file->addAction("Quit", qApp, &QApplication::quit);
     quit->setShortcut(QKeySequence::Quit);
+
+    QMenu* edit = menuBar()->addMenu("&Edit");
+    m_trashAction = edit->addAction("Move to Trash", this, &MainWindow::trashSelected);
+    m_trashAction->setObjectName("TrashAction");
+    m_trashAction->setShortcut(QKeySequence::Delete);
+    // The key deletes people only from the list: on the page it belongs to
+    // what has the focus there (a photo, a field).
+    m_trashAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    m_listPane->addAction(m_trashAction);
 
     QMenu* view = menuBar()->addMenu("&View");
     QAction* find = view->addAction("Find", this, [this] {
@@ -374,6 +392,37 @@ void MainWindow::listChanged(PeopleList::Changes changes) {
         m_images->refresh();
         showPagePicture();
     }
+    if (changes.contains(C::trash)) {
+        refreshTrash();
+    }
+}
+
+void MainWindow::refreshTrash() {
+    const PeopleTrash& trash = m_list.trash();
+    m_trashView->refresh();
+    m_trashBar->refresh();
+    // Without a sidecar folder nothing is deleted: there is no way back.
+    m_trashAction->setVisible(trash.trash() != nullptr);
+    m_trashAction->setEnabled(trash.trash() != nullptr);
+    const bool showing = trash.showing();
+    m_trashView->setVisible(showing);
+    m_listPane->setVisible(!showing);
+    m_page->setVisible(!showing);
+    updateHeadingsVisibility();
+    refreshSidebar();
+    refreshFilters();
+}
+
+void MainWindow::trashSelected() {
+    if (!m_list.trash().trash() || m_list.trash().showing()) {
+        return;
+    }
+    beginAction();
+    std::vector<std::string> ids;
+    for (const QString& id : m_table->selectedIDs()) {
+        ids.push_back(utf8(id));
+    }
+    m_trashBar->trashPeople(std::move(ids));
 }
 
 void MainWindow::beginAction() {
@@ -420,6 +469,7 @@ void MainWindow::refreshSidebar() {
     counts.accountCounts = m_list.accountCounts();
     counts.circleCounts = m_list.circleCounts();
     counts.hidden = m_list.hiddenCount();
+    counts.trash = static_cast<int>(m_list.trash().items().size());
     m_sidebar->setCounts(counts);
 }
 
@@ -429,7 +479,9 @@ void MainWindow::refreshFilters() {
     // Room for the menu's arrow beside the longest words ("Pictures First, Z to A").
     m_sortButton->setMinimumWidth(m_sortButton->fontMetrics().horizontalAdvance(m_sortButton->text()) + 36);
     SidebarChoice choice;
-    if (m_list.showingHidden()) {
+    if (m_list.trash().showing()) {
+        choice.kind = SidebarChoice::Kind::trash;
+    } else if (m_list.showingHidden()) {
         choice.kind = SidebarChoice::Kind::hidden;
     } else if (m_list.circleFilter()) {
         choice = {SidebarChoice::Kind::circle, {}, m_list.circleFilter()};
@@ -578,6 +630,11 @@ bool MainWindow::selectPerson(std::string_view id) {
 
 void MainWindow::sidebarChosen(const SidebarChoice& choice) {
     beginAction();
+    // The Trash takes the list's place and leaves its filters as they were.
+    m_list.trash().setShowing(choice.kind == SidebarChoice::Kind::trash);
+    if (choice.kind == SidebarChoice::Kind::trash) {
+        return;
+    }
     // One choice may clear one filter and set another: the list is rebuilt
     // once for both, and not at all when the choice is the one shown.
     auto view = m_list.view();
@@ -599,7 +656,7 @@ bool MainWindow::headingsShown() const {
 }
 
 void MainWindow::updateHeadingsVisibility() {
-    m_headings->setVisible(m_showHeadings && width() >= kHeadingsMinimumWidth);
+    m_headings->setVisible(m_showHeadings && width() >= kHeadingsMinimumWidth && !m_list.trash().showing());
     m_headingsAction->setText(m_showHeadings ? HeadingsColumn::kHideText : HeadingsColumn::kShowText);
 }
 

@@ -31,6 +31,8 @@ class PeopleTableModel;
 class Sidebar;
 class SortMenu;
 class ThumbnailImages;
+class TrashBar;
+class TrashView;
 struct SidebarChoice;
 
 // The main window, "People": the sidebar, the headings column, the people
@@ -92,6 +94,11 @@ public:
     MergeSheet* mergeSelected();
     QAction* headingsAction() const { return m_headingsAction; }
     QLabel* statusLabel() const { return m_status; }
+    TrashView* trashView() const { return m_trashView; }
+    TrashBar* trashBar() const { return m_trashBar; }
+    // Delete: the selected people go to the Trash at once (none without a
+    // sidecar folder, when it is not offered).
+    QAction* trashAction() const { return m_trashAction; }
 
     // Narrower than this, the headings column steps aside.
     static constexpr int kHeadingsMinimumWidth = 860;
@@ -129,6 +136,9 @@ private:
     void beginAction();
     void focusLeftOfList();
     void focusPage();
+    void trashSelected();
+    // The Trash's entries or progress changed, or it was chosen or left.
+    void refreshTrash();
 
     PeopleList& m_list;
     QSettings& m_settings;
@@ -155,6 +165,10 @@ private:
     QLabel* m_stateTitle = nullptr;
     QLabel* m_stateText = nullptr;
     QPushButton* m_stateButton = nullptr;
+    QWidget* m_listPane = nullptr;
+    TrashView* m_trashView = nullptr;
+    TrashBar* m_trashBar = nullptr;
+    QAction* m_trashAction = nullptr;
 
     bool m_showHeadings = true;
     std::string m_pagePersonID;     // the person the page shows

@@ -63,6 +63,7 @@ void Sidebar::setCounts(const SidebarCounts& counts) {
                                    : QString("%1 in %2").arg(own).arg(qt(circleTitle(circle))));
     }
     addEntry("Hidden", {SidebarChoice::Kind::hidden, {}, std::nullopt}, counts.hidden);
+    addEntry("Trash", {SidebarChoice::Kind::trash, {}, std::nullopt}, counts.trash);
 
     // An account that went away takes its choice with it.
     QListWidgetItem* chosen = itemFor(m_choice);

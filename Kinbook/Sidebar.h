@@ -13,9 +13,9 @@
 namespace kinbook {
 
 // What the sidebar can show: everyone, one account's people, one circle's,
-// or the hidden people.
+// the hidden people, or the Trash.
 struct SidebarChoice {
-    enum class Kind { all, account, circle, hidden };
+    enum class Kind { all, account, circle, hidden, trash };
     Kind kind = Kind::all;
     std::string accountID;               // for an account
     std::optional<ContactCircle> circle; // for a circle
@@ -30,13 +30,14 @@ struct SidebarCounts {
     std::map<std::string, int> accountCounts;
     CircleCounts circleCounts; // per circle
     int hidden = 0;
+    int trash = 0; // entries in the Trash
 
     bool operator==(const SidebarCounts&) const = default;
 };
 
 // The column at the window's left edge: All, each account with its count,
 // the six circles with their badges and the people in each (what the list
-// shows when the circle is chosen), and Hidden.
+// shows when the circle is chosen), Hidden and the Trash.
 class Sidebar final : public QListWidget {
     Q_OBJECT
 public:

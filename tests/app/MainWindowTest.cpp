@@ -141,7 +141,7 @@ TEST_F(MainWindowTest, ShowsTheSectionsOfTheAddressBookWithTheirCounts) {
     }
     EXPECT_EQ(sidebar.mid(0, 5),
               (QStringList{"All 10", "On My Computer 9", "Work 1", "Closest 5", "Good Friends 0"}));
-    EXPECT_EQ(sidebar.last(), "Hidden 0");
+    EXPECT_EQ(sidebar.mid(sidebar.size() - 2), (QStringList{"Hidden 0", "Trash 0"}));
 }
 
 TEST_F(MainWindowTest, TypingInTheSearchFieldNarrowsTheList) {

@@ -30,13 +30,14 @@ SidebarCounts someCounts() {
     counts.accountCounts = {{"home", 30}, {"work", 12}};
     counts.circleCounts = {{ContactCircle::closest, 3}, {ContactCircle::friends, 7}};
     counts.hidden = 2;
+    counts.trash = 4;
     return counts;
 }
 
 // A circle's count is of the people the list shows when it is chosen: those
 // in it, not those inside it too; how full it is, which counts them, is in
 // its tooltip.
-TEST(Sidebar, ListsEveryoneTheAccountsEachCirclesOwnPeopleAndHidden) {
+TEST(Sidebar, ListsEveryoneTheAccountsEachCirclesOwnPeopleHiddenAndTheTrash) {
     Sidebar sidebar;
     sidebar.setCounts(someCounts());
 
@@ -48,7 +49,7 @@ TEST(Sidebar, ListsEveryoneTheAccountsEachCirclesOwnPeopleAndHidden) {
     }
     EXPECT_EQ(shown, (QStringList{"All 40", "On My Computer 30", "Work 12", "5 Closest 3",
                                   "15 Good Friends 0", "50 Friends 7", "150 Meaningful 0", "500 Known 0",
-                                  "A Acquaintance 0", "Hidden 2"}));
+                                  "A Acquaintance 0", "Hidden 2", "Trash 4"}));
     EXPECT_EQ(sidebar.findItems("Friends", Qt::MatchExactly).value(0)->toolTip(),
               "7 in Friends; your 50 holds 10 of 50");
 }
