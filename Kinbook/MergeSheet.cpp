@@ -94,6 +94,11 @@ MergeSheet::MergeSheet(PeopleList& list, std::vector<std::string> selectedIDs, M
         content);
     intro->setWordWrap(true);
     m_layout->addWidget(intro);
+    // Circles are not one card's field to pick: the merged person keeps the
+    // closest circle any of them was in, and the sheet says so beforehand.
+    auto* circleRule = new QLabel("The person keeps the closest circle any of these people was in.", content);
+    circleRule->setWordWrap(true);
+    m_layout->addWidget(circleRule);
 
     m_error = new QLabel(this);
     m_error->setWordWrap(true);

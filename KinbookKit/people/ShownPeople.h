@@ -170,7 +170,7 @@ private:
     std::optional<LastSearch> m_lastSearch;
 
     std::map<std::string, std::string> m_pastJobText;
-    std::map<std::string, std::string> m_pastJobsByKey;              // KinID (else person id) -> folded text
+    std::map<std::string, std::string> m_pastJobsByKey; // KinID (else person id) -> folded text
     std::unordered_map<const Person*, const std::string*> m_pastJobLookup;
     std::vector<const std::string*> m_pastJobsByPosition; // by search-index position, when anyone has some
     std::uint64_t m_pastJobsVersion = 0;
