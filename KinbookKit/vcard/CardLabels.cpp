@@ -85,6 +85,20 @@ std::string firstCustom(const Types& types, std::initializer_list<std::string_vi
     return {};
 }
 
+// Home, work and other, which every kind of entry shares.
+std::optional<std::string> commonLabel(const Types& types) {
+    if (types.has("HOME")) {
+        return constantOf(StockLabel::home);
+    }
+    if (types.has("WORK")) {
+        return constantOf(StockLabel::work);
+    }
+    if (types.has("OTHER")) {
+        return constantOf(StockLabel::other);
+    }
+    return std::nullopt;
+}
+
 std::string phoneLabel(const Types& types) {
     if (types.has("IPHONE")) {
         return constantOf(StockLabel::iPhone);
@@ -106,32 +120,12 @@ std::string phoneLabel(const Types& types) {
     if (types.has("MAIN")) {
         return constantOf(StockLabel::main);
     }
-    if (types.has("HOME")) {
-        return constantOf(StockLabel::home);
-    }
-    if (types.has("WORK")) {
-        return constantOf(StockLabel::work);
-    }
-    if (types.has("OTHER")) {
-        return constantOf(StockLabel::other);
+    if (auto common = commonLabel(types)) {
+        return *common;
     }
     // A fax with neither home nor work, and other writers' kinds (CAR, VIDEO).
     std::string custom = firstCustom(types, {});
     return custom.empty() ? constantOf(StockLabel::other) : custom;
-}
-
-// Home, work and other, which every kind of entry shares.
-std::optional<std::string> commonLabel(const Types& types) {
-    if (types.has("HOME")) {
-        return constantOf(StockLabel::home);
-    }
-    if (types.has("WORK")) {
-        return constantOf(StockLabel::work);
-    }
-    if (types.has("OTHER")) {
-        return constantOf(StockLabel::other);
-    }
-    return std::nullopt;
 }
 
 std::string emailLabel(const Types& types) {

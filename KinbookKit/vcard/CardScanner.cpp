@@ -131,28 +131,14 @@ struct Decoding {
 };
 
 void appendParameterValues(std::string_view list, VCardVersion version, std::string& joined) {
-    std::size_t start = 0;
-    bool inQuotes = false;
-    for (std::size_t i = 0; i <= list.size(); ++i) {
-        if (i < list.size() && list[i] == '"') {
-            inQuotes = !inQuotes;
-            continue;
-        }
-        if (i < list.size() && (inQuotes || list[i] != ',')) {
-            continue;
-        }
-        const std::string_view piece = list.substr(start, i - start);
-        start = i + 1;
-        const bool quoted = !piece.empty() && piece.front() == '"';
-        const bool carets = version == VCardVersion::v4_0 || (version == VCardVersion::v3_0 && quoted);
-        const std::string value = makeValidUtf8(decodeVCardParameterValue(piece, carets));
+    forEachParameterValue(list, version, [&](const std::string& value, bool /*quoted*/) {
         if (!value.empty()) {
             if (!joined.empty()) {
                 joined.push_back(',');
             }
             joined += value;
         }
-    }
+    });
 }
 
 // Splits the parameters as the codec does (quotes protect ';' and ':') and

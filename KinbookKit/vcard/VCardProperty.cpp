@@ -53,21 +53,7 @@ VCardParameter parseParameter(std::string_view written, VCardVersion version) {
     parameter.name = std::string(written.substr(0, equals));
     const std::string_view list = written.substr(equals + 1);
     const bool isType = equalsIgnoringCase(parameter.name, "TYPE");
-    std::size_t start = 0;
-    bool inQuotes = false;
-    for (std::size_t i = 0; i <= list.size(); ++i) {
-        if (i < list.size() && list[i] == '"') {
-            inQuotes = !inQuotes;
-            continue;
-        }
-        if (i < list.size() && (inQuotes || list[i] != ',')) {
-            continue;
-        }
-        const std::string_view piece = list.substr(start, i - start);
-        start = i + 1;
-        const bool quoted = !piece.empty() && piece.front() == '"';
-        const bool carets = version == VCardVersion::v4_0 || (version == VCardVersion::v3_0 && quoted);
-        std::string value = makeValidUtf8(decodeVCardParameterValue(piece, carets));
+    forEachParameterValue(list, version, [&](std::string value, bool quoted) {
         if (isType && quoted) {
             // TYPE="HOME,VOICE" means two values.
             std::size_t from = 0;
@@ -82,7 +68,7 @@ VCardParameter parseParameter(std::string_view written, VCardVersion version) {
         } else if (!value.empty()) {
             parameter.values.push_back(std::move(value));
         }
-    }
+    });
     return parameter;
 }
 

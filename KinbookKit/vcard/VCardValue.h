@@ -76,6 +76,31 @@ std::string makeValidUtf8(std::string_view bytes);
 // decoded (RFC 6868).
 std::string decodeVCardParameterValue(std::string_view written, bool caretEscapes);
 
+// Each value of a parameter's comma list as written (`"a,b",c`): a comma
+// inside quotes does not separate. `each(value, quoted)` gets the value
+// decoded (carets in 4.0, and in quoted 3.0 values) and made valid UTF-8,
+// and whether it was written in quotes. The full parser and the list's fast
+// scan both read parameters through this, so that they agree.
+template <typename Each>
+void forEachParameterValue(std::string_view list, VCardVersion version, Each&& each) {
+    std::size_t start = 0;
+    bool inQuotes = false;
+    for (std::size_t i = 0; i <= list.size(); ++i) {
+        if (i < list.size() && list[i] == '"') {
+            inQuotes = !inQuotes;
+            continue;
+        }
+        if (i < list.size() && (inQuotes || list[i] != ',')) {
+            continue;
+        }
+        const std::string_view piece = list.substr(start, i - start);
+        start = i + 1;
+        const bool quoted = !piece.empty() && piece.front() == '"';
+        const bool carets = version == VCardVersion::v4_0 || (version == VCardVersion::v3_0 && quoted);
+        each(makeValidUtf8(decodeVCardParameterValue(piece, carets)), quoted);
+    }
+}
+
 // A parameter value ready to write: quoted when it holds ':' ';' ',' or
 // white space other than a plain space, with '^', '"' and line breaks
 // caret-escaped (and then quoted); control characters dropped.
