@@ -1,13 +1,10 @@
 #pragma once
 
+#include "tests/support/SavedEnvironment.h"
 #include "tests/support/TempFolder.h"
 
 #include <cstdlib>
 #include <filesystem>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace kinbook::testing {
 
@@ -15,9 +12,7 @@ namespace kinbook::testing {
 class FreshHome {
 public:
     FreshHome() {
-        for (const char* name : kNames) {
-            const char* value = std::getenv(name);
-            m_saved.emplace_back(name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
+        for (const char* name : {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"}) {
             const auto path = m_folder / name;
             std::filesystem::create_directories(path);
             ::setenv(name, path.c_str(), 1);
@@ -26,22 +21,12 @@ public:
         ::unsetenv("KINBOOK_CONTACTS");
         ::unsetenv("KINBOOK_SIDECAR");
     }
-    ~FreshHome() {
-        for (const auto& [name, value] : m_saved) {
-            if (value) {
-                ::setenv(name, value->c_str(), 1);
-            } else {
-                ::unsetenv(name);
-            }
-        }
-    }
     const std::filesystem::path& path() const { return m_folder.path(); }
 
 private:
-    static constexpr const char* kNames[] = {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME",
-                                             "XDG_DATA_HOME"};
     TempFolder m_folder;
-    std::vector<std::pair<const char*, std::optional<std::string>>> m_saved;
+    SavedEnvironment m_saved{"XDG_CONFIG_HOME", "XDG_CACHE_HOME",   "XDG_STATE_HOME", "XDG_DATA_HOME",
+                             "KINBOOK_CONFIG",  "KINBOOK_CONTACTS", "KINBOOK_SIDECAR"};
 };
 
 } // namespace kinbook::testing

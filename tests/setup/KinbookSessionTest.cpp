@@ -7,6 +7,7 @@
 
 #include "KinbookKit/people/PeopleList.h"
 #include "tests/support/ManualExecutor.h"
+#include "tests/support/SavedEnvironment.h"
 #include "tests/support/TempFolder.h"
 
 #include <gtest/gtest.h>
@@ -31,30 +32,19 @@ const std::string kPat = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Plain;Pat;;;\r\nFN:Pat
 class FreshHome {
 public:
     FreshHome() {
-        for (const char* name : kNames) {
-            const char* value = std::getenv(name);
-            m_saved.emplace_back(name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
+        for (const char* name : {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME",
+                                 "KINBOOK_CONFIG", "KINBOOK_CONTACTS", "KINBOOK_SIDECAR"}) {
             ::unsetenv(name);
         }
         ::setenv("HOME", m_folder.path().c_str(), 1);
     }
-    ~FreshHome() {
-        for (const auto& [name, value] : m_saved) {
-            if (value) {
-                ::setenv(name, value->c_str(), 1);
-            } else {
-                ::unsetenv(name);
-            }
-        }
-    }
     fs::path operator/(const fs::path& name) const { return m_folder / name; }
 
 private:
-    static constexpr const char* kNames[] = {
+    testing::TempFolder m_folder;
+    testing::SavedEnvironment m_saved{
         "HOME",          "XDG_CONFIG_HOME", "XDG_CACHE_HOME",   "XDG_STATE_HOME",
         "XDG_DATA_HOME", "KINBOOK_CONFIG",  "KINBOOK_CONTACTS", "KINBOOK_SIDECAR"};
-    testing::TempFolder m_folder;
-    std::vector<std::pair<const char*, std::optional<std::string>>> m_saved;
 };
 
 TEST(KinbookSession, OpensTheConfiguredBookInTheBackgroundAndHandsBackAListThatLoads) {
