@@ -1,6 +1,7 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
 #include "cli/CommandSuggestion.h"
+#include "cli/EditCommands.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
 #include "cli/MergeCommands.h"
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addPhotoCommands(app, options);
     kinbook::cli::addMergeCommands(app, options);
     kinbook::cli::addTrashCommands(app, options);
+    kinbook::cli::addEditCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {
