@@ -3,6 +3,7 @@
 #include "cli/CommandSuggestion.h"
 #include "cli/EditCommands.h"
 #include "cli/Failure.h"
+#include "cli/ImportExportCommands.h"
 #include "cli/InspectCommands.h"
 #include "cli/MergeCommands.h"
 #include "cli/PeopleCommands.h"
@@ -36,6 +37,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addMergeCommands(app, options);
     kinbook::cli::addTrashCommands(app, options);
     kinbook::cli::addEditCommands(app, options);
+    kinbook::cli::addImportExportCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {
