@@ -364,31 +364,30 @@ public:
     Result<void, std::string> apply(const Line& line) {
         for (const auto& field : kTextFields) {
             if (line.key == field.key) {
-                if (auto once = firstTime(line.key); !once.ok()) {
-                    return once;
-                }
                 if (line.label) {
                     return failure(std::string(field.key) + " takes no label");
+                }
+                if (auto once = firstTime(line.key); !once.ok()) {
+                    return once;
                 }
                 m_draft.*field.member = keptOr(line.value, &(m_original.*field.member));
                 return {};
             }
         }
         if (line.key == kBirthday) {
-            if (auto once = firstTime(line.key); !once.ok()) {
-                return once;
-            }
             if (line.label) {
                 return failure(std::string("birthday takes no label"));
             }
-            if (line.value.empty()) {
-                m_draft.birthday.reset();
-                return {};
+            std::optional<DateComponents> date;
+            if (!line.value.empty()) {
+                date = parseDate(line.value);
+                if (!date) {
+                    return failure("\"" + line.value +
+                                   "\" is no date: write 1987-03-14, or --03-14 without a year");
+                }
             }
-            auto date = parseDate(line.value);
-            if (!date) {
-                return failure("\"" + line.value +
-                               "\" is no date: write 1987-03-14, or --03-14 without a year");
+            if (auto once = firstTime(line.key); !once.ok()) {
+                return once;
             }
             m_draft.birthday = date;
             return {};
@@ -420,9 +419,9 @@ private:
         }
         const TagTarget& found = m_tags[*line.tag - 1];
         if (found.kind != field.kind) {
-            return failure("[" + std::to_string(*line.tag) + "] is a " +
-                           std::string(listField(found.kind).key) + ", not a " + std::string(field.key) +
-                           ": take the tag off for a new entry");
+            return failure("[" + std::to_string(*line.tag) + "] is the tag of a " +
+                           std::string(listField(found.kind).key) + ", so it can't go on a " +
+                           std::string(field.key) + " line: take it off for a new entry");
         }
         if (!m_usedTags.insert(*line.tag).second) {
             return failure("[" + std::to_string(*line.tag) +
