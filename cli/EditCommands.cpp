@@ -267,7 +267,8 @@ std::string draftName(const ContactDraft& draft) {
 constexpr std::string_view kSetHelp =
     "FIELD=VALUE: change a field without an editor. A text (given, family, company, title, …) or the "
     "birthday "
-    "(1987-03-14, --03-14) is replaced, an empty value clears it; phone, email, url, address and link add an "
+    "(1987-03-14, --03-14) is replaced, an empty value clears it; phone, email, url, address, date and link "
+    "add an "
     "entry, with a label after the field (\"phone mobile=+1 555 0100\", \"link instagram=ann\"). An address "
     "may "
     "be pasted whole (\"address home=12 Main St, Springfield, IL 62701\") or given in parts "

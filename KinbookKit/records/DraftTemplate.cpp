@@ -24,10 +24,16 @@ struct TextField {
 };
 
 constexpr std::array kTextFields{
-    TextField{"prefix", &ContactDraft::namePrefix},    TextField{"given", &ContactDraft::givenName},
-    TextField{"middle", &ContactDraft::middleName},    TextField{"family", &ContactDraft::familyName},
-    TextField{"suffix", &ContactDraft::nameSuffix},    TextField{"nickname", &ContactDraft::nickname},
-    TextField{"company", &ContactDraft::organization}, TextField{"department", &ContactDraft::department},
+    TextField{"prefix", &ContactDraft::namePrefix},
+    TextField{"given", &ContactDraft::givenName},
+    TextField{"middle", &ContactDraft::middleName},
+    TextField{"family", &ContactDraft::familyName},
+    TextField{"suffix", &ContactDraft::nameSuffix},
+    TextField{"phonetic-given", &ContactDraft::phoneticGivenName},
+    TextField{"phonetic-family", &ContactDraft::phoneticFamilyName},
+    TextField{"nickname", &ContactDraft::nickname},
+    TextField{"company", &ContactDraft::organization},
+    TextField{"department", &ContactDraft::department},
     TextField{"title", &ContactDraft::jobTitle},
 };
 
@@ -42,9 +48,14 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kAliases{
 }};
 
 constexpr std::string_view kBirthday = "birthday";
+constexpr std::string_view kNote = "note";
+
+// Address books write an anniversary's label as this token; a new date
+// labelled "anniversary" gets it too, so other programs show it as one.
+constexpr std::string_view kAnniversaryToken = "_$!<Anniversary>!$_";
 
 // The entry lists, in the order the template lists them (and numbers their tags).
-enum class ListKind { phone, email, url, address, link };
+enum class ListKind { phone, email, url, address, date, link };
 
 struct ListField {
     std::string_view key;
@@ -57,6 +68,7 @@ constexpr std::array kListFields{
     ListField{"email", ListKind::email, &ContactDraft::emails},
     ListField{"url", ListKind::url, &ContactDraft::urls},
     ListField{"address", ListKind::address, nullptr},
+    ListField{"date", ListKind::date, nullptr},
     ListField{"link", ListKind::link, nullptr},
 };
 
@@ -78,6 +90,8 @@ std::vector<TagTarget> tagsOf(const ContactDraft& draft) {
             count = (draft.*field.fields).size();
         } else if (field.kind == ListKind::address) {
             count = draft.addresses.size();
+        } else if (field.kind == ListKind::date) {
+            count = draft.dates.size();
         } else {
             count = draft.links.size();
         }
@@ -208,7 +222,8 @@ constexpr std::string_view kExplanation =
 #
 # An address is "street | city | state | postal code | country"; an address
 # pasted whole on one line is split into its parts. \n in a value is a line
-# break. A birthday is 1987-03-14, or --03-14 without a year.
+# break. A birthday or other date is 1987-03-14, or --03-14 without a year
+# ("date anniversary: 2001-06-02"). The note is one line; \n starts another.
 )";
 
 // --- Reading ------------------------------------------------------------------
@@ -392,6 +407,21 @@ public:
             m_draft.birthday = date;
             return {};
         }
+        if (line.key == kNote) {
+            if (line.label) {
+                return failure(std::string("note takes no label"));
+            }
+            if (auto once = firstTime(line.key); !once.ok()) {
+                return once;
+            }
+            // A note read the same stays as it was, and no note stays none.
+            if (line.value != trimAsciiSpace(m_original.note.value_or(""))) {
+                m_draft.note = line.value;
+            } else {
+                m_draft.note = m_original.note;
+            }
+            return {};
+        }
         for (const auto& field : kListFields) {
             if (line.key == field.key) {
                 return addEntry(field, line);
@@ -455,6 +485,9 @@ private:
         }
         if (field.kind == ListKind::link) {
             return addLink(line, from ? &m_original.links[*from] : nullptr);
+        }
+        if (field.kind == ListKind::date) {
+            return addDate(line, from ? &m_original.dates[*from] : nullptr);
         }
         const ContactDraft::Field* original = from ? &(m_original.*field.fields)[*from] : nullptr;
         auto written = label(line, original ? &original->label : nullptr);
@@ -527,6 +560,28 @@ private:
         return {};
     }
 
+    Result<void, std::string> addDate(const Line& line, const ContactDraft::Date* original) {
+        auto written = label(line, original ? &original->label : nullptr);
+        if (!written.ok()) {
+            return failure(written.error());
+        }
+        if (line.value.empty()) {
+            return {};
+        }
+        const auto date = parseDate(line.value);
+        if (!date) {
+            return failure("\"" + line.value + "\" is no date: write 2001-06-02, or --06-02 without a year");
+        }
+        ContactDraft::Date entry;
+        entry.id = original ? original->id : makeUUID();
+        entry.isNew = original ? original->isNew : true;
+        entry.label = equalsIgnoringAsciiCase(written.value(), "anniversary") ? std::string(kAnniversaryToken)
+                                                                              : std::move(written.value());
+        entry.date = *date;
+        m_draft.dates.push_back(std::move(entry));
+        return {};
+    }
+
     Result<void, std::string> addLink(const Line& line, const LinkedAccount* original) {
         std::optional<LinkService> service;
         std::string handle = line.value;
@@ -574,7 +629,7 @@ std::string fieldNames() {
     for (const auto& field : kTextFields) {
         names += std::string(field.key) + ", ";
     }
-    names += std::string(kBirthday);
+    names += std::string(kBirthday) + ", " + std::string(kNote);
     for (const auto& field : kListFields) {
         names += ", " + std::string(field.key);
     }
@@ -595,6 +650,7 @@ std::string render(const ContactDraft& draft, std::string_view heading) {
         single(field.key, escaped(draft.*field.member));
     }
     single(kBirthday, draft.birthday ? dateText(*draft.birthday) : "");
+    single(kNote, escaped(draft.note.value_or("")));
 
     std::size_t tag = 0;
     const auto entry = [&](std::string_view key, std::string_view label, const std::string& value) {
@@ -603,6 +659,7 @@ std::string render(const ContactDraft& draft, std::string_view heading) {
     for (const auto& field : kListFields) {
         const bool any = field.fields != nullptr           ? !(draft.*field.fields).empty()
                          : field.kind == ListKind::address ? !draft.addresses.empty()
+                         : field.kind == ListKind::date    ? !draft.dates.empty()
                                                            : !draft.links.empty();
         if (any) {
             text += "\n";
@@ -614,6 +671,10 @@ std::string render(const ContactDraft& draft, std::string_view heading) {
         } else if (field.kind == ListKind::address) {
             for (const auto& address : draft.addresses) {
                 entry(field.key, labelText(address.label), addressText(address));
+            }
+        } else if (field.kind == ListKind::date) {
+            for (const auto& date : draft.dates) {
+                entry(field.key, labelText(date.label), dateText(date.date));
             }
         } else {
             for (const auto& link : draft.links) {
@@ -630,6 +691,9 @@ Result<ContactDraft, Mistake> parse(std::string_view text, const ContactDraft& o
         (draft.*field.member).clear();
     }
     draft.birthday.reset();
+    // A note taken out is cleared like any field; a card without one has none to clear.
+    draft.note = original.note ? std::optional<std::string>("") : std::nullopt;
+    draft.dates.clear();
     draft.phones.clear();
     draft.emails.clear();
     draft.urls.clear();

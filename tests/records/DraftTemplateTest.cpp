@@ -27,7 +27,10 @@ ContactDraft sampleDraft() {
     draft.addresses = {{"a1", std::string(labelConstant(StockLabel::home)), "12 Main St\nApt 4",
                         "Springfield", "IL", "62701", "USA | Canada", false}};
     draft.birthday = DateComponents{2, 29, std::nullopt};
+    draft.dates = {{"d1", "_$!<Anniversary>!$_", DateComponents{6, 2, 2001}, false}};
     draft.links = {{"l1", LinkService::instagram, "annsmith", false}};
+    draft.phoneticGivenName = "Anne";
+    draft.note = "Likes tea.\nAllergic to cashews.";
     draft.messageLinkIDs = {"l1"};
     draft.anchorURL = "kinbook://c/AAAA0001";
     return draft;
@@ -52,7 +55,8 @@ TEST(DraftTemplate, AnUnchangedTextReadsBackAsTheSameDraft) {
     const std::string text = DraftTemplate::render(draft, "Ann Smith");
     EXPECT_NE(text.find("\nphone mobile: +1 555 0100 [1]\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nemail \"Club: \\\"chess\\\"\": a@b.c [5]\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nbirthday: --02-29\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nbirthday: --02-29\nnote: Likes tea.\\nAllergic to cashews.\n"), std::string::npos)
+        << text;
     const auto parsed = DraftTemplate::parse(text, draft);
     ASSERT_TRUE(parsed.ok()) << parsed.error().line << ": " << parsed.error().message;
     EXPECT_EQ(parsed.value(), draft);
@@ -74,7 +78,9 @@ TEST(DraftTemplate, TagsKeepIdentitiesThroughMovesAndEdits) {
                     "address home: 12 Main St\\nApt 4 | Shelbyville | IL | 62701 | USA \\| Canada [7]"},
                    {"birthday:", "birthday: 1987-03-14"},
                    {"title:", "title: Engineer"},
-                   {"link instagram:", "link x: @ann [8]"},
+                   {"date anniversary:", "date anniversary: --06-03 [8]"},
+                   {"note:", ""},
+                   {"link instagram:", "link x: @ann [9]"},
                },
                // Moved below the others, and two new entries.
                "phone \"other fax\": 555 0101 [2]\nemail: new@example.com\n"
@@ -103,6 +109,10 @@ TEST(DraftTemplate, TagsKeepIdentitiesThroughMovesAndEdits) {
     EXPECT_EQ(result.addresses[1].state, "NY");
     EXPECT_EQ(result.birthday, (DateComponents{3, 14, 1987}));
     EXPECT_EQ(result.jobTitle, "Engineer");
+    EXPECT_EQ(result.note, "") << "a note taken out is cleared";
+    ASSERT_EQ(result.dates.size(), 1u);
+    EXPECT_EQ(result.dates[0],
+              (ContactDraft::Date{"d1", "_$!<Anniversary>!$_", {6, 3, std::nullopt}, false}));
     EXPECT_EQ(result.familyName, "Smith ");
     ASSERT_EQ(result.links.size(), 1u);
     EXPECT_EQ(result.links[0], (LinkedAccount{"l1", LinkService::x, "ann", false}));
