@@ -82,20 +82,26 @@ struct TagTarget {
     std::size_t index;
 };
 
+std::size_t entryCount(const ContactDraft& draft, const ListField& field) {
+    switch (field.kind) {
+    case ListKind::address:
+        return draft.addresses.size();
+    case ListKind::date:
+        return draft.dates.size();
+    case ListKind::link:
+        return draft.links.size();
+    case ListKind::phone:
+    case ListKind::email:
+    case ListKind::url:
+        break;
+    }
+    return (draft.*field.fields).size();
+}
+
 std::vector<TagTarget> tagsOf(const ContactDraft& draft) {
     std::vector<TagTarget> tags;
     for (const auto& field : kListFields) {
-        std::size_t count = 0;
-        if (field.fields != nullptr) {
-            count = (draft.*field.fields).size();
-        } else if (field.kind == ListKind::address) {
-            count = draft.addresses.size();
-        } else if (field.kind == ListKind::date) {
-            count = draft.dates.size();
-        } else {
-            count = draft.links.size();
-        }
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; i < entryCount(draft, field); ++i) {
             tags.push_back({field.kind, i});
         }
     }
@@ -657,11 +663,7 @@ std::string render(const ContactDraft& draft, std::string_view heading) {
         text += std::string(key) + writtenLabel(label) + ": " + value + " [" + std::to_string(++tag) + "]\n";
     };
     for (const auto& field : kListFields) {
-        const bool any = field.fields != nullptr           ? !(draft.*field.fields).empty()
-                         : field.kind == ListKind::address ? !draft.addresses.empty()
-                         : field.kind == ListKind::date    ? !draft.dates.empty()
-                                                           : !draft.links.empty();
-        if (any) {
+        if (entryCount(draft, field) > 0) {
             text += "\n";
         }
         if (field.fields != nullptr) {
