@@ -141,6 +141,23 @@ TEST_F(EditCommand, AMistakeReopensTheEditorWithTheErrorAbove) {
     EXPECT_EQ(shownCard()["phones"].size(), 3u);
 }
 
+TEST_F(EditCommand, ACardChangedWhileTheEditorWasOpenIsNotOverwritten) {
+    // The "sync" rewrites the card's work phone while the user edits the title.
+    useEditor("sed -i -e 's/+1 555 0111/+1 555 0777/' " + card.string() +
+              "\nsed -i -e 's/^title:.*/title: Engineer/' \"$1\"");
+    const auto run = home.run({"edit", "ann"});
+    EXPECT_EQ(run.exitCode, 1);
+    const std::string synced = testing::readFile(card);
+    EXPECT_NE(synced.find("+1 555 0777"), std::string::npos);
+    EXPECT_EQ(synced.find("Engineer"), std::string::npos) << synced;
+    // The user's text is kept where the message says.
+    const auto at = run.err.find("your text is in ");
+    ASSERT_NE(at, std::string::npos) << run.err;
+    const fs::path kept = run.err.substr(at + 16, run.err.find('\n', at) - at - 16);
+    EXPECT_NE(testing::readFile(kept).find("\ntitle: Engineer\n"), std::string::npos);
+    fs::remove(kept);
+}
+
 TEST_F(EditCommand, SetAndNewForScripts) {
     auto run = home.run({"edit", "ann", "--set", "company=Initech", "--set", "phone work=555 0300", "--set",
                          "address=10 Downing Street, London SW1A 2AA, United Kingdom"});
