@@ -1,6 +1,7 @@
 #include "Kinbook/KinbookApp.h"
 
 #include "Kinbook/ContactPage.h"
+#include "Kinbook/ImportExport.h"
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/PhotoGrid.h"
@@ -93,6 +94,8 @@ void KinbookApp::opened() {
     }
     m_window->page()->photoGrid()->attach(*m_session);
     m_window->setDuplicatesSupport(m_session->notDuplicatesFile(), m_session->mergePhotoKeeper());
+    m_importExport = new ImportExport(*m_window, *m_list, m_session->addressBook(), m_main, m_background);
+    m_importExport->addActions(*m_window->fileMenu());
     if (m_options.windowWidth) {
         m_window->resize(*m_options.windowWidth, m_window->height());
     }
@@ -130,6 +133,11 @@ void KinbookApp::loaded() {
                 .arg(qt(configuration.contacts.string()), qt(configuration.configFile.string())));
     }
     Q_EMIT firstLoadFinished();
+    // Opened with .vcf files (from the file manager): offer them once the
+    // people are there to tell which cards are new.
+    if (!m_options.importFiles.empty()) {
+        m_importExport->offerImport(m_options.importFiles);
+    }
     afterLaunchSwitches();
 }
 

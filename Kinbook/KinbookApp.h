@@ -14,6 +14,7 @@ class QSettings;
 
 namespace kinbook {
 
+class ImportExport;
 class MainWindow;
 class PeopleList;
 class ScrollBench;
@@ -39,6 +40,8 @@ public:
 
     // The main window; null until the address book is open (windowShown).
     MainWindow* window() const { return m_window.get(); }
+    // File ▸ Import… and Export…; null until the main window shows.
+    ImportExport* importExport() const { return m_importExport; }
     PeopleList* list() const { return m_list; }
     KinbookSession* session() const { return m_session.get(); }
     // Whether the first load has finished.
@@ -67,6 +70,7 @@ private:
     PeopleList* m_list = nullptr; // the session's; null until the address book is open
     std::unique_ptr<QSettings> m_settings;
     std::unique_ptr<MainWindow> m_window;
+    ImportExport* m_importExport = nullptr; // the window's child
     std::unique_ptr<MainThreadWatcher> m_watcher;
     std::unique_ptr<SearchBench> m_searchBench;
     std::unique_ptr<ScrollBench> m_scrollBench;

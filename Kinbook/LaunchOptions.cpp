@@ -1,6 +1,7 @@
 #include "Kinbook/LaunchOptions.h"
 
 #include "KinbookKit/Version.h"
+#include "KinbookKit/text/Ascii.h"
 
 #include <fmt/format.h>
 
@@ -21,6 +22,12 @@ std::optional<int> parseWidth(std::string_view text) {
         return std::nullopt;
     }
     return value;
+}
+
+// A file the desktop hands over to be imported: named as a vCard file is.
+bool isVCardFile(std::string_view argument) {
+    const auto extension = asciiLowered(std::filesystem::path(argument).extension().string());
+    return !argument.starts_with('-') && (extension == ".vcf" || extension == ".vcard");
 }
 
 } // namespace
@@ -78,6 +85,8 @@ Result<LaunchOptions, std::string> LaunchOptions::parse(std::span<const std::str
                 }
                 options.windowWidth = *width;
             }
+        } else if (isVCardFile(argument)) {
+            options.importFiles.emplace_back(std::string(argument));
         } else {
             return failure(fmt::format("unknown argument {}", argument));
         }
@@ -88,11 +97,12 @@ Result<LaunchOptions, std::string> LaunchOptions::parse(std::span<const std::str
 std::string LaunchOptions::usage() {
     return fmt::format("{}: your address book, with circles, former entries and more\n"
                        "\n"
-                       "Usage: vellumary-contacts [--contacts DIR] [diagnostic switches]\n"
+                       "Usage: vellumary-contacts [--contacts DIR] [diagnostic switches] [FILE.vcf…]\n"
                        "\n"
                        "  --contacts DIR        the vdir address book to open (one folder per account)\n"
                        "  --version             print the version and exit\n"
                        "  --help                print this text and exit\n"
+                       "  FILE.vcf…             offer to import the cards of these vCard files\n"
                        "\n"
                        "Diagnostics:\n"
                        "  -KinScreenshot FILE   wait for the first load, save the window as PNG and quit\n"

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kinbook {
 
@@ -20,6 +21,7 @@ namespace kinbook {
 //   -KinSearchBench         types into the search field and logs how long keys and results took
 //   -KinScrollBench         scrolls the list at a fixed rate and logs how late the steps came
 //   --version, --help
+//   FILE.vcf…               vCard files to offer to import (the desktop opens them so)
 //
 // With -KinSearchBench or -KinScrollBench the application quits when they
 // are done (after the screenshot, if one was asked for).
@@ -32,6 +34,7 @@ struct LaunchOptions {
     bool scrollBench = false;
     bool showVersion = false;
     bool showHelp = false;
+    std::vector<std::filesystem::path> importFiles;
 
     bool operator==(const LaunchOptions&) const = default;
 

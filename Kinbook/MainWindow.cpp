@@ -258,6 +258,7 @@ QWidget* MainWindow::buildStatePane() {
 
 void MainWindow::buildMenus() {
     QMenu* file = menuBar()->addMenu("&File");
+    m_fileMenu = file;
     QAction* quit = file->addAction("Quit", qApp, &QApplication::quit);
     quit->setShortcut(QKeySequence::Quit);
 

@@ -12,6 +12,7 @@
 class QAction;
 class QLabel;
 class QLineEdit;
+class QMenu;
 class QPushButton;
 class QSettings;
 class QSplitter;
@@ -99,6 +100,8 @@ public:
     // Delete: the selected people go to the Trash at once (none without a
     // sidecar folder, when it is not offered).
     QAction* trashAction() const { return m_trashAction; }
+    // The File menu, for the actions others add to it (Import…, Export…).
+    QMenu* fileMenu() const { return m_fileMenu; }
 
     // Narrower than this, the headings column steps aside.
     static constexpr int kHeadingsMinimumWidth = 860;
@@ -169,6 +172,7 @@ private:
     TrashView* m_trashView = nullptr;
     TrashBar* m_trashBar = nullptr;
     QAction* m_trashAction = nullptr;
+    QMenu* m_fileMenu = nullptr;
 
     bool m_showHeadings = true;
     std::string m_pagePersonID;     // the person the page shows

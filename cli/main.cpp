@@ -1,7 +1,9 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
 #include "cli/CommandSuggestion.h"
+#include "cli/EditCommands.h"
 #include "cli/Failure.h"
+#include "cli/ImportExportCommands.h"
 #include "cli/InspectCommands.h"
 #include "cli/MergeCommands.h"
 #include "cli/PeopleCommands.h"
@@ -34,6 +36,8 @@ int main(int argc, char** argv) {
     kinbook::cli::addPhotoCommands(app, options);
     kinbook::cli::addMergeCommands(app, options);
     kinbook::cli::addTrashCommands(app, options);
+    kinbook::cli::addEditCommands(app, options);
+    kinbook::cli::addImportExportCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {

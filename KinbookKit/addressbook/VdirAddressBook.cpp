@@ -1170,7 +1170,36 @@ bool VdirAddressBook::nameLinksToNotedCard(const ContactDraft& draft) {
     return false;
 }
 
+namespace {
+
+// The note a script sets: none clears it.
+std::optional<std::string> scriptedNote(const std::string& note) {
+    std::string wanted = wantedNote(note);
+    if (wanted.empty()) {
+        return std::nullopt;
+    }
+    return wanted;
+}
+
+} // namespace
+
 Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& draft) {
+    if (!draft.id && m_options.notesLocked && draft.note && !wantedNote(*draft.note).empty()) {
+        // The card is made without its note, which then goes through the
+        // Contacts application like any note where notes are locked.
+        ContactDraft withoutNote = draft;
+        withoutNote.note.reset();
+        auto outcome = save(withoutNote);
+        if (!outcome.ok()) {
+            return outcome;
+        }
+        const std::string lines = ContactsAppScript::noteLines(outcome->id, scriptedNote(*draft.note));
+        if (outcome->kind == SaveOutcome::Kind::saved) {
+            return SaveOutcome{SaveOutcome::Kind::viaContactsApp, outcome->id, lines};
+        }
+        outcome->body += "\n" + lines;
+        return outcome;
+    }
     if (!draft.id) {
         const WriteLock writing = lockForWriting();
         if (!m_options.notesLocked || !nameLinksToNotedCard(draft)) {
@@ -1220,14 +1249,19 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
     // What the card would be with the draft applied, for the script, when
     // the card has a note and the store refuses it.
     std::optional<ContactsAppScript::Card> scripted;
+    std::string noteScript;
     auto result = editCard(
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
             std::lock_guard lock(m_mutex);
-            if (m_options.notesLocked && hasNote(card)) {
+            // Where notes are locked, a note can't be written directly
+            // either: a card that gets one goes the same way.
+            const bool noteChanges = draftChangesNote(card, draft);
+            if (m_options.notesLocked && (hasNote(card) || noteChanges)) {
                 VCard applied = card;
                 applyDraft(applied, draft, id, m_entries, m_options.clock->now());
                 scripted = ContactsAppScript::Card::read(applied, id);
+                noteScript = noteChanges ? ContactsAppScript::noteLines(id, scriptedNote(*draft.note)) : "";
                 return failure(AddressBookError::hasNote());
             }
             return applyDraft(card, draft, id, m_entries, m_options.clock->now());
@@ -1235,8 +1269,11 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
         "contact");
     if (!result.ok()) {
         if (result.error().code == AddressBookError::Code::hasNote && scripted) {
-            return SaveOutcome{SaveOutcome::Kind::viaContactsApp, cardID,
-                               ContactsAppScript::lines(*scripted, {ContactsAppScript::Fields::all})};
+            std::string body = ContactsAppScript::lines(*scripted, {ContactsAppScript::Fields::all});
+            if (!noteScript.empty()) {
+                body += "\n" + noteScript;
+            }
+            return SaveOutcome{SaveOutcome::Kind::viaContactsApp, cardID, std::move(body)};
         }
         return failure(result.error());
     }

@@ -122,6 +122,10 @@ ContactDraft ContactDraft::copyForAccount(std::string targetAccountID) const {
         address.id = makeUUID();
         address.isNew = true;
     }
+    for (auto& date : copy.dates) {
+        date.id = makeUUID();
+        date.isNew = true;
+    }
     for (auto& link : copy.links) {
         link.id = makeUUID();
         link.isNew = true;
@@ -134,8 +138,9 @@ ContactDraft ContactDraft::copyForAccount(std::string targetAccountID) const {
 
 bool ContactDraft::isEmpty() const {
     constexpr std::string_view spaces = " ";
-    for (const auto* text : {&namePrefix, &givenName, &middleName, &familyName, &nameSuffix, &nickname,
-                             &organization, &department, &jobTitle}) {
+    for (const auto* text :
+         {&namePrefix, &givenName, &middleName, &familyName, &nameSuffix, &nickname, &organization,
+          &department, &jobTitle, &phoneticGivenName, &phoneticFamilyName}) {
         if (!isBlank(*text, spaces)) {
             return false;
         }
@@ -152,7 +157,10 @@ bool ContactDraft::isEmpty() const {
             return false;
         }
     }
-    return true;
+    if (birthday || !dates.empty()) {
+        return false;
+    }
+    return !note || isBlank(*note, " \t\r\n");
 }
 
 std::string ContactDraft::labelDisplay(std::string_view label) {

@@ -42,6 +42,16 @@ struct ContactDraft {
         bool isEmpty() const;
     };
 
+    // An anniversary or other labelled date, with or without a year.
+    struct Date {
+        std::string id;
+        std::string label;
+        DateComponents date;
+        bool isNew = false;
+
+        bool operator==(const Date&) const = default;
+    };
+
     std::optional<std::string> id;        // the card being edited; none for a new card
     std::optional<std::string> accountID; // where a new card is made; none when editing
     std::string namePrefix;
@@ -61,6 +71,15 @@ struct ContactDraft {
     std::vector<LinkedAccount> links;
     std::set<std::string> messageLinkIDs; // the messaging entries the links stand for
     std::optional<std::string> anchorURL; // the card's anchor as read
+    std::string phoneticGivenName;
+    std::string phoneticFamilyName;
+    // Only the card's dates that read as dates: one in free text can't be
+    // shown as a date, so the draft neither holds nor removes it.
+    std::vector<Date> dates;
+    // None: the note is not edited and stays as it is. A text replaces the
+    // note; a blank one removes it. Where the store locks notes, a changed
+    // note is written through the Contacts application.
+    std::optional<std::string> note;
 
     bool operator==(const ContactDraft&) const = default;
 
@@ -72,7 +91,9 @@ struct ContactDraft {
     // become label constants again, an anchor URL among the web addresses is
     // held aside, and the card's links come along. The card's formatted
     // birthday can't be edited back into parts, so the reader that knows them
-    // passes them in.
+    // passes them in. The card shows its phonetic name joined and its other
+    // dates formatted, so the draft holds none of them, and no note: a draft
+    // to save comes from the store's draft(), which reads them all.
     static ContactDraft fromCard(const ContactCard& card,
                                  std::optional<DateComponents> birthday = std::nullopt);
 
@@ -80,8 +101,8 @@ struct ContactDraft {
     // fresh identity and is new; the card id is dropped.
     ContactDraft copyForAccount(std::string targetAccountID) const;
 
-    // No name or work text, and no entry or address with content. A new card
-    // is saved only when its draft is not empty.
+    // No name, phonetic name or work text, no entry, address, birthday or date, and no
+    // note with content. A new card is saved only when its draft is not empty.
     bool isEmpty() const;
 
     // The editor's text for a label: "no label" for none, else its display name.

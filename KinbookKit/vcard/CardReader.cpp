@@ -298,6 +298,7 @@ struct EntryContents {
     std::vector<ContactDraft::Field> urls;                                // less anchors and links
     std::vector<std::pair<ContactDraft::Address, std::string>> addresses; // with X-ABADR
     std::vector<ContactDraft::Field> dates;
+    std::vector<ContactDraft::Date> dateParts; // the dates that read as dates, for the editor
     std::vector<ContactDraft::Field> relations;
     std::vector<ContactDraft::Field> social;    // label: display text already
     std::vector<ContactDraft::Field> messaging; // label: display text already
@@ -365,6 +366,7 @@ EntryContents readEntries(const VCard& card, std::string_view cardID, EntryRegis
                 if (auto text = date->text(locale)) {
                     value = std::move(*text);
                 }
+                contents.dateParts.push_back({entry.id, readLabel(card, property), *date, false});
             }
             contents.dates.push_back({entry.id, readLabel(card, property), std::move(value), false});
             break;
@@ -547,6 +549,21 @@ std::optional<DateComponents> readBirthday(const VCard& card) {
     return birthday ? readCardDate(*birthday) : std::nullopt;
 }
 
+std::string cardNote(const VCard& card) {
+    std::string note;
+    for (const VCardProperty* line : card.find("NOTE")) {
+        std::string text = line->text();
+        if (trimAsciiSpace(text).empty()) {
+            continue;
+        }
+        if (!note.empty()) {
+            note += '\n';
+        }
+        note += text;
+    }
+    return note;
+}
+
 std::string formatPostalAddress(const ContactDraft::Address& address, std::string_view layout) {
     std::string text = address.street;
     switch (layoutFor(layout, address.country)) {
@@ -640,6 +657,10 @@ ContactDraft readDraft(const VCard& card, std::string_view cardID, EntryRegistry
     draft.links = std::move(entries.links);
     draft.messageLinkIDs = std::move(entries.messageLinkIDs);
     draft.anchorURL = std::move(entries.anchorURL);
+    draft.phoneticGivenName = trimAsciiSpace(firstText(card, "X-PHONETIC-FIRST-NAME"));
+    draft.phoneticFamilyName = trimAsciiSpace(firstText(card, "X-PHONETIC-LAST-NAME"));
+    draft.dates = std::move(entries.dateParts);
+    draft.note = cardNote(card);
     return draft;
 }
 

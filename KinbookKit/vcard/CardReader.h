@@ -54,6 +54,10 @@ std::optional<DateComponents> readCardDate(const VCardProperty& property);
 // The first BDAY line's date.
 std::optional<DateComponents> readBirthday(const VCard& card);
 
+// The card's note as one text, the way the Contacts application shows it:
+// the NOTE lines that hold text, joined by line breaks; "" when none.
+std::string cardNote(const VCard& card);
+
 // An address in mailing style, one part per line, empty parts dropped:
 // street lines, then "City, State PostalCode" — or "PostalCode City" (state
 // on a line of its own) where the country writes the code first, or the city

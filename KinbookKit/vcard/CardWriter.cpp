@@ -940,6 +940,24 @@ void writeURLs(CardEdit& edit, const ContactDraft& draft) {
     mergeFields(edit, EntryKind::url, kURLStyle, webAddresses, draft.urls, linkIDs);
 }
 
+// Writes a date in the card's written version's form: 3.0 "1987-03-14",
+// year-less "X-APPLE-OMIT-YEAR=1604:1604-03-14"; 4.0 "19870314" or "--0314".
+void setDateLine(VCard& card, VCardProperty& line, const DateComponents& date) {
+    const VCardVersion version = card.writtenVersion();
+    if (const auto type = line.parameter("VALUE"); type && !equalsIgnoringAsciiCase(*type, "date")) {
+        line.removeParameter("VALUE");
+    }
+    const bool omitYear = version != VCardVersion::v4_0 && !date.year;
+    if (omitYear) {
+        line.setParameter(kAppleOmitYear, {std::to_string(kAppleNoYear)});
+    } else if (line.parameter(kAppleOmitYear)) {
+        line.removeParameter(kAppleOmitYear);
+    }
+    line.setRawValue(dateValue(date, version));
+}
+
+void writeNote(VCard& card, const std::optional<std::string>& note);
+
 void writeBirthday(VCard& card, const std::optional<DateComponents>& birthday) {
     const auto lines = card.find("BDAY");
     VCardProperty* line = lines.empty() ? nullptr : lines.front();
@@ -964,17 +982,41 @@ void writeBirthday(VCard& card, const std::optional<DateComponents>& birthday) {
     if (line == nullptr) {
         line = &card.add("BDAY", {}, nameLineAnchor(card, {"TITLE", "ORG", "NICKNAME", "N", "FN"}));
     }
-    const VCardVersion version = card.writtenVersion();
-    if (const auto type = line->parameter("VALUE"); type && !equalsIgnoringAsciiCase(*type, "date")) {
-        line->removeParameter("VALUE");
+    setDateLine(card, *line, *birthday);
+}
+
+// Other dates: each draft date names its entry by id; a date that reads the
+// same is left as written. Entries that hold no date (free text) never
+// reached the editor and stay.
+void mergeDates(CardEdit& edit, const std::vector<ContactDraft::Date>& dates) {
+    VCard& card = edit.card();
+    const auto existing = edit.entries(EntryKind::date);
+    std::set<std::string> textDates;
+    for (const auto& entry : existing) {
+        if (!readCardDate(*entry.property)) {
+            textDates.insert(entry.id);
+        }
     }
-    const bool omitYear = version != VCardVersion::v4_0 && !birthday->year;
-    if (omitYear) {
-        line->setParameter(kAppleOmitYear, {std::to_string(kAppleNoYear)});
-    } else if (line->parameter(kAppleOmitYear)) {
-        line->removeParameter(kAppleOmitYear);
+    mergeEntries(edit, existing, dates, textDates,
+                 [&](const ContactDraft::Date& date, VCardProperty* property,
+                     const VCardProperty* place) -> VCardProperty* {
+                     if (property == nullptr) {
+                         property = &card.add("X-ABDATE", {}, place);
+                         setDateLine(card, *property, date.date);
+                     } else if (readCardDate(*property) != date.date) {
+                         setDateLine(card, *property, date.date);
+                     }
+                     writeLabel(card, *property, EntryKind::date, date.label);
+                     return property;
+                 });
+}
+
+// The note, when the draft edits it: a blank text removes it.
+void writeDraftNote(VCard& card, const std::optional<std::string>& note) {
+    if (!note || cardNote(card) == wantedNote(*note)) {
+        return;
     }
-    line->setRawValue(dateValue(*birthday, version));
+    writeNote(card, isBlankText(*note) ? std::nullopt : note);
 }
 
 // ---------------------------------------------------------------------------
@@ -1325,6 +1367,11 @@ ApplyResult applyDraft(VCard& card, const ContactDraft& draft, std::string_view 
     mergeAddresses(edit, draft.addresses);
     writeBirthday(card, draft.birthday);
     writeLinks(edit, draft);
+    writeTextLine(card, "X-PHONETIC-FIRST-NAME", draft.phoneticGivenName, false, {"N", "FN"});
+    writeTextLine(card, "X-PHONETIC-LAST-NAME", draft.phoneticFamilyName, false,
+                  {"X-PHONETIC-FIRST-NAME", "N", "FN"});
+    mergeDates(edit, draft.dates);
+    writeDraftNote(card, draft.note);
     if (card.isModified()) {
         touchRevision(card, now);
     }
@@ -1430,6 +1477,14 @@ void removePhoto(VCard& card, std::chrono::system_clock::time_point now) {
     if (removed) {
         touchRevision(card, now);
     }
+}
+
+std::string wantedNote(std::string_view note) {
+    return isBlankText(note) ? std::string() : std::string(note);
+}
+
+bool draftChangesNote(const VCard& card, const ContactDraft& draft) {
+    return draft.note && cardNote(card) != wantedNote(*draft.note);
 }
 
 bool hasNote(const VCard& card) {

@@ -107,6 +107,15 @@ void recordWrittenEntries(const VCard& edited, const ApplyResult& result, const 
 //   a link, or a messaging entry in draft.messageLinkIDs, that no link names
 //   any more is removed. Social profiles and messaging entries that are no
 //   link are never touched.
+// - Phonetic given and family name: X-PHONETIC-FIRST-NAME and
+//   X-PHONETIC-LAST-NAME, like TITLE (an empty text removes the line).
+// - Other dates: like phones, by id, onto ANNIVERSARY, X-ABDATE and the
+//   exporters' own date lines; a date that reads the same is not rewritten,
+//   a new one is an X-ABDATE in the birthday's form. Date entries in free
+//   text, which the draft can't hold, are never removed.
+// - The note, when the draft has one and it differs from cardNote: replaces
+//   the first NOTE line's text (further NOTE lines go); a blank text removes
+//   every NOTE line. No draft note leaves the note alone.
 // - REV, when the card has one, is set to `now` if anything changed.
 //
 // Order: phones, e-mails, web addresses and addresses are saved in draft
@@ -151,6 +160,12 @@ void removePhoto(VCard& card, std::chrono::system_clock::time_point now);
 
 // Whether the card has a NOTE with some text in it (not just white space).
 bool hasNote(const VCard& card);
+
+// The note a draft's text stands for: "" for a blank one.
+std::string wantedNote(std::string_view note);
+
+// Whether applying the draft would change the card's note (cardNote).
+bool draftChangesNote(const VCard& card, const ContactDraft& draft);
 
 // The start of a new card for a draft: vCard 3.0 with PRODID, N, FN (given
 // and family name, else the organisation, else the nickname) and `uid`.

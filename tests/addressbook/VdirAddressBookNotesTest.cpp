@@ -134,6 +134,44 @@ TEST_F(VdirAddressBookNotesTest, ANewCardNamedLikeANotedCardIsNamedThroughTheCon
     EXPECT_EQ(VdirAddressBook(unlocked).save(draft)->kind, SaveOutcome::Kind::saved);
 }
 
+// Where notes are locked a note is never written by the store itself:
+// adding, changing or clearing one goes through the Contacts application,
+// for a card being edited and for a new one.
+TEST_F(VdirAddressBookNotesTest, ANoteIsWrittenOnlyThroughTheContactsApp) {
+    testing::ScriptedBook scripted(options());
+    VdirAddressBook& book = scripted.book;
+    auto plain = book.draft("PLAIN-1");
+    ASSERT_TRUE(plain.ok());
+    EXPECT_EQ(plain->note, "");
+    plain->note = "Owes me a book.";
+    auto outcome = book.save(*plain);
+    ASSERT_TRUE(outcome.ok());
+    EXPECT_EQ(outcome->kind, SaveOutcome::Kind::viaContactsApp);
+    EXPECT_EQ(readFile(root() / "family" / "PLAIN-1.vcf"), kPlain);
+    ASSERT_TRUE(book.writeThroughContactsApp(*outcome).ok());
+    EXPECT_EQ(book.draft("PLAIN-1")->note, "Owes me a book.");
+
+    auto nora = book.draft("NORA-1");
+    ASSERT_TRUE(nora.ok());
+    EXPECT_EQ(nora->note, "Met at the fair.");
+    nora->note = "";
+    outcome = book.save(*nora);
+    ASSERT_TRUE(outcome.ok());
+    EXPECT_NE(outcome->body.find("  set note of p to missing value"), std::string::npos);
+    ASSERT_TRUE(book.writeThroughContactsApp(*outcome).ok());
+    EXPECT_EQ(readFile(noraPath()).find("NOTE"), std::string::npos);
+
+    ContactDraft fresh = ContactDraft::empty(std::nullopt, "family");
+    fresh.givenName = "Quinn";
+    fresh.note = "New neighbour.";
+    outcome = book.save(fresh);
+    ASSERT_TRUE(outcome.ok());
+    EXPECT_EQ(outcome->kind, SaveOutcome::Kind::viaContactsApp);
+    EXPECT_EQ(readFile(root() / "family" / (outcome->id + ".vcf")).find("NOTE"), std::string::npos);
+    ASSERT_TRUE(book.writeThroughContactsApp(*outcome).ok());
+    EXPECT_EQ(book.draft(outcome->id)->note, "New neighbour.");
+}
+
 TEST_F(VdirAddressBookNotesTest, DeletingANotedCardGoesThroughTheContactsApp) {
     testing::ScriptedBook scripted(options());
     VdirAddressBook& book = scripted.book;

@@ -31,10 +31,12 @@ TEST(LaunchOptions, NothingGivenMeansTheConfiguredAddressBookAndNoDiagnostics) {
     EXPECT_EQ(*options, LaunchOptions());
 }
 
-TEST(LaunchOptions, TakesTheAddressBookWithAnEqualsSignAsTheToolDoes) {
-    auto options = parse({"--contacts=/srv/book"});
+TEST(LaunchOptions, TakesTheAddressBookWithAnEqualsSignAndVCardFilesToImport) {
+    auto options = parse({"--contacts=/srv/book", "Ann Smith.vcf", "/tmp/EXPORT.VCARD"});
     ASSERT_TRUE(options) << options.error();
     EXPECT_EQ(options->contactsRoot, std::filesystem::path("/srv/book"));
+    EXPECT_EQ(options->importFiles,
+              (std::vector<std::filesystem::path>{"Ann Smith.vcf", "/tmp/EXPORT.VCARD"}));
 }
 
 TEST(LaunchOptions, RefusesWhatItCannotUseAndSaysWhich) {

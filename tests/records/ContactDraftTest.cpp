@@ -70,7 +70,10 @@ TEST(ContactDraft, FromCardKeepsAddressPartsApartAndDropsBlankValues) {
 }
 
 TEST(ContactDraft, CopyForAnotherAccountMakesEveryEntryNew) {
-    const auto draft = ContactDraft::fromCard(cardWithEverything());
+    auto draft = ContactDraft::fromCard(cardWithEverything());
+    draft.phoneticGivenName = "Jein";
+    draft.dates = {{"d1", "_$!<Anniversary>!$_", {6, 20, 2015}, false}};
+    draft.note = "Met at the fair.";
     const auto copy = draft.copyForAccount("work-account");
     EXPECT_EQ(copy.id, std::nullopt);
     EXPECT_EQ(copy.accountID, "work-account");
@@ -97,7 +100,13 @@ TEST(ContactDraft, CopyForAnotherAccountMakesEveryEntryNew) {
         EXPECT_TRUE(link.isNew);
         ids.insert(link.id);
     }
-    EXPECT_EQ(ids.size(), 3u + 1u + 1u + 2u); // all fresh and distinct
+    ASSERT_EQ(copy.dates.size(), 1u);
+    EXPECT_TRUE(copy.dates[0].isNew);
+    EXPECT_EQ(copy.dates[0].date, draft.dates[0].date);
+    ids.insert(copy.dates[0].id);
+    EXPECT_EQ(ids.size(), 3u + 1u + 1u + 2u + 1u); // all fresh and distinct
+    EXPECT_EQ(copy.phoneticGivenName, "Jein");
+    EXPECT_EQ(copy.note, draft.note);
     EXPECT_TRUE(copy.messageLinkIDs.empty());
     // The copy is a new value; the original is untouched.
     EXPECT_FALSE(draft.phones[0].isNew);
@@ -116,9 +125,24 @@ TEST(ContactDraft, EmptinessLooksAtContentNotStructure) {
     draft.addresses[0].city.clear();
     draft.emails.push_back({"n2", "", "x@y.z", true});
     EXPECT_FALSE(draft.isEmpty());
-    auto named = ContactDraft::empty();
-    named.jobTitle = "CEO";
-    EXPECT_FALSE(named.isEmpty());
+    draft.emails.clear();
+    draft.note = " \n";
+    EXPECT_TRUE(draft.isEmpty()); // a blank note is no note
+    draft.note = "Call back";
+    EXPECT_FALSE(draft.isEmpty());
+    for (auto fill : std::initializer_list<void (*)(ContactDraft&)>{
+             [](ContactDraft& d) { d.jobTitle = "CEO"; },
+             [](ContactDraft& d) { d.phoneticFamilyName = "Yamada"; },
+             [](ContactDraft& d) {
+                 d.birthday = DateComponents{1, 2, std::nullopt};
+             },
+             [](ContactDraft& d) {
+                 d.dates.push_back({"d1", "", {1, 2, 2000}, true});
+             }}) {
+        auto named = ContactDraft::empty();
+        fill(named);
+        EXPECT_FALSE(named.isEmpty());
+    }
 }
 
 TEST(ContactDraft, LabelDisplay) {

@@ -7,6 +7,7 @@
 #include "KinbookKit/records/Iso8601.h"
 #include "KinbookKit/records/StockLabel.h"
 #include "KinbookKit/vcard/CardLabels.h"
+#include "KinbookKit/vcard/CardReader.h"
 #include "tests/support/Files.h"
 
 #include <gtest/gtest.h>
@@ -152,6 +153,12 @@ ContactDraft draftOf(const VCard& card, EntryRegistry& registry) {
         draft.nickname = nickname->text();
     }
     draft.birthday = cardBirthday(card);
+    if (const auto* phonetic = card.first("X-PHONETIC-FIRST-NAME")) {
+        draft.phoneticGivenName = phonetic->text();
+    }
+    if (const auto* phonetic = card.first("X-PHONETIC-LAST-NAME")) {
+        draft.phoneticFamilyName = phonetic->text();
+    }
     for (const auto& entry : cardEntries(card, kCardID, registry)) {
         const auto& property = *entry.property;
         const std::string label = readLabel(card, property);
@@ -186,6 +193,11 @@ ContactDraft draftOf(const VCard& card, EntryRegistry& registry) {
             if (auto link = linkFromSocialProfile(entry.id, property.parameter("TYPE").value_or(""),
                                                   property.parameter("X-USER").value_or(""), text)) {
                 draft.links.push_back(*link);
+            }
+            break;
+        case EntryKind::date:
+            if (const auto date = readCardDate(property)) {
+                draft.dates.push_back({entry.id, label, *date});
             }
             break;
         case EntryKind::messaging: {
@@ -797,6 +809,49 @@ TEST(CardWriter, ClearingATextRemovesEveryLineThatWouldShowIt) {
     EXPECT_EQ(f.apply(), crlf({"BEGIN:VCARD", "VERSION:4.0", "N:Doe;Jo;;;", "FN:Jo Doe", "END:VCARD"}));
 }
 
+TEST(CardWriter, PhoneticNamesDatesAndTheNoteChangeOnlyTheirLines) {
+    std::string bytes = kMaja;
+    bytes.insert(bytes.find("NOTE:"),
+                 crlf({"X-PHONETIC-FIRST-NAME:Maja", "item7.X-ABDATE;type=pref:2015-06-20",
+                       "item7.X-ABLabel:_$!<Anniversary>!$_", "X-ABDATE;VALUE=text:some spring"}));
+    Fixture f(bytes);
+    ASSERT_EQ(f.draft.dates.size(), 1u); // the free-text date is no date to edit
+    EXPECT_EQ(f.draft.dates[0].label, "_$!<Anniversary>!$_");
+    const std::string anniversaryID = f.draft.dates[0].id;
+    f.draft.phoneticFamilyName = " Lindkvist ";
+    f.draft.dates[0].date.year.reset();
+    f.draft.dates.push_back({"d-new", "Graduation", {6, 1, 2010}, true});
+    f.draft.note = "Met at the spring fair.\nLikes tea.";
+    f.apply();
+    EXPECT_EQ(f.change().removed, set({"item7.X-ABDATE;type=pref:2015-06-20", "NOTE:Met at the spring fair.",
+                                       "REV:2020-01-01T00:00:00Z"}));
+    EXPECT_EQ(f.change().added,
+              set({"X-PHONETIC-LAST-NAME:Lindkvist",
+                   "item7.X-ABDATE;type=pref;X-APPLE-OMIT-YEAR=1604:1604-06-20", "item8.X-ABDATE:2010-06-01",
+                   "item8.X-ABLabel:Graduation", "NOTE:Met at the spring fair.\\nLikes tea.", kNowRev}));
+    VCard holder = VCard::create();
+    const auto entries = f.reread(holder);
+    EXPECT_EQ(idOf(entries, "1604-06-20"), anniversaryID);
+    EXPECT_EQ(idOf(entries, "2010-06-01"), "d-new");
+    EXPECT_EQ(cardNote(holder), "Met at the spring fair.\nLikes tea.");
+
+    // No draft note leaves the note; a blank one removes it. Dates the draft
+    // drops go with their label; the free-text one stays.
+    Fixture again(f.card.serialize());
+    again.draft.dates.clear();
+    again.apply();
+    EXPECT_TRUE(hasNote(again.card));
+    again.draft.note = " \n";
+    const auto written = lines(again.apply());
+    EXPECT_FALSE(hasNote(again.card));
+    EXPECT_EQ(
+        std::count_if(written.begin(), written.end(),
+                      [](const std::string& line) { return line.find("X-ABDATE") != std::string::npos; }),
+        1);
+    EXPECT_NE(std::find(written.begin(), written.end(), "X-ABDATE;VALUE=text:some spring"), written.end());
+    EXPECT_EQ(std::count(written.begin(), written.end(), "item7.X-ABLabel:_$!<Anniversary>!$_"), 0);
+}
+
 TEST(CardWriter, OnlyANoteWithTextCounts) {
     EXPECT_TRUE(hasNote(parse(kMaja)));
     EXPECT_FALSE(hasNote(parse(crlf({"BEGIN:VCARD", "VERSION:3.0", "NOTE:", "NOTE: \\n ", "END:VCARD"}))));
@@ -842,6 +897,7 @@ TEST(CardWriter, UnchangedDraftOfEveryRealCardWritesNothing) {
         SCOPED_TRACE(file.path().filename().string());
         ++count;
         Fixture f(readFile(file.path()));
+        f.draft.note = cardNote(f.card); // the note as the editor shows it, unchanged
         const std::string written = f.apply();
         EXPECT_FALSE(f.card.isModified());
         EXPECT_EQ(written, f.original);
