@@ -69,6 +69,12 @@ public:
     std::optional<std::string> groupOf(std::string_view cardID) const;
     const std::map<std::string, std::string, std::less<>>& aliases() const { return m_aliases; }
     void addAlias(std::string oldID, std::string newID);
+    // Lets `id` stand for itself again (a card that took over from the one it led to).
+    void removeAlias(std::string_view id) {
+        if (const auto found = m_aliases.find(id); found != m_aliases.end()) {
+            m_aliases.erase(found);
+        }
+    }
 
     // --- Cards and thumbnails -------------------------------------------------------
 
