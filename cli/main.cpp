@@ -1,5 +1,6 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
+#include "cli/AccountCommands.h"
 #include "cli/CommandSuggestion.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addPhotoCommands(app, options);
     kinbook::cli::addMergeCommands(app, options);
     kinbook::cli::addTrashCommands(app, options);
+    kinbook::cli::addAccountCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {
