@@ -179,13 +179,19 @@ Result<AddedCopy, StepError> saveCopy(const Tools& tools, const PersonCards& per
     }
     auto copy = combinedDraft(*drafts).copyForAccount(accountID);
     // The copy carries the person's KinID from the start, never the primary mark.
-    copy.anchorURL.reset();
+    // A person without a KinID yet gets one here, so the copy is written once
+    // and "mark primary" gives the primary card the same.
+    KinID::Anchor anchor;
     if (const auto& url = drafts->front().anchorURL) {
-        if (auto anchor = KinID::Anchor::read(std::span(&*url, 1)); anchor && !anchor->id.empty()) {
-            anchor->primary = false;
-            copy.anchorURL = anchor->url();
+        if (auto read = KinID::Anchor::read(std::span(&*url, 1)); read && !read->id.empty()) {
+            anchor = *read;
         }
     }
+    if (anchor.id.empty()) {
+        anchor.id = KinID::makeID();
+    }
+    anchor.primary = false;
+    copy.anchorURL = anchor.url();
     if (auto fault = tools.fault(AccountStep::saveCopy)) {
         return failure(stepError(AccountStep::saveCopy, *fault));
     }
@@ -232,9 +238,16 @@ Result<void, StepError> finishCopy(const Tools& tools, const PersonCards& person
     if (const auto& url = primaryDraft->anchorURL) {
         primary = KinID::Anchor::read(std::span(&*url, 1));
     }
-    if (!primary || primary->id.empty() || !primary->primary) {
+    const bool hadKinID = primary && !primary->id.empty();
+    if (!hadKinID || !primary->primary) {
+        std::optional<KinID::Anchor> copied;
+        if (copiedAnchor) {
+            copied = KinID::Anchor::read(std::span(&*copiedAnchor, 1));
+        }
         auto marked = tools.book->changeAnchor(primaryID, [&](KinID::Anchor& anchor) {
-            if (anchor.id.empty()) {
+            if (!hadKinID && copied && !copied->id.empty()) {
+                anchor.id = copied->id; // the KinID the copy already carries
+            } else if (anchor.id.empty()) {
                 anchor.id = KinID::makeID();
             }
             anchor.primary = true;
@@ -552,8 +565,10 @@ struct PeopleAccounts::Batch {
 
 void PeopleAccounts::runNext(std::shared_ptr<Batch> batch) {
     if (batch->next == batch->personIDs.size()) {
-        // One refresh for the whole batch.
-        m_loader.refetch(batch->touched, [this, batch] {
+        // One refresh for the whole batch: the store's notices of its writes
+        // were held and make one load, which reads every changed card; else
+        // the touched cards are read again.
+        auto then = [this, batch] {
             if (!batch->single) {
                 m_progress.reset();
                 m_context.notify(PeopleChange::accounts);
@@ -564,7 +579,14 @@ void PeopleAccounts::runNext(std::shared_ptr<Batch> batch) {
                 // The moved cards' Trash entries show.
                 m_trash.reloadItems([batch] { batch->done(); });
             }
-        });
+        };
+        if (batch->single) {
+            m_loader.refetch(batch->touched, std::move(then));
+        } else if (m_loader.releaseNotices()) {
+            m_loader.load(std::move(then));
+        } else {
+            m_loader.refetch(batch->touched, std::move(then));
+        }
         return;
     }
     const auto advance = [this, batch](std::optional<AccountError> error, std::string keptCardID,
@@ -717,6 +739,7 @@ void PeopleAccounts::moveToAccount(const std::vector<std::string>& personIDs, co
     }
     batch->done = [batch, done = std::move(done)] { done(batch->outcome); };
     m_progress = BulkProgress{bulkLabel(copyOnly, accountName(accountID)), 0, personIDs.size()};
+    m_loader.holdNotices();
     m_context.notify(PeopleChange::accounts);
     runNext(batch);
 }
