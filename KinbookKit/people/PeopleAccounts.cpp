@@ -560,7 +560,8 @@ struct PeopleAccounts::Batch {
     std::vector<std::string> touched;
     std::optional<AccountError> lastError;
     std::optional<AddedCopy> lastAdded;
-    std::function<void()> done;
+    // Told the batch when it ends; holds no reference to it, so nothing cycles.
+    std::function<void(Batch&)> done;
 };
 
 void PeopleAccounts::runNext(std::shared_ptr<Batch> batch) {
@@ -574,10 +575,10 @@ void PeopleAccounts::runNext(std::shared_ptr<Batch> batch) {
                 m_context.notify(PeopleChange::accounts);
             }
             if (batch->copyOnly) {
-                batch->done();
+                batch->done(*batch);
             } else {
                 // The moved cards' Trash entries show.
-                m_trash.reloadItems([batch] { batch->done(); });
+                m_trash.reloadItems([batch] { batch->done(*batch); });
             }
         };
         if (batch->single) {
@@ -715,11 +716,11 @@ void PeopleAccounts::addToAccount(std::string_view personID, const std::string& 
             batch->cardAccounts.emplace(card.cardID, card.accountID);
         }
     }
-    batch->done = [batch, done = std::move(done)] {
-        if (batch->lastError) {
-            done(failure(*batch->lastError));
+    batch->done = [done = std::move(done)](Batch& finished) {
+        if (finished.lastError) {
+            done(failure(*finished.lastError));
         } else {
-            done(batch->lastAdded.value_or(AddedCopy{}));
+            done(finished.lastAdded.value_or(AddedCopy{}));
         }
     };
     runNext(batch);
@@ -737,7 +738,7 @@ void PeopleAccounts::moveToAccount(const std::vector<std::string>& personIDs, co
             batch->cardAccounts.emplace(card->id, std::string(card->accountIDs.front()));
         }
     }
-    batch->done = [batch, done = std::move(done)] { done(batch->outcome); };
+    batch->done = [done = std::move(done)](Batch& finished) { done(finished.outcome); };
     m_progress = BulkProgress{bulkLabel(copyOnly, accountName(accountID)), 0, personIDs.size()};
     m_loader.holdNotices();
     m_context.notify(PeopleChange::accounts);
