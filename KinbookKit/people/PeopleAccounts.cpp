@@ -596,7 +596,9 @@ void PeopleAccounts::runNext(std::shared_ptr<Batch> batch) {
         const auto person = m_loader.person(personID);
         const std::string name = person ? std::string(person->displayName()) : personID;
         if (error) {
-            m_context.log().error("move to account failed for one person: " + error->description());
+            m_context.log().error(
+                (batch->single ? "addAccount: failed: " : "move to account failed for one person: ") +
+                error->description());
             batch->outcome.failures.push_back(name + ": " + error->description());
         } else {
             ++batch->outcome.moved;
