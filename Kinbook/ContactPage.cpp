@@ -206,6 +206,11 @@ QString withMark(const QString& text, const QString& mark) {
 
 } // namespace
 
+void ContactPage::addSection(QWidget* section) {
+    auto* layout = qobject_cast<QVBoxLayout*>(m_body->layout());
+    layout->insertWidget(layout->indexOf(m_photos), section);
+}
+
 void ContactPage::showNobody() {
     m_person.reset();
     m_cards.clear();

@@ -72,6 +72,8 @@ public:
     void showNotes(const std::map<std::string, std::string>& notes);
     void showPicture(const QImage& picture);
     void showNobody();
+    // Puts a section (the accounts) below the entries, above the photos.
+    void addSection(QWidget* section);
 
     const std::optional<Person>& person() const { return m_person; }
     // Whether every card of the person is on the page.

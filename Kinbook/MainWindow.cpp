@@ -1,11 +1,13 @@
 #include "Kinbook/MainWindow.h"
 
+#include "Kinbook/AccountsSection.h"
 #include "Kinbook/CirclePicker.h"
 #include "Kinbook/ContactPage.h"
 #include "Kinbook/DuplicatesWindow.h"
 #include "Kinbook/HeadingsColumn.h"
 #include "Kinbook/HelpCommands.h"
 #include "Kinbook/MergeSheet.h"
+#include "Kinbook/MoveToAccount.h"
 #include "Kinbook/PeopleTable.h"
 #include "Kinbook/PeopleTableModel.h"
 #include "Kinbook/QtText.h"
@@ -40,7 +42,7 @@ constexpr int kPagePicturePixels = 144;
 PeopleList::Changes everything() {
     using C = PeopleList::Change;
     return C::access | C::people | C::sections | C::loading | C::filters | C::search | C::cards |
-           C::thumbnails | C::trash;
+           C::thumbnails | C::trash | C::accounts;
 }
 
 } // namespace
@@ -61,6 +63,8 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
     m_sidebar = new Sidebar;
     m_headings = new HeadingsColumn;
     m_page = new ContactPage;
+    m_accounts = new AccountsSection(m_list);
+    m_page->addSection(m_accounts);
     m_splitter = new QSplitter(Qt::Horizontal);
     m_splitter->setObjectName("MainSplitter");
     m_splitter->setChildrenCollapsible(false);
@@ -205,6 +209,8 @@ QWidget* MainWindow::buildListPane() {
     layout->addWidget(m_table, 1);
     m_trashBar = new TrashBar(m_list);
     layout->addWidget(m_trashBar);
+    m_moveBar = new MoveToAccount(m_list, *m_sidebar);
+    layout->addWidget(m_moveBar);
 
     m_status = new QLabel;
     m_status->setObjectName("ListStatus");
@@ -396,6 +402,9 @@ void MainWindow::listChanged(PeopleList::Changes changes) {
     if (changes.contains(C::trash)) {
         refreshTrash();
     }
+    if (changes.contains(C::accounts)) {
+        m_moveBar->refresh();
+    }
 }
 
 void MainWindow::refreshTrash() {
@@ -550,6 +559,7 @@ void MainWindow::refreshPage() {
         m_pagePictureBytes.reset();
     }
     m_page->showPerson(*person, accountNames, m_list.cardAccounts(*person));
+    m_accounts->showPerson(person.get());
     m_page->circlePicker()->setPerson(person->circle, m_list.circleCounts(), std::nullopt);
 
     // Every card of the person: those read lately at once, the others from

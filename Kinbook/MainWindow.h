@@ -21,7 +21,9 @@ class QToolButton;
 
 namespace kinbook {
 
+class AccountsSection;
 class AppLog;
+class MoveToAccount;
 class ContactPage;
 class DuplicatesWindow;
 class MergeSheet;
@@ -97,6 +99,8 @@ public:
     QLabel* statusLabel() const { return m_status; }
     TrashView* trashView() const { return m_trashView; }
     TrashBar* trashBar() const { return m_trashBar; }
+    MoveToAccount* moveBar() const { return m_moveBar; }
+    AccountsSection* accountsSection() const { return m_accounts; }
     // Delete: the selected people go to the Trash at once (none without a
     // sidecar folder, when it is not offered).
     QAction* trashAction() const { return m_trashAction; }
@@ -171,6 +175,8 @@ private:
     QWidget* m_listPane = nullptr;
     TrashView* m_trashView = nullptr;
     TrashBar* m_trashBar = nullptr;
+    MoveToAccount* m_moveBar = nullptr;
+    AccountsSection* m_accounts = nullptr;
     QAction* m_trashAction = nullptr;
     QMenu* m_fileMenu = nullptr;
 

@@ -1,9 +1,13 @@
 #include "Kinbook/PeopleTable.h"
 
 #include "Kinbook/PeopleTableModel.h"
+#include "Kinbook/QtText.h"
+#include "KinbookKit/records/KinID.h"
 
+#include <QDrag>
 #include <QHeaderView>
 #include <QKeyEvent>
+#include <QMimeData>
 #include <QPainter>
 #include <QPainterPath>
 
@@ -132,6 +136,32 @@ PeopleTable::PeopleTable(QWidget* parent) : QTableView(parent) {
     setItemDelegate(new PersonRowDelegate(this));
     setFrameShape(QFrame::NoFrame);
     setAccessibleName("People");
+    // People are dragged onto an account in the sidebar to move them there.
+    setDragEnabled(true);
+    setDragDropMode(QAbstractItemView::DragOnly);
+}
+
+QMimeData* PeopleTable::dragData() const {
+    QStringList lines;
+    for (const QString& id : selectedIDs()) {
+        lines << qt(KinID::dragText(utf8(id)));
+    }
+    if (lines.isEmpty()) {
+        return nullptr;
+    }
+    auto* carried = new QMimeData;
+    carried->setText(lines.join('\n'));
+    return carried;
+}
+
+void PeopleTable::startDrag(Qt::DropActions supportedActions) {
+    QMimeData* carried = dragData();
+    if (carried == nullptr) {
+        return;
+    }
+    auto* drag = new QDrag(this);
+    drag->setMimeData(carried);
+    drag->exec(supportedActions & (Qt::MoveAction | Qt::CopyAction), Qt::MoveAction);
 }
 
 void PeopleTable::setPeopleModel(PeopleTableModel* model) {

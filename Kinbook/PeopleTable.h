@@ -3,6 +3,8 @@
 #include <QStyledItemDelegate>
 #include <QTableView>
 
+class QMimeData;
+
 namespace kinbook {
 
 class PeopleTableModel;
@@ -43,6 +45,9 @@ public:
     QString selectedID() const;
     // Every selected person's id, in row order (several for a merge).
     QStringList selectedIDs() const;
+    // What dragging the selected people carries: a "kinbook-person:" line
+    // each, which an account in the sidebar takes.
+    QMimeData* dragData() const;
 
 Q_SIGNALS:
     void selectedPersonChanged(const QString& personID);
@@ -52,6 +57,7 @@ Q_SIGNALS:
 protected:
     QModelIndex moveCursor(CursorAction cursorAction, Qt::KeyboardModifiers modifiers) override;
     void keyPressEvent(QKeyEvent* event) override;
+    void startDrag(Qt::DropActions supportedActions) override;
 
 private:
     PeopleTableModel* m_model = nullptr;

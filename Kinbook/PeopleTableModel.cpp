@@ -88,7 +88,7 @@ Qt::ItemFlags PeopleTableModel::flags(const QModelIndex& index) const {
         // Titles are read, never chosen: clicks and the keyboard pass over them.
         return Qt::NoItemFlags;
     }
-    return Qt::ItemIsEnabled | Qt::ItemIsSelectable;
+    return Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsDragEnabled;
 }
 
 QVariant PeopleTableModel::data(const QModelIndex& index, int role) const {

@@ -1,5 +1,6 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
+#include "cli/AccountCommands.h"
 #include "cli/CommandSuggestion.h"
 #include "cli/EditCommands.h"
 #include "cli/Failure.h"
@@ -38,6 +39,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addTrashCommands(app, options);
     kinbook::cli::addEditCommands(app, options);
     kinbook::cli::addImportExportCommands(app, options);
+    kinbook::cli::addAccountCommands(app, options);
     kinbook::cli::addInspectCommands(app);
 
     try {

@@ -2,6 +2,7 @@
 
 #include "KinbookKit/Executor.h"
 #include "KinbookKit/addressbook/AddressBook.h"
+#include "KinbookKit/people/PeopleAccounts.h"
 #include "KinbookKit/people/PeopleListContext.h"
 #include "KinbookKit/people/PeopleLoader.h"
 #include "KinbookKit/people/PeopleMerge.h"
@@ -268,6 +269,41 @@ public:
         m_trash.emptyTrash(std::move(done));
     }
 
+    // --- Accounts (PeopleAccounts) -------------------------------------------------
+
+    // Adds a person to a further account: a copy of everything their cards
+    // hold, linked to them by their KinID, with the photo and the notes.
+    // Fails with a StepError naming the step ("save copy", "mark primary",
+    // "copy photo", "copy note"); a saved copy stays.
+    void addToAccount(std::string_view personID, const std::string& accountID,
+                      std::function<void(Result<AddedCopy, AccountError>)> done) {
+        m_accounts.addToAccount(personID, accountID, std::move(done));
+    }
+    // Deletes the person's card in that account; refused (lastAccount) when
+    // it is their only one.
+    void removeFromAccount(std::string_view personID, const std::string& accountID,
+                           std::function<void(Result<void, AccountError>)> done) {
+        m_accounts.removeFromAccount(personID, accountID, std::move(done));
+    }
+    // Moves (or, with `copyOnly`, copies) people to one account, one at a
+    // time: each ends with a card there holding everything; a move sends
+    // their other cards to the Trash. A person that fails is logged and
+    // skipped. The list is read again once, at the end.
+    void moveToAccount(const std::vector<std::string>& personIDs, const std::string& accountID, bool copyOnly,
+                       std::function<void(MoveOutcome)> done) {
+        m_accounts.moveToAccount(personIDs, accountID, copyOnly, std::move(done));
+    }
+    // Copies the primary card's details over the person's other cards;
+    // gives how many changed.
+    void syncFromPrimary(std::string_view personID,
+                         std::function<void(Result<std::size_t, AccountError>)> done) {
+        m_accounts.syncFromPrimary(personID, std::move(done));
+    }
+    // The running move's progress; none when no batch runs.
+    const std::optional<BulkProgress>& bulkProgress() const { return m_accounts.progress(); }
+    PeopleAccounts& membership() { return m_accounts; }
+    const PeopleAccounts& membership() const { return m_accounts; }
+
 private:
     // Declared in the order they are made; the parts hold the context, the
     // loader holds the shown people, the operations hold the loader.
@@ -276,6 +312,7 @@ private:
     PeopleLoader m_loader;
     PeopleOperations m_operations;
     PeopleTrash m_trash;
+    PeopleAccounts m_accounts;
 };
 
 } // namespace kinbook

@@ -30,7 +30,8 @@ enum class PeopleChange : std::uint32_t {
     thumbnails = 1u << 9, // thumbnail() has new answers
     pastJobs = 1u << 10,
     index = 1u << 11,
-    trash = 1u << 15, // the Trash's entries, whether it shows, a batch's progress
+    trash = 1u << 15,    // the Trash's entries, whether it shows, a batch's progress
+    accounts = 1u << 20, // a move or copy between accounts: its progress
 };
 
 class PeopleChanges {

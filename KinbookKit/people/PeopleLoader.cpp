@@ -454,7 +454,7 @@ void PeopleLoader::forgetCards(const RawUpdate& update) {
 
 void PeopleLoader::noticeArrived() {
     ++m_notices;
-    if (m_gatheringNotices) {
+    if (m_gatheringNotices || m_holdingNotices) {
         return;
     }
     // A sync run writes many files in a burst: their notices become one load.

@@ -51,6 +51,14 @@ public:
     void requestAccess(std::function<void(AddressBookAccess)> done);
     void refetch(std::vector<std::string> cardIDs, std::function<void()> done);
     void reconcile(std::function<void()> done);
+    // While a batch of the list's own changes runs, the store's notices of
+    // them wait instead of reloading the list again and again. Releasing
+    // says whether any came; the batch then ends with one load.
+    void holdNotices() { m_holdingNotices = true; }
+    bool releaseNotices() {
+        m_holdingNotices = false;
+        return std::exchange(m_notices, 0) > 0;
+    }
 
     AddressBookAccess access() const { return m_access; }
     bool isLoading() const { return m_isLoading; }
@@ -69,6 +77,12 @@ public:
     std::optional<std::string> groupOf(std::string_view cardID) const;
     const std::map<std::string, std::string, std::less<>>& aliases() const { return m_aliases; }
     void addAlias(std::string oldID, std::string newID);
+    // Lets `id` stand for itself again (a card that took over from the one it led to).
+    void removeAlias(std::string_view id) {
+        if (const auto found = m_aliases.find(id); found != m_aliases.end()) {
+            m_aliases.erase(found);
+        }
+    }
 
     // --- Cards and thumbnails -------------------------------------------------------
 
@@ -124,6 +138,7 @@ private:
     bool m_watchFailureLogged = false;
     int m_notices = 0;
     bool m_gatheringNotices = false;
+    bool m_holdingNotices = false;
 
     bool m_loading = false;
     bool m_reloadRequested = false;
