@@ -8,6 +8,7 @@
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/FolderWatcher.h"
 #include "KinbookKit/addressbook/ImageScaler.h"
+#include "KinbookKit/addressbook/LoadReport.h"
 #include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
 #include "KinbookKit/addressbook/ScriptedCards.h"
@@ -25,6 +26,8 @@
 #include <unordered_map>
 
 namespace kinbook {
+
+class CardListing;
 
 // The address book on a vdir: a root folder whose subfolders are accounts
 // (collections) and whose ".vcf" files are cards, the layout vdirsyncer keeps
@@ -141,6 +144,11 @@ public:
     // Whether no card file is there in any layout the store reads: the
     // faces then say where they looked instead of showing an empty list.
     bool holdsNoCards() const;
+    // What the last full read passed over (files it could not read, folders
+    // it could not list), the UIDs it found on several files, and the
+    // temporary files of unfinished writes it removed. Empty before the
+    // first full read.
+    LoadReport loadReport() const;
 
     // For the scripting host, which plays the Contacts application.
     // The file every Kinbook process locks (flock) around its changes to
@@ -186,6 +194,9 @@ private:
     // index from what it read. With `token`, the journal learns the files
     // from this read, and `*token` is the position after what it found.
     std::vector<Person> readEveryCard(bool details, std::vector<std::uint8_t>* token);
+    // Logs and counts what a listing passed over, and removes the old
+    // temporary files of writes that never finished.
+    void reportPassedOver(const CardListing& listing, LoadReport& report);
     // The index's number for the account `accountID`, added when new.
     std::uint32_t accountIndex(const std::string& accountID);
     CardFile fileAt(std::string_view cardID, const CardIndex::Place& place) const;
@@ -242,6 +253,9 @@ private:
     std::map<ChangeObserverID, ChangeObserver> m_observers;
     ChangeObserverID m_lastObserverID = 0;
     Executor* m_watchExecutor = nullptr; // none: not watching
+
+    mutable std::mutex m_reportMutex; // guards m_loadReport only
+    LoadReport m_loadReport;
 
     NoteGuard m_noteGuard;
     std::once_flag m_recoveryOnce;
