@@ -5,6 +5,7 @@
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
+#include "KinbookKit/addressbook/DraftMerge.h"
 #include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/vcard/CardEntries.h"
 #include "KinbookKit/vcard/CardReader.h"
@@ -1043,7 +1044,9 @@ Result<ContactDraft, AddressBookError> VdirAddressBook::draft(std::string_view c
         return failure(loaded.error());
     }
     std::lock_guard lock(m_mutex);
-    return readDraft(loaded->card, cardID, m_entries);
+    ContactDraft draft = readDraft(loaded->card, cardID, m_entries);
+    m_draftBases.insert_or_assign(std::string(cardID), draft);
+    return draft;
 }
 
 Result<std::vector<CardRef>, AddressBookError> VdirAddressBook::cardsOf(std::string_view personID) {
@@ -1373,15 +1376,26 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
             std::lock_guard lock(m_mutex);
+            // Only what the user changed since the draft was read: the card
+            // may have been changed meanwhile, and those changes stay.
+            const auto base = m_draftBases.find(id);
+            const ContactDraft merged = base == m_draftBases.end()
+                                            ? draft
+                                            : mergeDraft(base->second, draft, readDraft(card, id, m_entries));
             if (m_options.notesLocked && hasNote(card)) {
                 VCard applied = card;
-                applyDraft(applied, draft, id, m_entries, m_options.clock->now());
+                applyDraft(applied, merged, id, m_entries, m_options.clock->now());
                 scripted = ContactsAppScript::Card::read(applied, id);
                 return failure(AddressBookError::hasNote());
             }
-            return applyDraft(card, draft, id, m_entries, m_options.clock->now());
+            return applyDraft(card, merged, id, m_entries, m_options.clock->now());
         },
         "contact");
+    if (result.ok()) {
+        // The next save of this draft builds on what this one wrote.
+        std::lock_guard lock(m_mutex);
+        m_draftBases.insert_or_assign(cardID, draft);
+    }
     if (!result.ok()) {
         if (result.error().code == AddressBookError::Code::hasNote && scripted) {
             return SaveOutcome{SaveOutcome::Kind::viaContactsApp, cardID,

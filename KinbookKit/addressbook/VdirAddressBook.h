@@ -222,7 +222,10 @@ private:
     std::mutex m_mutex;                          // guards everything below
     std::atomic<std::size_t> m_lastCardCount{0}; // card files the last full read found
     CardIndex m_index;                           // card id to its file, as last read
-    std::vector<std::string> m_accountIDs;       // the accounts the index's places refer to
+    // Each card's draft as draft() last gave it (or save() last wrote it):
+    // what a save tells the user's changes from the card's by.
+    std::map<std::string, ContactDraft, std::less<>> m_draftBases;
+    std::vector<std::string> m_accountIDs; // the accounts the index's places refer to
     std::unique_ptr<ChangeJournal> m_journal;
     StoredEntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex

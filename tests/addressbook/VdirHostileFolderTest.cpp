@@ -168,5 +168,31 @@ TEST(VdirHostileFolder, ALinkedCardStaysALinkWhenSaved) {
     EXPECT_EQ(std::distance(fs::directory_iterator(vdir.root() / "a"), fs::directory_iterator()), 1);
 }
 
+TEST(VdirHostileFolder, ASaveKeepsWhatSyncChangedWhileTheCardWasOpen) {
+    TempVdir vdir;
+    const fs::path file = vdir.write("a", "ann.vcf",
+                                     "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Smith;Ann;;;\r\nFN:Ann Smith\r\n"
+                                     "TEL;TYPE=CELL:+1 212 555 0100\r\nEMAIL;TYPE=HOME:ann@home.test\r\n"
+                                     "EMAIL;TYPE=WORK:ann@work.test\r\nUID:ann\r\nEND:VCARD\r\n");
+    VdirAddressBook book(vdir.options());
+    auto draft = book.draft("ann");
+    ASSERT_TRUE(draft.ok());
+    // Meanwhile a sync run gives Ann a title, a new number and drops her
+    // work address.
+    testing::writeFile(file,
+                       "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Smith;Ann;;;\r\nFN:Ann Smith\r\n"
+                       "TITLE:Pilot\r\nTEL;TYPE=CELL:+1 212 555 0100\r\nTEL;TYPE=HOME:+1 212 555 0199\r\n"
+                       "EMAIL;TYPE=HOME:ann@home.test\r\nUID:ann\r\nEND:VCARD\r\n");
+    draft->nickname = "Annie";
+    draft->emails.erase(draft->emails.begin()); // the user removes the home address
+    ASSERT_TRUE(book.save(*draft).ok());
+    const std::string written = readFile(file);
+    EXPECT_NE(written.find("NICKNAME:Annie"), std::string::npos) << written;
+    EXPECT_NE(written.find("TITLE:Pilot"), std::string::npos) << written;
+    EXPECT_NE(written.find("555 0199"), std::string::npos) << written;
+    EXPECT_EQ(written.find("ann@home.test"), std::string::npos) << written;
+    EXPECT_EQ(written.find("ann@work.test"), std::string::npos) << written;
+}
+
 } // namespace
 } // namespace kinbook
