@@ -1,5 +1,6 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
+#include "cli/CheckCommands.h"
 #include "cli/CommandSuggestion.h"
 #include "cli/Failure.h"
 #include "cli/InspectCommands.h"
@@ -35,6 +36,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addMergeCommands(app, options);
     kinbook::cli::addTrashCommands(app, options);
     kinbook::cli::addInspectCommands(app);
+    kinbook::cli::addCheckCommands(app, options);
 
     try {
         app.parse(argc, argv);
