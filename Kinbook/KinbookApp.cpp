@@ -127,6 +127,7 @@ void KinbookApp::loaded() {
     if (auto* notice = StoreNotice::make(book->loadReport(), book->root(), m_background)) {
         m_window->addToolBar(Qt::TopToolBarArea, notice);
     }
+    m_background.post([book] { book->removeLeftoverTemporaries(); });
     if (!m_createdNow && m_session->addressBook()->holdsNoCards()) {
         const Configuration& configuration = m_session->configuration();
         m_window->showNoCards(

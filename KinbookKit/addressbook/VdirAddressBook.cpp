@@ -825,8 +825,32 @@ void VdirAddressBook::reportPassedOver(const CardListing& listing, LoadReport& r
             break;
         }
     }
+    report.removedTemporaries = sweepTemporaries(listing, temporaries);
+}
+
+std::size_t VdirAddressBook::removeLeftoverTemporaries() {
+    if (m_temporariesSwept.load()) {
+        return 0;
+    }
+    const auto listing = CardListing::list(m_options.root, 1);
+    if (!listing) {
+        return 0;
+    }
+    std::vector<const CardListing::Oddity*> temporaries;
+    for (const auto& oddity : listing->oddities()) {
+        if (oddity.kind == CardListing::Oddity::Kind::temporary) {
+            temporaries.push_back(&oddity);
+        }
+    }
+    return sweepTemporaries(*listing, temporaries);
+}
+
+std::size_t VdirAddressBook::sweepTemporaries(const CardListing& listing,
+                                              const std::vector<const CardListing::Oddity*>& temporaries) {
+    std::size_t removed = 0;
     if (temporaries.empty()) {
-        return;
+        m_temporariesSwept = true;
+        return removed;
     }
     // A Kinbook process writing this address book right now holds its lock:
     // its temporary files are left alone then, and an old one is taken on
@@ -837,7 +861,7 @@ void VdirAddressBook::reportPassedOver(const CardListing& listing, LoadReport& r
         if (lockFD >= 0) {
             ::close(lockFD);
         }
-        return;
+        return removed;
     }
     const auto oldest = std::chrono::system_clock::now() - kLeftoverAge;
     for (const CardListing::Oddity* temporary : temporaries) {
@@ -854,12 +878,14 @@ void VdirAddressBook::reportPassedOver(const CardListing& listing, LoadReport& r
             continue;
         }
         if (::unlinkat(folderFD, temporary->name.c_str(), 0) == 0) {
-            ++report.removedTemporaries;
+            ++removed;
             m_log->info(fmt::format("removed {}: left by a write that never finished",
                                     listing.path(*temporary).string()));
         }
     }
     ::close(lockFD); // releases the lock
+    m_temporariesSwept = true;
+    return removed;
 }
 
 LoadReport VdirAddressBook::loadReport() const {

@@ -4,6 +4,7 @@
 #include "KinbookKit/addressbook/AddressBook.h"
 #include "KinbookKit/addressbook/CardBatchReader.h"
 #include "KinbookKit/addressbook/CardIndex.h"
+#include "KinbookKit/addressbook/CardListing.h"
 #include "KinbookKit/addressbook/ChangeJournal.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/FolderWatcher.h"
@@ -26,8 +27,6 @@
 #include <unordered_map>
 
 namespace kinbook {
-
-class CardListing;
 
 // The address book on a vdir: a root folder whose subfolders are accounts
 // (collections) and whose ".vcf" files are cards, the layout vdirsyncer keeps
@@ -149,6 +148,13 @@ public:
     // temporary files of unfinished writes it removed. Empty before the
     // first full read.
     LoadReport loadReport() const;
+    // Removes the temporary files that writes which never finished (a crash,
+    // a kill) left in the account folders, once they are old enough that no
+    // one is still writing them and while no other Kinbook process holds the
+    // book. A full read does this on its way; a start from the snapshot
+    // cache, which reads no folder, calls it once the list is shown. Does
+    // nothing once it has swept in this process. Returns how many went.
+    std::size_t removeLeftoverTemporaries();
 
     // For the scripting host, which plays the Contacts application.
     // The file every Kinbook process locks (flock) around its changes to
@@ -197,6 +203,8 @@ private:
     // Logs and counts what a listing passed over, and removes the old
     // temporary files of writes that never finished.
     void reportPassedOver(const CardListing& listing, LoadReport& report);
+    std::size_t sweepTemporaries(const CardListing& listing,
+                                 const std::vector<const CardListing::Oddity*>& temporaries);
     // The index's number for the account `accountID`, added when new.
     std::uint32_t accountIndex(const std::string& accountID);
     CardFile fileAt(std::string_view cardID, const CardIndex::Place& place) const;
@@ -259,6 +267,7 @@ private:
 
     mutable std::mutex m_reportMutex; // guards m_loadReport only
     LoadReport m_loadReport;
+    std::atomic<bool> m_temporariesSwept{false}; // every old leftover in the folders has been removed
 
     NoteGuard m_noteGuard;
     std::once_flag m_recoveryOnce;

@@ -145,6 +145,14 @@ TEST(VdirHostileFolder, OldLeftoversOfInterruptedWritesGoUnlessAWriterHoldsTheBo
     EXPECT_EQ(book.loadReport().removedTemporaries, 1u);
     EXPECT_FALSE(book.loadReport().skippedAny());
     EXPECT_NE(vdir.log().find("removed " + old.string()), std::string::npos);
+
+    // A start from the snapshot cache reads no folder, and sweeps once.
+    const fs::path another = vdir.write("a", ".jane.vcf.12345678.tmp", "half a card");
+    setAge(another, std::chrono::minutes(60));
+    VdirAddressBook cached(vdir.options());
+    EXPECT_EQ(cached.removeLeftoverTemporaries(), 1u);
+    EXPECT_FALSE(fs::exists(another));
+    EXPECT_TRUE(fs::exists(fresh));
 }
 
 TEST(VdirHostileFolder, ALinkedCardStaysALinkWhenSaved) {
