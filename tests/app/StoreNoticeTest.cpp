@@ -57,16 +57,5 @@ TEST(StoreNotice, SkippedFilesAndSharedUIDsAreToldOnceWithTheCheckAtHand) {
     EXPECT_NE(shown.find((book / "home" / "pipe.vcf").string() + " (a pipe)"), std::string::npos) << shown;
 }
 
-TEST(StoreNotice, AHealthyBookHasNone) {
-    FreshHome home;
-    testing::writeSmallAddressBook(home.path() / "book");
-    LaunchOptions options;
-    options.contactsRoot = home.path() / "book";
-    KinbookApp app(options);
-    ASSERT_TRUE(app.start());
-    ASSERT_TRUE(runEventsUntil([&] { return app.isLoaded(); }));
-    EXPECT_EQ(app.window()->findChild<QToolBar*>("storeNotice"), nullptr);
-}
-
 } // namespace
 } // namespace kinbook
