@@ -124,7 +124,7 @@ void KinbookApp::loaded() {
     m_loaded = true;
     // Files the read passed over, or cards sharing a UID: said once, with the check at hand.
     const auto& book = m_session->addressBook();
-    if (auto* notice = StoreNotice::make(book->loadReport(), book->root(), m_background)) {
+    if (auto* notice = StoreNotice::make(book->loadReport(), book->root(), m_main, m_background)) {
         m_window->addToolBar(Qt::TopToolBarArea, notice);
     }
     m_background.post([book] { book->removeLeftoverTemporaries(); });

@@ -40,15 +40,15 @@ QString StoreNotice::text(const LoadReport& report) {
     return parts.join(' ');
 }
 
-StoreNotice* StoreNotice::make(const LoadReport& report, std::filesystem::path root, Executor& background,
-                               QWidget* parent) {
+StoreNotice* StoreNotice::make(const LoadReport& report, std::filesystem::path root, Executor& main,
+                               Executor& background, QWidget* parent) {
     const QString said = text(report);
-    return said.isEmpty() ? nullptr : new StoreNotice(said, std::move(root), background, parent);
+    return said.isEmpty() ? nullptr : new StoreNotice(said, std::move(root), main, background, parent);
 }
 
-StoreNotice::StoreNotice(const QString& text, std::filesystem::path root, Executor& background,
-                         QWidget* parent)
-    : QToolBar(parent), m_root(std::move(root)), m_background(background) {
+StoreNotice::StoreNotice(const QString& text, std::filesystem::path root, Executor& main,
+                         Executor& background, QWidget* parent)
+    : QToolBar(parent), m_root(std::move(root)), m_main(main), m_background(background) {
     setObjectName("storeNotice");
     setMovable(false);
     setFloatable(false);
@@ -67,16 +67,13 @@ StoreNotice::StoreNotice(const QString& text, std::filesystem::path root, Execut
 void StoreNotice::check() {
     // A large address book takes a while to look through: off the main
     // thread, and the answer comes back only if the window is still there.
-    m_background.post([self = QPointer(this), root = m_root] {
-        const QString report = qt(describe(checkAddressBook(root)));
-        QMetaObject::invokeMethod(
-            self.data(),
-            [self, report] {
-                if (self) {
-                    self->showReport(report);
-                }
-            },
-            Qt::QueuedConnection);
+    m_background.post([self = QPointer(this), &main = m_main, root = m_root] {
+        std::string report = describe(checkAddressBook(root));
+        main.post([self, report = std::move(report)] {
+            if (self) {
+                self->showReport(qt(report));
+            }
+        });
     });
 }
 

@@ -18,19 +18,22 @@ class Executor;
 class StoreNotice final : public QToolBar {
     Q_OBJECT
 public:
-    // None when the read had nothing to say. `background` runs the check.
-    static StoreNotice* make(const LoadReport& report, std::filesystem::path root, Executor& background,
-                             QWidget* parent = nullptr);
+    // None when the read had nothing to say. `background` runs the check;
+    // its report comes back on `main`, the GUI thread's executor.
+    static StoreNotice* make(const LoadReport& report, std::filesystem::path root, Executor& main,
+                             Executor& background, QWidget* parent = nullptr);
 
     // What the strip says; empty when there is nothing to say.
     static QString text(const LoadReport& report);
 
 private:
-    StoreNotice(const QString& text, std::filesystem::path root, Executor& background, QWidget* parent);
+    StoreNotice(const QString& text, std::filesystem::path root, Executor& main, Executor& background,
+                QWidget* parent);
     void check();
     void showReport(const QString& report);
 
     std::filesystem::path m_root;
+    Executor& m_main;
     Executor& m_background;
 };
 
