@@ -7,6 +7,7 @@
 #include "Kinbook/PhotoGrid.h"
 #include "Kinbook/QtText.h"
 #include "Kinbook/SidecarBanner.h"
+#include "Kinbook/StoreNotice.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/text/AppLog.h"
 
@@ -124,6 +125,12 @@ void KinbookApp::loaded() {
         return;
     }
     m_loaded = true;
+    // Files the read passed over, or cards sharing a UID: said once, with the check at hand.
+    const auto& book = m_session->addressBook();
+    if (auto* notice = StoreNotice::make(book->loadReport(), book->root(), m_main, m_background)) {
+        m_window->addToolBar(Qt::TopToolBarArea, notice);
+    }
+    m_background.post([book] { book->removeLeftoverTemporaries(); });
     if (!m_createdNow && m_session->addressBook()->holdsNoCards()) {
         const Configuration& configuration = m_session->configuration();
         m_window->showNoCards(

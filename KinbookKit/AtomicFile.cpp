@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <string>
 
 namespace kinbook {
@@ -37,10 +39,44 @@ void syncFolder(const std::filesystem::path& folder) {
     }
 }
 
+// Where a write of `path` goes: the file itself, or for a symbolic link the
+// file it points to, so that replacing it leaves the link in place (a card
+// kept elsewhere and linked into the address book stays linked). None when
+// the link is dangling or loops: nothing is written through it.
+std::optional<std::filesystem::path> writtenPath(const std::filesystem::path& path) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) {
+        return path;
+    }
+    std::error_code error;
+    std::filesystem::path resolved = std::filesystem::canonical(path, error);
+    if (error) {
+        return std::nullopt;
+    }
+    return resolved;
+}
+
 } // namespace
 
-bool writeTemporaryBeside(const std::filesystem::path& target, std::string_view contents,
+bool isTemporaryFileName(std::string_view name) {
+    // "." + the target's name + "." + 8 characters of a UUID + ".tmp".
+    constexpr std::size_t kTail = 1 + 8 + 4;
+    if (name.size() < 1 + 1 + kTail || name.front() != '.' || !name.ends_with(".tmp")) {
+        return false;
+    }
+    const std::string_view random = name.substr(name.size() - kTail + 1, 8);
+    return name[name.size() - kTail] == '.' && std::all_of(random.begin(), random.end(), [](char c) {
+               return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+           });
+}
+
+bool writeTemporaryBeside(const std::filesystem::path& linkOrTarget, std::string_view contents,
                           PendingFile& pending, unsigned mode) {
+    const auto written = writtenPath(linkOrTarget);
+    if (!written) {
+        return false;
+    }
+    const std::filesystem::path& target = *written;
     const std::filesystem::path folder = target.parent_path();
     std::string name = "." + target.filename().string() + "." + makeUUID().substr(0, 8) + ".tmp";
     const std::filesystem::path temporary = folder / name;

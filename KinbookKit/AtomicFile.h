@@ -12,7 +12,9 @@ namespace kinbook {
 // flushed to disk and then renamed over the target; the folder is flushed
 // too so the rename survives a crash. The folder must exist. The new file
 // gets `mode` (subject to the umask) unless the target exists, whose mode is
-// kept. Returns false, leaving the old file as it was, on any failure.
+// kept. A target that is a symbolic link stays one: the file it points to is
+// replaced, beside itself. Returns false, leaving the old file as it was, on
+// any failure.
 bool writeFileAtomically(const std::filesystem::path& path, std::string_view contents, unsigned mode = 0644);
 
 // Renames already-written temporary files over their targets, all after all
@@ -33,5 +35,10 @@ bool commitPendingFile(const PendingFile& pending);
 
 // Removes a pending file that will not be committed.
 void discardPendingFile(const PendingFile& pending);
+
+// Whether `name` is one of the temporary files above (".NAME.XXXXXXXX.tmp"):
+// one an interrupted write (a crash, a kill) left behind is never renamed
+// into place and may be removed once no one can still be writing it.
+bool isTemporaryFileName(std::string_view name);
 
 } // namespace kinbook

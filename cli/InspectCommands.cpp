@@ -1,5 +1,6 @@
 #include "cli/InspectCommands.h"
 
+#include "KinbookKit/addressbook/CardBatchReader.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/platform/DlibFaceDetector.h"
 #include "KinbookKit/platform/VipsPictureCodec.h"
@@ -15,9 +16,14 @@
 #include "KinbookKit/vcard/VCard.h"
 #include "cli/Failure.h"
 
+#include <fcntl.h>
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -110,20 +116,49 @@ json addressJson(const std::string& text) {
     };
 }
 
+// The whole of a regular file of at most `limit` bytes; fails the command
+// otherwise. A pipe or a device named by mistake would be read without end
+// (or, opened the ordinary way, wait for a writer for ever): it is turned
+// away before a byte is read.
+std::string readRegularFile(const std::string& file, std::uint64_t limit, std::string_view what) {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) {
+        fail(fmt::format("can't read {}: {}", file, std::strerror(errno)));
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        const char* kind = S_ISDIR(info.st_mode)    ? "a folder"
+                           : S_ISFIFO(info.st_mode) ? "a pipe"
+                           : S_ISSOCK(info.st_mode) ? "a socket"
+                                                    : "a device";
+        ::close(fd);
+        fail(fmt::format("can't read {}: it is {}, not {}", file, kind, what));
+    }
+    if (static_cast<std::uint64_t>(info.st_size) > limit) {
+        ::close(fd);
+        fail(fmt::format("can't read {}: it is larger than the {} MB {} may have", file, limit >> 20, what));
+    }
+    std::string bytes(static_cast<std::size_t>(info.st_size), '\0');
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+        const ssize_t n = ::read(fd, bytes.data() + got, bytes.size() - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+    bytes.resize(got);
+    return bytes;
+}
+
 // The first card of a card file; fails the command when there is none.
 Result<VCard, VCardError> readCardFile(const std::string& file) {
-    const std::filesystem::path path(file);
-    std::error_code error;
-    if (std::filesystem::is_directory(path, error)) {
-        fail(fmt::format("can't read {}: it is a folder", file));
-    }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        fail(fmt::format("can't read {}", file));
-    }
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    auto card = VCard::parse(bytes.str());
+    const std::string bytes = readRegularFile(file, CardBatchReader::kLargestCard, "a card file");
+    auto card = VCard::parse(bytes);
     if (!card) {
         fail(fmt::format("{} is not a vCard: {}", file, describe(card.error())));
     }
@@ -158,12 +193,8 @@ json cardJson(const std::string& file) {
 // What the head crop decides for a picture, so that anyone can see why a
 // contact photo came out as it did.
 json headCropJson(const std::string& file, int maxPixels) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-        fail(fmt::format("can't read {}", file));
-    }
-    const std::vector<std::uint8_t> data{std::istreambuf_iterator<char>(in),
-                                         std::istreambuf_iterator<char>()};
+    const std::string bytes = readRegularFile(file, 256ull << 20, "a picture");
+    const std::vector<std::uint8_t> data(bytes.begin(), bytes.end());
     VipsPictureCodec codec;
     DlibFaceDetector detector;
     const auto decision = HeadCrop(codec, detector).decide(data, maxPixels);

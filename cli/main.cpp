@@ -1,6 +1,7 @@
 #include "KinbookKit/Version.h"
 #include "KinbookKit/setup/KinbookSession.h"
 #include "cli/AccountCommands.h"
+#include "cli/CheckCommands.h"
 #include "cli/CommandSuggestion.h"
 #include "cli/EditCommands.h"
 #include "cli/Failure.h"
@@ -41,6 +42,7 @@ int main(int argc, char** argv) {
     kinbook::cli::addImportExportCommands(app, options);
     kinbook::cli::addAccountCommands(app, options);
     kinbook::cli::addInspectCommands(app);
+    kinbook::cli::addCheckCommands(app, options);
 
     try {
         app.parse(argc, argv);

@@ -50,9 +50,11 @@ public:
         std::string problem;
     };
 
-    // Larger files are not cards anyone keeps on purpose; reading them whole
-    // would only stall the list.
-    static constexpr std::uint64_t kLargestCard = 256ull << 20;
+    // Larger files are not cards anyone keeps on purpose (a card with a
+    // large photo is a few megabytes); reading them whole would only stall
+    // the list, or take the memory a file made to do so asks for. They are
+    // skipped, unread, and reported.
+    static constexpr std::uint64_t kLargestCard = 64ull << 20;
 
     virtual ~CardBatchReader() = default;
 

@@ -18,7 +18,7 @@ constexpr std::size_t kLargestKeptBuffer = 1 << 20;
 // One card file the ordinary way: open relative to its folder, fstat when
 // the size or the state is wanted, read to the end. False when the file is
 // not read; `problem` then says why, or is empty when the file is simply
-// gone (or is no regular file).
+// gone.
 bool readWithSystemCalls(int folderFD, const char* name, bool knownRegular, std::vector<char>& buffer,
                          std::size_t& length, std::optional<CardBatchReader::Stamp>* stamp,
                          std::string& problem) {
@@ -35,21 +35,28 @@ bool readWithSystemCalls(int folderFD, const char* name, bool knownRegular, std:
         problem = std::strerror(error);
         return false;
     }
-    // The size, when known, lets one read take the whole file.
+    // The size, when known, lets one read take the whole file. A file the
+    // listing called regular is statted only once it outgrows the buffer,
+    // so that nearly every card costs no stat, and no file is read into
+    // memory beyond the size cap.
     std::size_t expected = 0;
     bool sized = false;
-    if (stamp != nullptr || !knownRegular) {
+    auto size = [&]() {
         struct stat info {};
         if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-            ::close(fd); // a folder or a device behind a link: not a card
+            // A pipe or a device, behind a link or put there since the
+            // listing: reading it could take without end. A folder is no
+            // card and no one's mistake.
+            if (!S_ISDIR(info.st_mode)) {
+                problem = "not a regular file";
+            }
             return false;
         }
         if (stamp != nullptr) {
             *stamp = CardFileReader::stampOf(info);
         }
         if (static_cast<std::uint64_t>(info.st_size) > CardBatchReader::kLargestCard) {
-            ::close(fd);
-            problem = "file too large";
+            problem = "larger than the 64 MB a card may have";
             return false;
         }
         expected = static_cast<std::size_t>(info.st_size);
@@ -57,16 +64,23 @@ bool readWithSystemCalls(int folderFD, const char* name, bool knownRegular, std:
         if (buffer.size() < expected + 1) {
             buffer.resize(expected + 1);
         }
+        return true;
+    };
+    if ((stamp != nullptr || !knownRegular) && !size()) {
+        ::close(fd);
+        return false;
     }
     length = 0;
     while (!sized || length < expected) {
         if (length == buffer.size()) {
-            if (buffer.size() > CardBatchReader::kLargestCard) {
+            if (!size()) {
                 ::close(fd);
-                problem = "file too large";
                 return false;
             }
-            buffer.resize(std::min<std::size_t>(buffer.size() * 2, CardBatchReader::kLargestCard + 1));
+            if (expected <= length) {
+                break; // the file as it was when statted is read
+            }
+            continue;
         }
         // A file that grew since fstat is read as it was then, as a card is
         // read everywhere else.

@@ -1,6 +1,8 @@
 #include "KinbookKit/addressbook/CardListing.h"
 
+#include "KinbookKit/AtomicFile.h"
 #include "KinbookKit/Executor.h"
+#include "KinbookKit/text/Ascii.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -10,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 namespace kinbook {
@@ -20,6 +23,26 @@ bool CardListing::isCardFileName(std::string_view name) {
 }
 
 namespace {
+
+bool isSpecialFile(unsigned char type) {
+    return type == DT_FIFO || type == DT_SOCK || type == DT_CHR || type == DT_BLK;
+}
+
+// What a name the listing passes over is, when it is worth a word.
+std::optional<CardListing::Oddity::Kind> oddityOf(std::string_view name, unsigned char type) {
+    using Kind = CardListing::Oddity::Kind;
+    if (name.empty() || type == DT_DIR) {
+        return std::nullopt;
+    }
+    if (name.front() == '.') {
+        return isTemporaryFileName(name) ? std::optional(Kind::temporary) : std::nullopt;
+    }
+    if (name.size() > 4 && equalsIgnoringAsciiCase(name.substr(name.size() - 4), ".vcf")) {
+        return CardListing::isCardFileName(name) ? std::optional(Kind::notRegular)
+                                                 : std::optional(Kind::upperCaseExtension);
+    }
+    return std::nullopt;
+}
 
 // Whether the folder holds a card file; stops at the first one.
 bool holdsCards(const std::filesystem::path& folder) {
@@ -98,6 +121,7 @@ std::optional<CardListing> CardListing::list(const std::filesystem::path& root, 
     struct Listed {
         std::vector<File> files;
         std::string names;
+        std::vector<Oddity> oddities;
     };
     std::vector<Listed> listed(listing.m_accounts.size());
     auto listAccount = [&](std::uint32_t index) {
@@ -124,8 +148,11 @@ std::optional<CardListing> CardListing::list(const std::filesystem::path& root, 
         errno = 0;
         while (const dirent* entry = ::readdir(folder)) {
             const std::string_view name = entry->d_name;
-            if (!isCardFileName(name) || entry->d_type == DT_DIR || entry->d_type == DT_FIFO ||
-                entry->d_type == DT_SOCK || entry->d_type == DT_CHR || entry->d_type == DT_BLK) {
+            if (!isCardFileName(name) || entry->d_type == DT_DIR || isSpecialFile(entry->d_type)) {
+                if (const auto kind = oddityOf(name, entry->d_type)) {
+                    out.oddities.push_back({index, std::string(name), *kind});
+                }
+                errno = 0;
                 continue;
             }
             File file;
@@ -170,6 +197,7 @@ std::optional<CardListing> CardListing::list(const std::filesystem::path& root, 
             file.nameOffset += base;
             listing.m_files.push_back(file);
         }
+        std::move(account.oddities.begin(), account.oddities.end(), std::back_inserter(listing.m_oddities));
         account = Listed();
     }
     return listing;
@@ -177,7 +205,8 @@ std::optional<CardListing> CardListing::list(const std::filesystem::path& root, 
 
 CardListing::CardListing(CardListing&& other) noexcept
     : m_root(std::move(other.m_root)), m_accounts(std::move(other.m_accounts)),
-      m_files(std::move(other.m_files)), m_names(std::move(other.m_names)) {
+      m_files(std::move(other.m_files)), m_names(std::move(other.m_names)),
+      m_oddities(std::move(other.m_oddities)) {
     other.m_accounts.clear();
 }
 
@@ -188,6 +217,7 @@ CardListing& CardListing::operator=(CardListing&& other) noexcept {
         m_accounts = std::move(other.m_accounts);
         m_files = std::move(other.m_files);
         m_names = std::move(other.m_names);
+        m_oddities = std::move(other.m_oddities);
         other.m_accounts.clear();
     }
     return *this;
@@ -208,6 +238,10 @@ void CardListing::close() {
 
 std::filesystem::path CardListing::path(const File& file) const {
     return m_root / accountName(file) / std::string(name(file));
+}
+
+std::filesystem::path CardListing::path(const Oddity& oddity) const {
+    return m_root / m_accounts[oddity.account].name / oddity.name;
 }
 
 } // namespace kinbook

@@ -40,6 +40,20 @@ public:
         bool knownRegular = false;
     };
 
+    // A file in an account folder that looks meant for the address book but
+    // is not read as a card. Never read; listed so that a read can say what
+    // it passed over.
+    struct Oddity {
+        enum class Kind : std::uint8_t {
+            upperCaseExtension, // "NAME.VCF": other programs read it, the address book does not
+            notRegular,         // a card's name on a pipe, a socket or a device
+            temporary,          // a temporary file of an atomic write (see AtomicFile.h)
+        };
+        std::uint32_t account = 0;
+        std::string name;
+        Kind kind = Kind::notRegular;
+    };
+
     // None when the root can't be opened as a folder. With several
     // `threads`, account folders are listed side by side.
     static std::optional<CardListing> list(const std::filesystem::path& root, unsigned threads = 1);
@@ -52,6 +66,7 @@ public:
 
     const std::vector<Account>& accounts() const { return m_accounts; }
     const std::vector<File>& files() const { return m_files; }
+    const std::vector<Oddity>& oddities() const { return m_oddities; }
 
     std::string_view name(const File& file) const {
         return std::string_view(m_names).substr(file.nameOffset, file.nameLength);
@@ -60,6 +75,7 @@ public:
     const std::string& accountName(const File& file) const { return m_accounts[file.account].name; }
     int folderFD(const File& file) const { return m_accounts[file.account].fd; }
     std::filesystem::path path(const File& file) const;
+    std::filesystem::path path(const Oddity& oddity) const;
 
     // The account folders under `root`, as paths below it, in name order.
     // Every layout vdirsyncer and its users keep is read:
@@ -83,6 +99,7 @@ private:
     std::vector<Account> m_accounts;
     std::vector<File> m_files;
     std::string m_names;
+    std::vector<Oddity> m_oddities;
 };
 
 } // namespace kinbook

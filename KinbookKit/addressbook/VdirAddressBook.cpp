@@ -5,6 +5,7 @@
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/CardListing.h"
+#include "KinbookKit/addressbook/DraftMerge.h"
 #include "KinbookKit/text/Ascii.h"
 #include "KinbookKit/vcard/CardEntries.h"
 #include "KinbookKit/vcard/CardReader.h"
@@ -498,6 +499,70 @@ VdirAddressBook::CardFile VdirAddressBook::fileAt(std::string_view cardID,
                     accountID};
 }
 
+namespace {
+
+// Settles which of several files holding one UID keeps it, the same way
+// whatever order the folders list them in: the first by account and file
+// name keeps the UID; each other gets an id made from its account and file
+// name, and made to differ from every UID and id the index holds, so that
+// nothing aimed at one card ever reaches another. `collided` are the files
+// whose UID the index gave to an earlier one. Returns the new id of each
+// file that no longer goes by its UID.
+std::vector<std::pair<std::size_t, std::string>>
+settleDuplicateUIDs(const CardListing& listing, const std::vector<Person>& people,
+                    const std::vector<ReadOutcome>& outcomes,
+                    const std::vector<std::uint32_t>& accountIndexes,
+                    const std::vector<std::size_t>& collided, CardIndex& index, LoadReport& report) {
+    const auto& files = listing.files();
+    std::map<std::string_view, std::vector<std::size_t>> holders; // by UID, for a stable order
+    for (const std::size_t i : collided) {
+        holders[people[i].id];
+    }
+    // The file each UID went to first is found by one pass over them all;
+    // this runs only when there are duplicates.
+    for (std::size_t i = 0; i < people.size() && i < outcomes.size(); ++i) {
+        if (outcomes[i] == ReadOutcome::person) {
+            if (auto found = holders.find(people[i].id); found != holders.end()) {
+                found->second.push_back(i);
+            }
+        }
+    }
+    std::vector<std::pair<std::size_t, std::string>> renamed;
+    for (auto& [uid, group] : holders) {
+        std::sort(group.begin(), group.end(), [&](std::size_t a, std::size_t b) {
+            return std::pair(listing.accountName(files[a]), listing.name(files[a])) <
+                   std::pair(listing.accountName(files[b]), listing.name(files[b]));
+        });
+        LoadReport::DuplicateUID duplicate{std::string(uid), {}};
+        for (std::size_t k = 0; k < group.size(); ++k) {
+            const CardListing::File& file = files[group[k]];
+            const std::uint32_t account = accountIndexes[file.account];
+            duplicate.files.push_back(listing.path(file));
+            if (k == 0) {
+                index.set(uid, account, listing.name(file));
+                continue;
+            }
+            const std::string base =
+                cardIDFromFileName(listing.accountName(file) + "-" + std::string(listing.name(file)));
+            std::string id = base;
+            for (int n = 2; index.find(id) != nullptr; ++n) {
+                id = fmt::format("{}-{}", base, n);
+            }
+            index.insert(id, account, listing.name(file));
+            renamed.emplace_back(group[k], std::move(id));
+        }
+        report.duplicates.push_back(std::move(duplicate));
+    }
+    return renamed;
+}
+
+// Kinbook's own temporary files are this old at least before a read
+// removes them: a write renames its temporary file within moments, and one
+// that old was left by a write that never finished (a crash, a kill).
+constexpr std::chrono::minutes kLeftoverAge{15};
+
+} // namespace
+
 std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std::uint8_t>* token) {
     // Nothing is read before the ticket is taken: a need for a scan of
     // everything that arises during the read is then not lost.
@@ -565,7 +630,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     // UID is known by an id made from its account and file name; the people
     // take those ids only after the journal has seen the ids as read.
     CardIndex index(count);
-    std::vector<std::pair<std::size_t, std::string>> renamed;
+    std::vector<std::size_t> collided; // files whose UID an earlier one holds
     std::size_t indexed = 0;
     auto indexReadBatches = [&](bool waitForAll) {
         while (indexed < batches) {
@@ -585,13 +650,11 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
                 const std::uint32_t account = accountIndexes[file.account];
                 // Two files with one UID (a copy made by hand, a broken sync)
                 // would be one card to everyone else; Kinbook keeps both
-                // visible, the second under an id made from its account and
-                // file name.
+                // visible. Which one keeps the UID is settled once every UID
+                // is known, by file name, not by the order the folder lists
+                // them in.
                 if (!index.insert(people[i].id, hashes[i], account, listing->name(file))) {
-                    std::string id = cardIDFromFileName(listing->accountName(file) + "-" +
-                                                        std::string(listing->name(file)));
-                    index.insert(id, account, listing->name(file));
-                    renamed.emplace_back(i, std::move(id));
+                    collided.push_back(i);
                 }
             }
             ++indexed;
@@ -655,9 +718,14 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
             indexReadBatches(true);
         }
     });
+    LoadReport report;
+    std::vector<std::pair<std::size_t, std::string>> renamed;
+    if (!collided.empty()) {
+        renamed = settleDuplicateUIDs(*listing, people, outcomes, accountIndexes, collided, index, report);
+    }
 
     CardIndex previous; // dropped once the lock is released
-    std::lock_guard lock(m_mutex);
+    std::unique_lock lock(m_mutex);
     if (token != nullptr) {
         // The journal learns the files from this read, with the ids as read
         // (a second file with one UID included), instead of statting them all
@@ -705,6 +773,7 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     }
     people.erase(people.begin() + static_cast<std::ptrdiff_t>(end), people.end());
     previous = std::exchange(m_index, std::move(index));
+    lock.unlock();
 
     std::vector<std::pair<std::size_t, std::string>> skipped;
     for (auto& list : problems) {
@@ -714,7 +783,114 @@ std::vector<Person> VdirAddressBook::readEveryCard(bool details, std::vector<std
     for (const auto& [i, problem] : skipped) {
         m_log->error(fmt::format("skipped card {}: {}", listing->path(files[i]).string(), problem));
     }
+    report.skippedFiles = skipped.size();
+    for (const auto& duplicate : report.duplicates) {
+        std::string names;
+        for (const auto& file : duplicate.files) {
+            names += (names.empty() ? "" : ", ") + file.string();
+        }
+        m_log->error(fmt::format("cards sharing the UID \"{}\": {}; the first keeps it as its id",
+                                 duplicate.uid, names));
+    }
+    reportPassedOver(*listing, report);
+    {
+        std::lock_guard reportLock(m_reportMutex);
+        m_loadReport = std::move(report);
+    }
     return people;
+}
+
+void VdirAddressBook::reportPassedOver(const CardListing& listing, LoadReport& report) {
+    for (const auto& account : listing.accounts()) {
+        if (account.unreadable) {
+            ++report.unreadableFolders;
+            m_log->error(fmt::format("skipped account folder {}: it could not be read",
+                                     (m_options.root / account.name).string()));
+        }
+    }
+    std::vector<const CardListing::Oddity*> temporaries;
+    for (const auto& oddity : listing.oddities()) {
+        switch (oddity.kind) {
+        case CardListing::Oddity::Kind::upperCaseExtension:
+            ++report.skippedFiles;
+            m_log->error(fmt::format("skipped card {}: only files ending in \".vcf\" are read",
+                                     listing.path(oddity).string()));
+            break;
+        case CardListing::Oddity::Kind::notRegular:
+            ++report.skippedFiles;
+            m_log->error(fmt::format("skipped card {}: not a regular file", listing.path(oddity).string()));
+            break;
+        case CardListing::Oddity::Kind::temporary:
+            temporaries.push_back(&oddity);
+            break;
+        }
+    }
+    report.removedTemporaries = sweepTemporaries(listing, temporaries);
+}
+
+std::size_t VdirAddressBook::removeLeftoverTemporaries() {
+    if (m_temporariesSwept.load()) {
+        return 0;
+    }
+    const auto listing = CardListing::list(m_options.root, 1);
+    if (!listing) {
+        return 0;
+    }
+    std::vector<const CardListing::Oddity*> temporaries;
+    for (const auto& oddity : listing->oddities()) {
+        if (oddity.kind == CardListing::Oddity::Kind::temporary) {
+            temporaries.push_back(&oddity);
+        }
+    }
+    return sweepTemporaries(*listing, temporaries);
+}
+
+std::size_t VdirAddressBook::sweepTemporaries(const CardListing& listing,
+                                              const std::vector<const CardListing::Oddity*>& temporaries) {
+    std::size_t removed = 0;
+    if (temporaries.empty()) {
+        m_temporariesSwept = true;
+        return removed;
+    }
+    // A Kinbook process writing this address book right now holds its lock:
+    // its temporary files are left alone then, and an old one is taken on
+    // the next read. The age keeps away from the writes of a process whose
+    // state folder (and so whose lock) is another.
+    const int lockFD = m_lockFile.empty() ? -1 : ::open(m_lockFile.c_str(), O_RDWR | O_CLOEXEC);
+    if (lockFD < 0 || ::flock(lockFD, LOCK_EX | LOCK_NB) != 0) {
+        if (lockFD >= 0) {
+            ::close(lockFD);
+        }
+        return removed;
+    }
+    const auto oldest = std::chrono::system_clock::now() - kLeftoverAge;
+    for (const CardListing::Oddity* temporary : temporaries) {
+        const int folderFD = listing.accounts()[temporary->account].fd;
+        struct stat info {};
+        if (folderFD < 0 || ::fstatat(folderFD, temporary->name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(info.st_mode)) {
+            continue;
+        }
+        const auto written = std::chrono::system_clock::time_point(
+            std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
+        if (written > oldest) {
+            continue;
+        }
+        if (::unlinkat(folderFD, temporary->name.c_str(), 0) == 0) {
+            ++removed;
+            m_log->info(fmt::format("removed {}: left by a write that never finished",
+                                    listing.path(*temporary).string()));
+        }
+    }
+    ::close(lockFD); // releases the lock
+    m_temporariesSwept = true;
+    return removed;
+}
+
+LoadReport VdirAddressBook::loadReport() const {
+    std::lock_guard lock(m_reportMutex);
+    return m_loadReport;
 }
 
 Result<FullRead, AddressBookError> VdirAddressBook::readAll(const ReadOptions& options) {
@@ -894,7 +1070,9 @@ Result<ContactDraft, AddressBookError> VdirAddressBook::draft(std::string_view c
         return failure(loaded.error());
     }
     std::lock_guard lock(m_mutex);
-    return readDraft(loaded->card, cardID, m_entries);
+    ContactDraft draft = readDraft(loaded->card, cardID, m_entries);
+    m_draftBases.insert_or_assign(std::string(cardID), draft);
+    return draft;
 }
 
 Result<std::vector<CardRef>, AddressBookError> VdirAddressBook::cardsOf(std::string_view personID) {
@@ -1254,19 +1432,30 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
         cardID,
         [&](VCard& card, const std::string& id) -> Result<ApplyResult, AddressBookError> {
             std::lock_guard lock(m_mutex);
+            // Only what the user changed since the draft was read: the card
+            // may have been changed meanwhile, and those changes stay.
+            const auto base = m_draftBases.find(id);
+            const ContactDraft merged = base == m_draftBases.end()
+                                            ? draft
+                                            : mergeDraft(base->second, draft, readDraft(card, id, m_entries));
             // Where notes are locked, a note can't be written directly
             // either: a card that gets one goes the same way.
-            const bool noteChanges = draftChangesNote(card, draft);
+            const bool noteChanges = draftChangesNote(card, merged);
             if (m_options.notesLocked && (hasNote(card) || noteChanges)) {
                 VCard applied = card;
-                applyDraft(applied, draft, id, m_entries, m_options.clock->now());
+                applyDraft(applied, merged, id, m_entries, m_options.clock->now());
                 scripted = ContactsAppScript::Card::read(applied, id);
-                noteScript = noteChanges ? ContactsAppScript::noteLines(id, scriptedNote(*draft.note)) : "";
+                noteScript = noteChanges ? ContactsAppScript::noteLines(id, scriptedNote(*merged.note)) : "";
                 return failure(AddressBookError::hasNote());
             }
-            return applyDraft(card, draft, id, m_entries, m_options.clock->now());
+            return applyDraft(card, merged, id, m_entries, m_options.clock->now());
         },
         "contact");
+    if (result.ok()) {
+        // The next save of this draft builds on what this one wrote.
+        std::lock_guard lock(m_mutex);
+        m_draftBases.insert_or_assign(cardID, draft);
+    }
     if (!result.ok()) {
         if (result.error().code == AddressBookError::Code::hasNote && scripted) {
             std::string body = ContactsAppScript::lines(*scripted, {ContactsAppScript::Fields::all});

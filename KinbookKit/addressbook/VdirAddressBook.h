@@ -4,10 +4,12 @@
 #include "KinbookKit/addressbook/AddressBook.h"
 #include "KinbookKit/addressbook/CardBatchReader.h"
 #include "KinbookKit/addressbook/CardIndex.h"
+#include "KinbookKit/addressbook/CardListing.h"
 #include "KinbookKit/addressbook/ChangeJournal.h"
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/addressbook/FolderWatcher.h"
 #include "KinbookKit/addressbook/ImageScaler.h"
+#include "KinbookKit/addressbook/LoadReport.h"
 #include "KinbookKit/addressbook/NoteGuard.h"
 #include "KinbookKit/addressbook/ScriptHost.h"
 #include "KinbookKit/addressbook/ScriptedCards.h"
@@ -141,6 +143,18 @@ public:
     // Whether no card file is there in any layout the store reads: the
     // faces then say where they looked instead of showing an empty list.
     bool holdsNoCards() const;
+    // What the last full read passed over (files it could not read, folders
+    // it could not list), the UIDs it found on several files, and the
+    // temporary files of unfinished writes it removed. Empty before the
+    // first full read.
+    LoadReport loadReport() const;
+    // Removes the temporary files that writes which never finished (a crash,
+    // a kill) left in the account folders, once they are old enough that no
+    // one is still writing them and while no other Kinbook process holds the
+    // book. A full read does this on its way; a start from the snapshot
+    // cache, which reads no folder, calls it once the list is shown. Does
+    // nothing once it has swept in this process. Returns how many went.
+    std::size_t removeLeftoverTemporaries();
 
     // For the scripting host, which plays the Contacts application.
     // The file every Kinbook process locks (flock) around its changes to
@@ -186,6 +200,11 @@ private:
     // index from what it read. With `token`, the journal learns the files
     // from this read, and `*token` is the position after what it found.
     std::vector<Person> readEveryCard(bool details, std::vector<std::uint8_t>* token);
+    // Logs and counts what a listing passed over, and removes the old
+    // temporary files of writes that never finished.
+    void reportPassedOver(const CardListing& listing, LoadReport& report);
+    std::size_t sweepTemporaries(const CardListing& listing,
+                                 const std::vector<const CardListing::Oddity*>& temporaries);
     // The index's number for the account `accountID`, added when new.
     std::uint32_t accountIndex(const std::string& accountID);
     CardFile fileAt(std::string_view cardID, const CardIndex::Place& place) const;
@@ -211,7 +230,10 @@ private:
     std::mutex m_mutex;                          // guards everything below
     std::atomic<std::size_t> m_lastCardCount{0}; // card files the last full read found
     CardIndex m_index;                           // card id to its file, as last read
-    std::vector<std::string> m_accountIDs;       // the accounts the index's places refer to
+    // Each card's draft as draft() last gave it (or save() last wrote it):
+    // what a save tells the user's changes from the card's by.
+    std::map<std::string, ContactDraft, std::less<>> m_draftBases;
+    std::vector<std::string> m_accountIDs; // the accounts the index's places refer to
     std::unique_ptr<ChangeJournal> m_journal;
     StoredEntryRegistry m_entries;
     std::mutex m_writeMutex; // one change at a time, taken before m_mutex
@@ -242,6 +264,10 @@ private:
     std::map<ChangeObserverID, ChangeObserver> m_observers;
     ChangeObserverID m_lastObserverID = 0;
     Executor* m_watchExecutor = nullptr; // none: not watching
+
+    mutable std::mutex m_reportMutex; // guards m_loadReport only
+    LoadReport m_loadReport;
+    std::atomic<bool> m_temporariesSwept{false}; // every old leftover in the folders has been removed
 
     NoteGuard m_noteGuard;
     std::once_flag m_recoveryOnce;
