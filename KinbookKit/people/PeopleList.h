@@ -2,6 +2,7 @@
 
 #include "KinbookKit/Executor.h"
 #include "KinbookKit/addressbook/AddressBook.h"
+#include "KinbookKit/people/PeopleEditing.h"
 #include "KinbookKit/people/PeopleListContext.h"
 #include "KinbookKit/people/PeopleLoader.h"
 #include "KinbookKit/people/PeopleMerge.h"
@@ -268,6 +269,11 @@ public:
         m_trash.emptyTrash(std::move(done));
     }
 
+    // --- Editing and undo ------------------------------------------------------
+
+    // Saving the editor's drafts, and undo and redo of the user's changes.
+    PeopleEditing& editing() { return m_editing; }
+
 private:
     // Declared in the order they are made; the parts hold the context, the
     // loader holds the shown people, the operations hold the loader.
@@ -276,6 +282,7 @@ private:
     PeopleLoader m_loader;
     PeopleOperations m_operations;
     PeopleTrash m_trash;
+    PeopleEditing m_editing;
 };
 
 } // namespace kinbook
