@@ -1,6 +1,7 @@
 #include "Kinbook/KinbookApp.h"
 
 #include "Kinbook/ContactPage.h"
+#include "Kinbook/EditorCommands.h"
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/PhotoGrid.h"
@@ -92,6 +93,7 @@ void KinbookApp::opened() {
         m_window->addToolBar(Qt::TopToolBarArea, new SidecarBanner(qt(configuration.configFile.string())));
     }
     m_window->page()->photoGrid()->attach(*m_session);
+    m_window->editorCommands()->setSession(m_session.get());
     m_window->setDuplicatesSupport(m_session->notDuplicatesFile(), m_session->mergePhotoKeeper());
     if (m_options.windowWidth) {
         m_window->resize(*m_options.windowWidth, m_window->height());

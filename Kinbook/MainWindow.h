@@ -23,6 +23,7 @@ namespace kinbook {
 class AppLog;
 class ContactPage;
 class DuplicatesWindow;
+class EditorCommands;
 class MergeSheet;
 class HeadingsColumn;
 class HelpCommands;
@@ -99,6 +100,8 @@ public:
     // Delete: the selected people go to the Trash at once (none without a
     // sidecar folder, when it is not offered).
     QAction* trashAction() const { return m_trashAction; }
+    // New Contact, Edit Contact, Undo and Redo.
+    EditorCommands* editorCommands() const { return m_editing; }
 
     // Narrower than this, the headings column steps aside.
     static constexpr int kHeadingsMinimumWidth = 860;
@@ -169,6 +172,7 @@ private:
     TrashView* m_trashView = nullptr;
     TrashBar* m_trashBar = nullptr;
     QAction* m_trashAction = nullptr;
+    EditorCommands* m_editing = nullptr;
 
     bool m_showHeadings = true;
     std::string m_pagePersonID;     // the person the page shows

@@ -107,6 +107,19 @@ void PeopleEditing::changed() {
     }
 }
 
+void PeopleEditing::draft(std::string cardID, std::function<void(Result<ContactDraft, ActionError>)> done) {
+    m_context.runOn(
+        m_context.background(),
+        [book = m_context.book(), cardID = std::move(cardID)]() -> Result<ContactDraft, ActionError> {
+            auto read = book->draft(cardID);
+            if (!read.ok()) {
+                return failure(ActionError{read.error()});
+            }
+            return std::move(read.value());
+        },
+        std::move(done));
+}
+
 void PeopleEditing::save(ContactDraft draft, std::function<void(Result<SavedContact, ActionError>)> done) {
     if (!draft.id && draft.isEmpty()) {
         m_context.onMain([done = std::move(done)] { done(SavedContact{}); });

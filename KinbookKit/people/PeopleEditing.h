@@ -88,6 +88,9 @@ public:
     PeopleEditing(const PeopleEditing&) = delete;
     PeopleEditing& operator=(const PeopleEditing&) = delete;
 
+    // The editable draft of a card, read from the store in the background.
+    void draft(std::string cardID, std::function<void(Result<ContactDraft, ActionError>)> done);
+
     // Saves the draft: an edit of draft.id, or a new card in the draft's
     // account. An empty new draft is not saved; nor is an undo step kept for
     // an edit that changed nothing.

@@ -1,0 +1,206 @@
+// The contact editor in the whole application over a real address book:
+// editing a card changes only what the user changed, Cancel and an empty new
+// contact write nothing, the company question keeps a previous job, and
+// Edit ▸ Undo puts the card back byte for byte.
+
+#include "Kinbook/ContactEditor.h"
+
+#include "Kinbook/ContactPage.h"
+#include "Kinbook/EditorCommands.h"
+#include "Kinbook/KinbookApp.h"
+#include "Kinbook/MainWindow.h"
+#include "KinbookKit/people/PeopleList.h"
+#include "KinbookKit/setup/KinbookSession.h"
+#include "tests/app/AppTestSupport.h"
+#include "tests/app/FreshHome.h"
+#include "tests/app/TestAddressBook.h"
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QComboBox>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+
+namespace kinbook {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+using testing::runEventsUntil;
+
+class ContactEditorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        testing::writeSmallAddressBook(book());
+        LaunchOptions options;
+        options.contactsRoot = book();
+        m_app = std::make_unique<KinbookApp>(options);
+        ASSERT_TRUE(m_app->start());
+        ASSERT_TRUE(runEventsUntil([&] { return m_app->isLoaded(); }));
+    }
+
+    fs::path book() const { return m_home.path() / "book"; }
+    MainWindow& window() const { return *m_app->window(); }
+    PeopleList& list() const { return *m_app->list(); }
+    EditorCommands& commands() const { return *window().editorCommands(); }
+
+    // Opens the editor on a person with Edit Contact and waits for their card.
+    ContactEditor* edit(const char* personID) {
+        EXPECT_TRUE(window().selectPerson(personID));
+        commands().editContactAction()->trigger();
+        ContactEditor* editor = commands().editor();
+        EXPECT_NE(editor, nullptr);
+        EXPECT_TRUE(editor != nullptr && runEventsUntil([&] { return editor->isLoaded(); }));
+        return editor;
+    }
+
+    // Presses keys in the editor's window, as the user would.
+    static void press(ContactEditor* editor, Qt::Key key, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
+        editor->activateWindow();
+        QTest::keyClick(editor->focusWidget() != nullptr ? editor->focusWidget() : editor, key, modifiers);
+    }
+
+    static QPushButton* button(QMessageBox* box, const QString& text) {
+        for (QAbstractButton* b : box->buttons()) {
+            if (b->text() == text) {
+                return qobject_cast<QPushButton*>(b);
+            }
+        }
+        return nullptr;
+    }
+
+    std::size_t cardFiles() const {
+        std::size_t count = 0;
+        for (const auto& entry : fs::recursive_directory_iterator(book())) {
+            count += entry.path().extension() == ".vcf" ? 1 : 0;
+        }
+        return count;
+    }
+
+    testing::FreshHome m_home;
+    std::unique_ptr<KinbookApp> m_app;
+};
+
+TEST_F(ContactEditorTest, AnEditChangesOnlyItsLinesShowsAtOnceAndUndoPutsTheBytesBack) {
+    const fs::path ada = book() / "home" / "ADA.vcf";
+    const std::string before = readFile(ada);
+    ContactEditor* editor = edit("ADA");
+    ASSERT_NE(editor, nullptr);
+    EXPECT_EQ(editor->field("GivenName")->text(), "Ada");
+
+    editor->field("JobTitle")->setText("Chief Engineer");
+    EntryRows* phones = editor->rows(EntryRows::Kind::phone);
+    ASSERT_EQ(phones->count(), 1);
+    editor->findChild<QPushButton*>("AddPhones")->click();
+    ASSERT_EQ(phones->count(), 2);
+    QTest::keyClicks(phones->valueEdit(1), "+1 646 555 0102");
+    phones->moveRow(1, -1); // the new number first
+    // The current work e-mail could be marked former: removing it asks first.
+    EntryRows* emails = editor->rows(EntryRows::Kind::email);
+    ASSERT_EQ(emails->count(), 2);
+    emails->requestRemove(0);
+    ASSERT_NE(emails->deletionQuestion(), nullptr);
+    EXPECT_TRUE(emails->deletionQuestion()->text().contains(
+        "To keep it but stop using it, choose Mark as Former instead."));
+    button(emails->deletionQuestion(), "Delete")->click();
+    EXPECT_EQ(emails->count(), 1);
+
+    press(editor, Qt::Key_S, Qt::ControlModifier);
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    const std::string after = readFile(ada);
+    // The page and list show the edit without a full read.
+    EXPECT_EQ(list().person("ADA")->jobTitle, "Chief Engineer");
+    EXPECT_EQ(window().page()->person()->id, "ADA");
+    // Every line the user did not touch is still there, in its order.
+    for (const char* kept : {"N:Abbott;Ada;;;\r\n", "FN:Ada Abbott\r\n", "ORG:Acme;\r\n",
+                             "item1.EMAIL:ada@old.test\r\nitem1.X-ABLabel:ex-work\r\n", "UID:ADA\r\n"}) {
+        EXPECT_NE(after.find(kept), std::string::npos) << kept;
+    }
+    EXPECT_EQ(after.find("ada@acme.test"), std::string::npos);
+    EXPECT_NE(after.find("TITLE:Chief Engineer\r\n"), std::string::npos);
+    EXPECT_LT(after.find("+1 646 555 0102"), after.find("+1 212 555 0101"));
+
+    EXPECT_EQ(commands().undoAction()->text(), "Undo Edit Contact");
+    commands().undoAction()->trigger();
+    ASSERT_TRUE(runEventsUntil([&] { return readFile(ada) == before; }));
+    ASSERT_TRUE(runEventsUntil([&] { return list().person("ADA")->jobTitle.empty(); }));
+    EXPECT_EQ(commands().redoAction()->text(), "Redo Edit Contact");
+}
+
+TEST_F(ContactEditorTest, CancelAndAnEmptyNewContactWriteNothingAndANewContactIsSelected) {
+    const std::size_t files = cardFiles();
+    const std::string ed = readFile(book() / "home" / "ED.vcf");
+    ContactEditor* editor = edit("ED");
+    editor->field("GivenName")->setText("Edward");
+    press(editor, Qt::Key_Escape);
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    EXPECT_EQ(readFile(book() / "home" / "ED.vcf"), ed);
+
+    commands().newContactAction()->trigger();
+    editor = commands().editor();
+    ASSERT_NE(editor, nullptr);
+    EXPECT_EQ(editor->windowTitle(), "New Contact");
+    press(editor, Qt::Key_Return, Qt::ControlModifier);
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    EXPECT_EQ(cardFiles(), files);
+    EXPECT_EQ(commands().undoAction()->text(), "Undo");
+
+    commands().newContactAction()->trigger();
+    editor = commands().editor();
+    QTest::keyClicks(editor->field("GivenName"), "Zed");
+    QTest::keyClicks(editor->field("FamilyName"), "Zimmer");
+    editor->noteEdit()->setPlainText("Met at the climbing gym.");
+    press(editor, Qt::Key_S, Qt::ControlModifier);
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; })) << editor->errorText().toStdString();
+    EXPECT_EQ(cardFiles(), files + 1);
+    ASSERT_TRUE(runEventsUntil([&] {
+        const auto& shown = window().page()->person();
+        return shown && shown->givenName == "Zed";
+    }));
+    EXPECT_EQ(commands().undoAction()->text(), "Undo New Contact");
+}
+
+TEST_F(ContactEditorTest, ChangingTheCompanyAsksToKeepItAsAPreviousJob) {
+    const fs::path ada = book() / "home" / "ADA.vcf";
+    const std::string before = readFile(ada);
+    ContactEditor* editor = edit("ADA");
+    editor->field("Organization")->setText("Globex");
+    editor->save();
+    QMessageBox* question = editor->keepJobQuestion();
+    ASSERT_NE(question, nullptr);
+    EXPECT_EQ(question->text(), "Keep Acme as a previous job?");
+    // Ada has a work e-mail, so all four answers are offered.
+    for (const char* text : {ContactEditor::keepJobButton, ContactEditor::keepAndMarkButton,
+                             ContactEditor::dontKeepButton, "Cancel"}) {
+        EXPECT_NE(button(question, text), nullptr) << text;
+    }
+    button(question, "Cancel")->click();
+    testing::runEventsFor(std::chrono::milliseconds(50));
+    EXPECT_EQ(readFile(ada), before);
+    ASSERT_NE(commands().editor(), nullptr);
+
+    editor->save();
+    button(editor->keepJobQuestion(), ContactEditor::keepAndMarkButton)->click();
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    const std::string after = readFile(ada);
+    EXPECT_NE(after.find("ORG:Globex;"), std::string::npos);
+    // The work e-mail is now a former one; nothing else of the card changed.
+    EXPECT_EQ(after.find("EMAIL;type=WORK"), std::string::npos);
+    EXPECT_NE(after.find("ex-work"), std::string::npos);
+    EXPECT_NE(after.find("TEL;type=CELL:+1 212 555 0101\r\n"), std::string::npos);
+    ContactPhotos* photos = m_app->session()->photos();
+    ASSERT_NE(photos, nullptr);
+    const PersonKey key{list().person("ADA")->kinID.value_or(""), "Ada Abbott"};
+    ASSERT_TRUE(runEventsUntil([&] {
+        photos->waitUntilIdle();
+        const auto jobs = photos->pastJobs(key);
+        return jobs.size() == 1 && jobs[0].company == "Acme";
+    }));
+}
+
+} // namespace
+} // namespace kinbook
