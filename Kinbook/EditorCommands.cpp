@@ -106,6 +106,15 @@ void EditorCommands::editPerson(const std::string& personID) {
     open(new ContactEditor(m_list, std::move(cards), m_window));
 }
 
+void EditorCommands::quickEdit(const std::string& cardID, const std::string& entryID) {
+    if (m_quick) {
+        m_quick->close();
+    }
+    m_quick = new QuickEditor(m_list, cardID, entryID, m_window);
+    m_quick->setAttribute(Qt::WA_DeleteOnClose);
+    m_quick->open();
+}
+
 void EditorCommands::markFormer(const std::string& cardID, const std::string& entryID, bool former) {
     m_list.editing().record(
         former ? "Mark as Former" : "Mark as Current", {cardID},

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Kinbook/ContactEditor.h"
+#include "Kinbook/QuickEditor.h"
 #include "KinbookKit/people/PeopleOperations.h"
 
 #include <QObject>
@@ -47,6 +48,10 @@ public:
     // Opens the editor on the person's cards, primary first.
     void editPerson(const std::string& personID);
 
+    // Edits one entry of a card in place.
+    void quickEdit(const std::string& cardID, const std::string& entryID);
+    QuickEditor* quickEditor() const { return m_quick; }
+
     // The list's actions, kept for undo.
     void markFormer(const std::string& cardID, const std::string& entryID, bool former);
     void setCircle(const std::string& personID, std::optional<ContactCircle> circle);
@@ -67,6 +72,7 @@ private:
     QAction* m_undo;
     QAction* m_redo;
     QPointer<ContactEditor> m_editor;
+    QPointer<QuickEditor> m_quick;
 };
 
 } // namespace kinbook

@@ -117,6 +117,10 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
                 beginAction();
                 m_editing->markFormer(utf8(cardID), utf8(entryID), false);
             });
+    connect(m_page, &ContactPage::quickEditRequested, this,
+            [this](const QString& cardID, const QString& entryID) {
+                m_editing->quickEdit(utf8(cardID), utf8(entryID));
+            });
     connect(m_page, &ContactPage::hiddenChangeRequested, this, [this](const QString& personID, bool hidden) {
         beginAction();
         // Hidden from the page, the person stays on it, so that Unhide is at hand.

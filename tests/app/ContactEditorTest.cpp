@@ -9,6 +9,7 @@
 #include "Kinbook/EditorCommands.h"
 #include "Kinbook/KinbookApp.h"
 #include "Kinbook/MainWindow.h"
+#include "Kinbook/QuickEditor.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/setup/KinbookSession.h"
 #include "tests/app/AppTestSupport.h"
@@ -24,6 +25,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTest>
+#include <QTreeWidgetItemIterator>
 
 namespace kinbook {
 namespace {
@@ -36,6 +38,10 @@ class ContactEditorTest : public ::testing::Test {
 protected:
     void SetUp() override {
         testing::writeSmallAddressBook(book());
+        testing::writeFile(book() / "home" / "ZOE.vcf",
+                           testing::vcard("ZOE", "Zoe", "Zane",
+                                          {"TEL;type=HOME:+1 415 555 0111",
+                                           "ADR;type=HOME:;;1 Main St;Springfield;IL;62701;USA"}));
         LaunchOptions options;
         options.contactsRoot = book();
         m_app = std::make_unique<KinbookApp>(options);
@@ -155,7 +161,8 @@ TEST_F(ContactEditorTest, CancelAndAnEmptyNewContactWriteNothingAndANewContactIs
     QTest::keyClicks(editor->field("FamilyName"), "Zimmer");
     editor->noteEdit()->setPlainText("Met at the climbing gym.");
     press(editor, Qt::Key_S, Qt::ControlModifier);
-    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; })) << editor->errorText().toStdString();
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }))
+        << editor->errorText().toStdString();
     EXPECT_EQ(cardFiles(), files + 1);
     ASSERT_TRUE(runEventsUntil([&] {
         const auto& shown = window().page()->person();
@@ -200,6 +207,64 @@ TEST_F(ContactEditorTest, ChangingTheCompanyAsksToKeepItAsAPreviousJob) {
         const auto jobs = photos->pastJobs(key);
         return jobs.size() == 1 && jobs[0].company == "Acme";
     }));
+}
+
+TEST_F(ContactEditorTest, TheQuickEditorEditsOneEntryInPlaceOrSaysItIsGone) {
+    const fs::path zoe = book() / "home" / "ZOE.vcf";
+    ASSERT_TRUE(window().selectPerson("ZOE"));
+    ASSERT_TRUE(runEventsUntil([&] { return window().page()->hasAllCards(); }));
+    // The page's rows of the phone and the address.
+    auto rowOf = [&](const QString& text) -> QTreeWidgetItem* {
+        ContactFields* fields = window().page()->fields();
+        for (QTreeWidgetItemIterator it(fields); *it != nullptr; ++it) {
+            if ((*it)->text(1).contains(text) || (*it)->text(0).contains(text)) {
+                return *it;
+            }
+        }
+        return nullptr;
+    };
+    QTreeWidgetItem* phone = rowOf("555 0111");
+    ASSERT_NE(phone, nullptr);
+    window().page()->fields()->setCurrentItem(phone);
+    QTest::keyClick(window().page()->fields(), Qt::Key_F2);
+    QuickEditor* quick = commands().quickEditor();
+    ASSERT_NE(quick, nullptr);
+    ASSERT_TRUE(runEventsUntil([&] { return quick->isLoaded(); }));
+    quick->valueEdit()->setText("+1 415 555 0112");
+    quick->save();
+    ASSERT_TRUE(runEventsUntil([&] { return commands().quickEditor() == nullptr; }));
+    std::string bytes = readFile(zoe);
+    EXPECT_NE(bytes.find("TEL;type=HOME:+1 415 555 0112\r\n"), std::string::npos);
+    EXPECT_NE(bytes.find("ADR;type=HOME:;;1 Main St;Springfield;IL;62701;USA\r\n"), std::string::npos);
+
+    // A whole address pasted into the street is split, its unit on the
+    // street's second line.
+    QTreeWidgetItem* address = rowOf("Springfield");
+    ASSERT_NE(address, nullptr);
+    Q_EMIT window().page()->fields()->itemDoubleClicked(address, 1);
+    quick = commands().quickEditor();
+    ASSERT_TRUE(quick != nullptr && runEventsUntil([&] { return quick->isLoaded(); }));
+    for (int part = 0; part < 4; ++part) {
+        quick->addressPart(part)->clear();
+    }
+    quick->streetEdit()->setPlainText("350 Fifth Avenue Apt 5, New York, NY 10118");
+    EXPECT_EQ(quick->streetEdit()->toPlainText(), "350 Fifth Avenue\nApt 5");
+    EXPECT_EQ(quick->addressPart(0)->text(), "New York");
+    EXPECT_EQ(quick->addressPart(1)->text(), "NY");
+    EXPECT_EQ(quick->addressPart(2)->text(), "10118");
+
+    // Meanwhile the address went elsewhere, and then the whole contact.
+    bytes = readFile(zoe);
+    bytes.erase(bytes.find("ADR;"), bytes.find("\r\n", bytes.find("ADR;")) + 2 - bytes.find("ADR;"));
+    testing::writeFile(zoe, bytes);
+    quick->save();
+    ASSERT_TRUE(runEventsUntil([&] { return !quick->errorText().isEmpty(); }));
+    EXPECT_EQ(quick->errorText(), QuickEditor::addressGone);
+    EXPECT_EQ(readFile(zoe), bytes);
+    fs::remove(zoe);
+    quick->save();
+    ASSERT_TRUE(runEventsUntil([&] { return quick->errorText() == QuickEditor::contactGone; }));
+    EXPECT_FALSE(fs::exists(zoe));
 }
 
 } // namespace
