@@ -121,6 +121,14 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
             Q_EMIT hiddenChangeRequested(qt(m_person->id), !m_person->hidden);
         }
     });
+    auto* edit = new QPushButton("Edit", m_body);
+    edit->setObjectName("EditButton");
+    connect(edit, &QPushButton::clicked, this, [this] {
+        if (m_person) {
+            Q_EMIT editRequested(qt(m_person->id));
+        }
+    });
+    top->addWidget(edit, 0, Qt::AlignTop);
     top->addWidget(m_hide, 0, Qt::AlignTop);
     layout->addWidget(m_poster);
 

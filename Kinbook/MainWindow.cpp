@@ -117,6 +117,8 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
                 beginAction();
                 m_editing->markFormer(utf8(cardID), utf8(entryID), false);
             });
+    connect(m_page, &ContactPage::editRequested, this,
+            [this](const QString& personID) { m_editing->editPerson(utf8(personID)); });
     connect(m_page, &ContactPage::quickEditRequested, this,
             [this](const QString& cardID, const QString& entryID) {
                 m_editing->quickEdit(utf8(cardID), utf8(entryID));

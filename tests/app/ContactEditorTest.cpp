@@ -155,6 +155,12 @@ TEST_F(ContactEditorTest, CancelAndAnEmptyNewContactWriteNothingAndANewContactIs
     EXPECT_EQ(cardFiles(), files);
     EXPECT_EQ(commands().undoAction()->text(), "Undo");
 
+    // The page's Edit button opens the same editor.
+    window().page()->findChild<QPushButton*>("EditButton")->click();
+    ASSERT_NE(commands().editor(), nullptr);
+    commands().editor()->reject();
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+
     commands().newContactAction()->trigger();
     editor = commands().editor();
     QTest::keyClicks(editor->field("GivenName"), "Zed");
