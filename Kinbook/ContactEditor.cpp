@@ -53,6 +53,24 @@ constexpr TextField kTextFields[] = {
     {"JobTitle", "Job title", &ContactDraft::jobTitle},
 };
 
+// Entries in the card's order: those the card has where it has them, new
+// ones after, unless the user reordered the list.
+template <typename Entry>
+std::vector<Entry> inCardOrder(const EntryRows* rows, std::vector<Entry> entries,
+                               const std::vector<Entry>& card) {
+    if (rows->isReordered()) {
+        return entries;
+    }
+    auto place = [&](const Entry& entry) {
+        const auto found =
+            std::find_if(card.begin(), card.end(), [&](const Entry& c) { return c.id == entry.id; });
+        return static_cast<std::size_t>(found - card.begin());
+    };
+    std::stable_sort(entries.begin(), entries.end(),
+                     [&](const Entry& a, const Entry& b) { return place(a) < place(b); });
+    return entries;
+}
+
 QString trimmedCompany(const std::string& text) {
     return qt(text).trimmed();
 }
@@ -90,11 +108,28 @@ struct EntryRows::Row {
     std::string id;
     std::string originalLabel;
     bool isNew = false;
+    // The entry's own texts and how the fields showed them: a field the user
+    // left alone gives back the entry's text exactly.
+    std::vector<std::string> originals;
+    std::vector<QString> shown;
     QComboBox* label = nullptr; // the label, or the service of a link
     std::vector<QLineEdit*> values;
     QPlainTextEdit* street = nullptr;
     QLabel* service = nullptr;
 };
+
+namespace {
+
+// A row's text: the entry's own when the field still shows what it showed.
+template <typename Row>
+std::string keptText(const Row& row, std::size_t part, const QString& now) {
+    if (part < row.shown.size() && now == row.shown[part]) {
+        return row.originals[part];
+    }
+    return utf8(now);
+}
+
+} // namespace
 
 std::vector<std::pair<QString, std::string>> EntryRows::stockLabels(Kind kind) {
     std::vector<StockLabel> labels;
@@ -280,8 +315,12 @@ void EntryRows::setFields(const std::vector<ContactDraft::Field>& fields) {
         removeRow(0);
     }
     for (const auto& field : fields) {
-        makeRow(field.id, field.label, field.isNew).values[0]->setText(qt(field.value));
+        Row& row = makeRow(field.id, field.label, field.isNew);
+        row.values[0]->setText(qt(field.value));
+        row.originals = {field.value};
+        row.shown = {row.values[0]->text()};
     }
+    m_reordered = false;
 }
 
 void EntryRows::setAddresses(const std::vector<ContactDraft::Address>& addresses) {
@@ -296,7 +335,11 @@ void EntryRows::setAddresses(const std::vector<ContactDraft::Address>& addresses
         row.values[1]->setText(qt(address.state));
         row.values[2]->setText(qt(address.postalCode));
         row.values[3]->setText(qt(address.country));
+        row.originals = {address.street, address.city, address.state, address.postalCode, address.country};
+        row.shown = {row.street->toPlainText(), row.values[0]->text(), row.values[1]->text(),
+                     row.values[2]->text(), row.values[3]->text()};
     }
+    m_reordered = false;
 }
 
 void EntryRows::setDates(const std::vector<ContactDraft::Date>& dates) {
@@ -306,6 +349,7 @@ void EntryRows::setDates(const std::vector<ContactDraft::Date>& dates) {
     for (const auto& date : dates) {
         makeRow(date.id, date.label, date.isNew).values[0]->setText(editorDateText(date.date));
     }
+    m_reordered = false;
 }
 
 void EntryRows::setLinks(const std::vector<LinkedAccount>& links) {
@@ -318,6 +362,7 @@ void EntryRows::setLinks(const std::vector<LinkedAccount>& links) {
         const QSignalBlocker blocker(row.values[0]);
         row.values[0]->setText(qt(link.handle));
     }
+    m_reordered = false;
 }
 
 std::string EntryRows::rowLabel(int index) const {
@@ -343,7 +388,7 @@ std::vector<ContactDraft::Field> EntryRows::fields() const {
     std::vector<ContactDraft::Field> fields;
     for (int i = 0; i < count(); ++i) {
         const Row& row = *m_rows[static_cast<std::size_t>(i)];
-        fields.push_back({row.id, rowLabel(i), utf8(row.values[0]->text()), row.isNew});
+        fields.push_back({row.id, rowLabel(i), keptText(row, 0, row.values[0]->text()), row.isNew});
     }
     return fields;
 }
@@ -400,6 +445,7 @@ void EntryRows::moveRow(int index, int by) {
         return;
     }
     std::swap(m_rows[static_cast<std::size_t>(index)], m_rows[static_cast<std::size_t>(target)]);
+    m_reordered = true;
     relayout();
 }
 
@@ -592,8 +638,10 @@ void ContactEditor::load(const std::string& cardID) {
 
 void ContactEditor::setDraft(const ContactDraft& draft) {
     m_original = draft;
+    m_shownTexts.clear();
     for (std::size_t i = 0; i < std::size(kTextFields); ++i) {
         m_texts[i]->setText(qt(draft.*kTextFields[i].member));
+        m_shownTexts << m_texts[i]->text();
     }
     m_birthday->setText(draft.birthday ? editorDateText(*draft.birthday) : QString());
     rows(EntryRows::Kind::phone)->setFields(ExLabel::formerLast(draft.phones));
@@ -603,6 +651,7 @@ void ContactEditor::setDraft(const ContactDraft& draft) {
     rows(EntryRows::Kind::date)->setDates(draft.dates);
     rows(EntryRows::Kind::link)->setLinks(draft.links);
     m_note->setPlainText(qt(draft.note.value_or(std::string())));
+    m_shownNote = m_note->toPlainText();
     m_error->hide();
     m_loaded = true;
     m_save->setEnabled(true);
@@ -615,10 +664,9 @@ void ContactEditor::setDraft(const ContactDraft& draft) {
 ContactDraft ContactEditor::draft() const {
     ContactDraft draft = m_original;
     for (std::size_t i = 0; i < std::size(kTextFields); ++i) {
-        const std::string text = utf8(m_texts[i]->text());
         // A text the user left alone is the card's own, spaces and all.
-        if (qt(draft.*kTextFields[i].member) != m_texts[i]->text()) {
-            draft.*kTextFields[i].member = text;
+        if (m_texts[i]->text() != m_shownTexts.value(static_cast<qsizetype>(i))) {
+            draft.*kTextFields[i].member = utf8(m_texts[i]->text());
         }
     }
     if (m_birthday->text().trimmed().isEmpty()) {
@@ -626,15 +674,19 @@ ContactDraft ContactEditor::draft() const {
     } else if (const auto birthday = parseEditorDate(m_birthday->text())) {
         draft.birthday = birthday;
     }
-    draft.phones = rows(EntryRows::Kind::phone)->fields();
-    draft.emails = rows(EntryRows::Kind::email)->fields();
+    // Former entries are listed last; unless the user moved one, the card
+    // keeps its own order.
+    draft.phones =
+        inCardOrder(rows(EntryRows::Kind::phone), rows(EntryRows::Kind::phone)->fields(), m_original.phones);
+    draft.emails =
+        inCardOrder(rows(EntryRows::Kind::email), rows(EntryRows::Kind::email)->fields(), m_original.emails);
     draft.urls = rows(EntryRows::Kind::url)->fields();
-    draft.addresses = rows(EntryRows::Kind::address)->addresses();
+    draft.addresses = inCardOrder(rows(EntryRows::Kind::address), rows(EntryRows::Kind::address)->addresses(),
+                                  m_original.addresses);
     draft.dates = rows(EntryRows::Kind::date)->dates();
     draft.links = rows(EntryRows::Kind::link)->links();
-    const std::string note = utf8(m_note->toPlainText());
-    if (note != m_original.note.value_or(std::string())) {
-        draft.note = note;
+    if (m_note->toPlainText() != m_shownNote) {
+        draft.note = utf8(m_note->toPlainText());
     }
     return draft;
 }

@@ -44,6 +44,8 @@ public:
     std::vector<LinkedAccount> links() const;
 
     int count() const { return static_cast<int>(m_rows.size()); }
+    // Whether the user moved a row since the entries were set.
+    bool isReordered() const { return m_reordered; }
     // Adds an empty row and puts the focus in it.
     void addRow();
     void moveRow(int row, int by);
@@ -71,6 +73,7 @@ private:
     Kind m_kind;
     QVBoxLayout* m_list;
     std::vector<Row*> m_rows;
+    bool m_reordered = false; // the user moved a row
     QMessageBox* m_question = nullptr;
 };
 
@@ -142,6 +145,8 @@ private:
 
     QComboBox* m_cardPicker = nullptr;
     std::vector<QLineEdit*> m_texts;
+    QStringList m_shownTexts; // as the fields showed the draft's texts
+    QString m_shownNote;
     QLineEdit* m_birthday = nullptr;
     std::vector<EntryRows*> m_rows;
     QPlainTextEdit* m_note = nullptr;

@@ -40,7 +40,8 @@ protected:
         testing::writeSmallAddressBook(book());
         testing::writeFile(book() / "home" / "ZOE.vcf",
                            testing::vcard("ZOE", "Zoe", "Zane",
-                                          {"TEL;type=HOME:+1 415 555 0111",
+                                          {"item2.TEL:+1 415 555 0100", "item2.X-ABLabel:ex-home",
+                                           "TEL;type=HOME:+1 415 555 0111",
                                            "ADR;type=HOME:;;1 Main St;Springfield;IL;62701;USA"}));
         LaunchOptions options;
         options.contactsRoot = book();
@@ -135,6 +136,23 @@ TEST_F(ContactEditorTest, AnEditChangesOnlyItsLinesShowsAtOnceAndUndoPutsTheByte
     ASSERT_TRUE(runEventsUntil([&] { return readFile(ada) == before; }));
     ASSERT_TRUE(runEventsUntil([&] { return list().person("ADA")->jobTitle.empty(); }));
     EXPECT_EQ(commands().redoAction()->text(), "Redo Edit Contact");
+}
+
+// The editor lists a former number after the current one; saving what it
+// showed, untouched, must not move it on the card or write anything.
+TEST_F(ContactEditorTest, SavingAnUntouchedCardWritesNoByte) {
+    const fs::path zoe = book() / "home" / "ZOE.vcf";
+    const std::string before = readFile(zoe);
+    ContactEditor* editor = edit("ZOE");
+    ASSERT_NE(editor, nullptr);
+    EntryRows* phones = editor->rows(EntryRows::Kind::phone);
+    ASSERT_EQ(phones->count(), 2);
+    EXPECT_EQ(phones->valueEdit(0)->text(), "+1 415 555 0111");
+    EXPECT_EQ(phones->rowLabel(1), "ex-home");
+    editor->save();
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    EXPECT_EQ(readFile(zoe), before);
+    EXPECT_EQ(commands().undoAction()->text(), "Undo");
 }
 
 TEST_F(ContactEditorTest, CancelAndAnEmptyNewContactWriteNothingAndANewContactIsSelected) {
