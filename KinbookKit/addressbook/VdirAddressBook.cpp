@@ -224,6 +224,8 @@ std::string linkingName(std::string_view given, std::string_view family, std::st
     return asciiLowered(name);
 }
 
+constexpr std::string_view kUnscriptableMessage = "This contact has a note, so its phonetic name and dates "
+                                                  "can only be changed in the Contacts app for now.";
 constexpr std::string_view kChangedSinceMessage =
     "The contact changed elsewhere since, so this can't be undone without losing that change.";
 
@@ -1263,6 +1265,14 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
             if (m_options.notesLocked && (hasNote(card) || noteChanges)) {
                 VCard applied = card;
                 applyDraft(applied, draft, id, m_entries, m_options.clock->now());
+                // The Contacts application's script sets no phonetic name and
+                // no other dates: such an edit is refused rather than lost.
+                const ContactDraft before = readDraft(card, id, m_entries);
+                const ContactDraft after = readDraft(applied, id, m_entries);
+                if (before.phoneticGivenName != after.phoneticGivenName ||
+                    before.phoneticFamilyName != after.phoneticFamilyName || before.dates != after.dates) {
+                    return failure(AddressBookError::store(std::string(kUnscriptableMessage)));
+                }
                 scripted = ContactsAppScript::Card::read(applied, id);
                 noteScript = noteChanges ? ContactsAppScript::noteLines(id, scriptedNote(*draft.note)) : "";
                 return failure(AddressBookError::hasNote());
