@@ -576,6 +576,18 @@ void ContactEditor::build() {
         layout->addWidget(rows);
         m_rows.push_back(rows);
     }
+    m_jobs = new QWidget(body);
+    auto* jobs = new QVBoxLayout(m_jobs);
+    jobs->setContentsMargins(0, 0, 0, 0);
+    jobs->addWidget(new QLabel("<b>Previously</b>", m_jobs));
+    m_jobList = new QVBoxLayout();
+    jobs->addLayout(m_jobList);
+    auto* addJob = new QPushButton("Add Previous Job", m_jobs);
+    addJob->setObjectName("AddPreviousJob");
+    connect(addJob, &QPushButton::clicked, this, [this] { addPastJob(); });
+    jobs->addWidget(addJob, 0, Qt::AlignLeft);
+    m_jobs->hide();
+    layout->addWidget(m_jobs);
     layout->addWidget(new QLabel("<b>Note</b>", body));
     m_note = new QPlainTextEdit(body);
     m_note->setObjectName("Note");
@@ -691,6 +703,50 @@ ContactDraft ContactEditor::draft() const {
     return draft;
 }
 
+void ContactEditor::setPastJobs(const std::vector<PastJob>& jobs) {
+    for (const auto& row : m_jobRows) {
+        row.title->parentWidget()->deleteLater();
+    }
+    m_jobRows.clear();
+    for (const auto& job : jobs) {
+        addPastJob(job);
+    }
+    m_shownJobs = pastJobs();
+    m_jobs->show();
+}
+
+void ContactEditor::addPastJob(const PastJob& job) {
+    auto* row = new QWidget(m_jobs);
+    auto* line = new QHBoxLayout(row);
+    line->setContentsMargins(0, 0, 0, 0);
+    JobRow fields{job.id.empty() ? PastJob::make({}, {}).id : job.id, new QLineEdit(qt(job.title), row),
+                  new QLineEdit(qt(job.company), row), new QLineEdit(qt(job.years), row)};
+    fields.title->setPlaceholderText("Job title");
+    fields.company->setPlaceholderText("Company");
+    fields.years->setPlaceholderText("Years");
+    fields.company->setObjectName("PastJobCompany");
+    line->addWidget(fields.title, 2);
+    line->addWidget(fields.company, 2);
+    line->addWidget(fields.years, 1);
+    m_jobList->addWidget(row);
+    m_jobRows.push_back(fields);
+    if (job.id.empty()) {
+        fields.title->setFocus();
+    }
+}
+
+std::vector<PastJob> ContactEditor::pastJobs() const {
+    std::vector<PastJob> jobs;
+    for (const auto& row : m_jobRows) {
+        PastJob job{row.id, utf8(row.company->text().trimmed()), utf8(row.title->text().trimmed()),
+                    utf8(row.years->text().trimmed())};
+        if (!job.isEmpty()) {
+            jobs.push_back(std::move(job));
+        }
+    }
+    return jobs;
+}
+
 QLineEdit* ContactEditor::field(const QString& objectName) const {
     return findChild<QLineEdit*>(objectName);
 }
@@ -719,7 +775,8 @@ void ContactEditor::save() {
     }
     ContactDraft draft = this->draft();
     const QString oldCompany = trimmedCompany(m_original.organization);
-    if (!m_original.id || oldCompany.isEmpty() || trimmedCompany(draft.organization) == oldCompany) {
+    if (!m_original.id || !m_shownJobs || oldCompany.isEmpty() ||
+        trimmedCompany(draft.organization) == oldCompany) {
         write(std::move(draft));
         return;
     }
@@ -756,9 +813,9 @@ void ContactEditor::save() {
                         }
                     }
                 }
-                if (button != dontKeep && m_keepJob) {
-                    m_keepJob(*m_original.id, PastJob::make(utf8(trimmedCompany(m_original.organization)),
-                                                            utf8(qt(m_original.jobTitle).trimmed())));
+                if (button != dontKeep) {
+                    addPastJob(PastJob::make(utf8(trimmedCompany(m_original.organization)),
+                                             utf8(qt(m_original.jobTitle).trimmed())));
                 }
                 write(std::move(draft));
             });
@@ -779,6 +836,10 @@ void ContactEditor::write(ContactDraft draft) {
             return;
         }
         if (saved->cardID) {
+            // The person's past jobs go with the card they were edited with.
+            if (self->m_shownJobs && self->pastJobs() != *self->m_shownJobs && self->m_saveJobs) {
+                self->m_saveJobs(*saved->cardID, self->pastJobs());
+            }
             Q_EMIT self->saved(qt(saved->personID.value_or(*saved->cardID)), qt(*saved->cardID));
         }
         self->accept();

@@ -88,14 +88,22 @@ public:
     // The cards of the person to choose from, primary first: card id and
     // the text naming it (its account).
     using CardChoices = std::vector<std::pair<std::string, QString>>;
-    // Adds a past job to the person whose card is being edited.
-    using KeepJob = std::function<void(const std::string& cardID, PastJob job)>;
+    // Replaces the past jobs of the person whose card was saved.
+    using SaveJobs = std::function<void(const std::string& cardID, std::vector<PastJob> jobs)>;
 
     ContactEditor(PeopleList& list, CardChoices cards, QWidget* parent = nullptr);
     // A new card in `accountID` (none: the default account).
     ContactEditor(PeopleList& list, std::optional<std::string> accountID, QWidget* parent = nullptr);
 
-    void setKeepJob(KeepJob keepJob) { m_keepJob = std::move(keepJob); }
+    void setSaveJobs(SaveJobs saveJobs) { m_saveJobs = std::move(saveJobs); }
+    // The person's past jobs, shown under "Previously" with "Add Previous
+    // Job"; saved with the card when changed. Until they are given (no
+    // sidecar folder), the section stays hidden and no job is kept.
+    void setPastJobs(const std::vector<PastJob>& jobs);
+    // The past jobs the rows say now, empty ones left out.
+    std::vector<PastJob> pastJobs() const;
+    // Adds an empty past job to fill in.
+    void addPastJob(const PastJob& job = {});
 
     // Shows a draft in the fields; the draft read when the editor opened is
     // the one every untouched field gives back.
@@ -141,7 +149,17 @@ private:
     ContactDraft m_original;
     bool m_loaded = false;
     bool m_saving = false;
-    KeepJob m_keepJob;
+    SaveJobs m_saveJobs;
+    struct JobRow {
+        std::string id;
+        QLineEdit* title;
+        QLineEdit* company;
+        QLineEdit* years;
+    };
+    std::vector<JobRow> m_jobRows;
+    std::optional<std::vector<PastJob>> m_shownJobs; // none until given
+    QWidget* m_jobs = nullptr;
+    QVBoxLayout* m_jobList = nullptr;
 
     QComboBox* m_cardPicker = nullptr;
     std::vector<QLineEdit*> m_texts;

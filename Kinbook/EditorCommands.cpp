@@ -58,7 +58,9 @@ void EditorCommands::open(ContactEditor* editor) {
     }
     m_editor = editor;
     editor->setAttribute(Qt::WA_DeleteOnClose);
-    editor->setKeepJob([this](const std::string& cardID, PastJob job) { keepJob(cardID, std::move(job)); });
+    editor->setSaveJobs([this](const std::string& cardID, std::vector<PastJob> jobs) {
+        savePastJobs(cardID, std::move(jobs));
+    });
     connect(editor, &ContactEditor::saved, this, [this](const QString& personID, const QString&) {
         if (m_hooks.select) {
             m_hooks.select(utf8(personID));
@@ -103,7 +105,28 @@ void EditorCommands::editPerson(const std::string& personID) {
         }
         cards.emplace_back(id, text);
     }
-    open(new ContactEditor(m_list, std::move(cards), m_window));
+    auto* editor = new ContactEditor(m_list, std::move(cards), m_window);
+    open(editor);
+    loadPastJobs(editor, person->id);
+}
+
+void EditorCommands::loadPastJobs(ContactEditor* editor, const std::string& personID) {
+    ContactPhotos* photos = m_session != nullptr ? m_session->photos() : nullptr;
+    const PersonPtr person = m_list.person(personID);
+    if (photos == nullptr || !person) {
+        return;
+    }
+    const PersonKey key{person->kinID.value_or(""), std::string(person->displayName())};
+    photos->ask(
+        m_session->main(),
+        [key](ContactPhotos& store) {
+            return key.kinID.empty() ? std::vector<PastJob>{} : store.pastJobs(key);
+        },
+        [editor = QPointer(editor)](std::vector<PastJob> jobs) {
+            if (editor) {
+                editor->setPastJobs(jobs);
+            }
+        });
 }
 
 void EditorCommands::quickEdit(const std::string& cardID, const std::string& entryID) {
@@ -146,7 +169,7 @@ void EditorCommands::setHidden(const std::string& personID, bool hidden) {
         m_hooks.report);
 }
 
-void EditorCommands::keepJob(const std::string& cardID, PastJob job) {
+void EditorCommands::savePastJobs(const std::string& cardID, std::vector<PastJob> jobs) {
     ContactPhotos* photos = m_session != nullptr ? m_session->photos() : nullptr;
     const PersonPtr person = m_list.person(cardID);
     if (photos == nullptr || !person) {
@@ -160,7 +183,7 @@ void EditorCommands::keepJob(const std::string& cardID, PastJob job) {
     photos->ask(
         m_session->main(),
         [book = m_session->addressBook(), key, cards,
-         job](ContactPhotos& store) mutable -> Result<void, std::string> {
+         jobs = std::move(jobs)](ContactPhotos& store) mutable -> Result<void, std::string> {
             for (const auto& id : cards) {
                 if (!key.kinID.empty() || !book) {
                     break;
@@ -174,8 +197,6 @@ void EditorCommands::keepJob(const std::string& cardID, PastJob job) {
             if (key.kinID.empty()) {
                 return failure(std::string("the contact has no folder for past jobs"));
             }
-            auto jobs = store.pastJobs(key);
-            jobs.push_back(std::move(job));
             return store.setPastJobs(key, jobs);
         },
         [self = QPointer(this), personID](Result<void, std::string> kept) {
@@ -183,8 +204,8 @@ void EditorCommands::keepJob(const std::string& cardID, PastJob job) {
                 return;
             }
             if (!kept.ok()) {
-                self->m_hooks.report(failure(
-                    ActionError{AddressBookError::store("Couldn't keep the previous job: " + kept.error())}));
+                self->m_hooks.report(failure(ActionError{
+                    AddressBookError::store("Couldn't save the previous jobs: " + kept.error())}));
                 return;
             }
             self->m_list.reloadPastJobs();

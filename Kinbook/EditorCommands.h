@@ -60,7 +60,9 @@ public:
 private:
     void open(ContactEditor* editor);
     void refreshTitles();
-    void keepJob(const std::string& cardID, PastJob job);
+    // Shows the person's past jobs in the editor, when there is a sidecar.
+    void loadPastJobs(ContactEditor* editor, const std::string& personID);
+    void savePastJobs(const std::string& cardID, std::vector<PastJob> jobs);
     std::vector<std::string> cardIDsOf(const std::string& personID) const;
 
     PeopleList& m_list;

@@ -199,6 +199,9 @@ TEST_F(ContactEditorTest, ChangingTheCompanyAsksToKeepItAsAPreviousJob) {
     const fs::path ada = book() / "home" / "ADA.vcf";
     const std::string before = readFile(ada);
     ContactEditor* editor = edit("ADA");
+    // The question needs the person's past jobs, read from the sidecar.
+    ASSERT_TRUE(runEventsUntil(
+        [&] { return editor->findChild<QPushButton*>("AddPreviousJob")->isVisibleTo(editor); }));
     editor->field("Organization")->setText("Globex");
     editor->save();
     QMessageBox* question = editor->keepJobQuestion();
@@ -214,6 +217,9 @@ TEST_F(ContactEditorTest, ChangingTheCompanyAsksToKeepItAsAPreviousJob) {
     EXPECT_EQ(readFile(ada), before);
     ASSERT_NE(commands().editor(), nullptr);
 
+    // A past job of one's own, filled in by hand, is kept too.
+    editor->findChild<QPushButton*>("AddPreviousJob")->click();
+    editor->findChildren<QLineEdit*>("PastJobCompany").back()->setText("Initech");
     editor->save();
     button(editor->keepJobQuestion(), ContactEditor::keepAndMarkButton)->click();
     ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
@@ -229,7 +235,7 @@ TEST_F(ContactEditorTest, ChangingTheCompanyAsksToKeepItAsAPreviousJob) {
     ASSERT_TRUE(runEventsUntil([&] {
         photos->waitUntilIdle();
         const auto jobs = photos->pastJobs(key);
-        return jobs.size() == 1 && jobs[0].company == "Acme";
+        return jobs.size() == 2 && jobs[0].company == "Initech" && jobs[1].company == "Acme";
     }));
 }
 
