@@ -1,5 +1,6 @@
 #include "Kinbook/ContactEditor.h"
 
+#include "Kinbook/CirclePicker.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/SecureRandom.h"
 #include "KinbookKit/people/PeopleList.h"
@@ -556,6 +557,10 @@ void ContactEditor::build() {
     m_birthday->setPlaceholderText("1987-03-14, or --03-14 without a year");
     form->addRow("Birthday", m_birthday);
     layout->addLayout(form);
+    if (!m_cards.empty()) {
+        m_circles = new CirclePicker(body);
+        layout->addWidget(m_circles);
+    }
 
     struct List {
         EntryRows::Kind kind;

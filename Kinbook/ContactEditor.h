@@ -21,6 +21,7 @@ class QVBoxLayout;
 
 namespace kinbook {
 
+class CirclePicker;
 class PeopleList;
 
 // One list of entries in the editor (phones, e-mails, web addresses,
@@ -119,6 +120,9 @@ public:
     EntryRows* rows(EntryRows::Kind kind) const;
     QPlainTextEdit* noteEdit() const { return m_note; }
     QComboBox* cardPicker() const { return m_cardPicker; }
+    // The person's circle, when editing a person (none for a new contact):
+    // a choice applies at once, like the page's.
+    CirclePicker* circlePicker() const { return m_circles; }
     // The open keep-job question, if any.
     QMessageBox* keepJobQuestion() const { return m_keepQuestion; }
     // The last failure shown, empty when none.
@@ -162,6 +166,7 @@ private:
     QVBoxLayout* m_jobList = nullptr;
 
     QComboBox* m_cardPicker = nullptr;
+    CirclePicker* m_circles = nullptr;
     std::vector<QLineEdit*> m_texts;
     QStringList m_shownTexts; // as the fields showed the draft's texts
     QString m_shownNote;

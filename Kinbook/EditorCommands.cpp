@@ -1,5 +1,6 @@
 #include "Kinbook/EditorCommands.h"
 
+#include "Kinbook/CirclePicker.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/setup/KinbookSession.h"
@@ -106,6 +107,9 @@ void EditorCommands::editPerson(const std::string& personID) {
         cards.emplace_back(id, text);
     }
     auto* editor = new ContactEditor(m_list, std::move(cards), m_window);
+    editor->circlePicker()->setPerson(person->circle, m_list.circleCounts(), std::nullopt);
+    connect(editor->circlePicker(), &CirclePicker::circleChosen, this,
+            [this, id = person->id](std::optional<ContactCircle> circle) { setCircle(id, circle); });
     open(editor);
     loadPastJobs(editor, person->id);
 }

@@ -5,6 +5,7 @@
 
 #include "Kinbook/ContactEditor.h"
 
+#include "Kinbook/CirclePicker.h"
 #include "Kinbook/ContactPage.h"
 #include "Kinbook/EditorCommands.h"
 #include "Kinbook/KinbookApp.h"
@@ -136,6 +137,16 @@ TEST_F(ContactEditorTest, AnEditChangesOnlyItsLinesShowsAtOnceAndUndoPutsTheByte
     ASSERT_TRUE(runEventsUntil([&] { return readFile(ada) == before; }));
     ASSERT_TRUE(runEventsUntil([&] { return list().person("ADA")->jobTitle.empty(); }));
     EXPECT_EQ(commands().redoAction()->text(), "Redo Edit Contact");
+
+    // The editor's circle picker places the person at once, and that too can
+    // be taken back.
+    const std::string ed = readFile(book() / "home" / "ED.vcf");
+    editor = edit("ED");
+    editor->circlePicker()->choose(ContactCircle::goodFriends);
+    ASSERT_TRUE(runEventsUntil([&] { return list().person("ED")->circle == ContactCircle::goodFriends; }));
+    ASSERT_TRUE(runEventsUntil([&] { return commands().undoAction()->text() == "Undo Change Circle"; }));
+    commands().undoAction()->trigger();
+    ASSERT_TRUE(runEventsUntil([&] { return readFile(book() / "home" / "ED.vcf") == ed; }));
 }
 
 // The editor lists a former number after the current one; saving what it
