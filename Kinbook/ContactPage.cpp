@@ -65,6 +65,11 @@ void ContactFields::keyPressEvent(QKeyEvent* event) {
         event->accept();
         return;
     }
+    if (event->key() == Qt::Key_F2 && event->modifiers() == Qt::NoModifier) {
+        Q_EMIT editRowRequested(currentItem());
+        event->accept();
+        return;
+    }
     QTreeWidget::keyPressEvent(event);
 }
 
@@ -116,6 +121,14 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
             Q_EMIT hiddenChangeRequested(qt(m_person->id), !m_person->hidden);
         }
     });
+    auto* edit = new QPushButton("Edit", m_body);
+    edit->setObjectName("EditButton");
+    connect(edit, &QPushButton::clicked, this, [this] {
+        if (m_person) {
+            Q_EMIT editRequested(qt(m_person->id));
+        }
+    });
+    top->addWidget(edit, 0, Qt::AlignTop);
     top->addWidget(m_hide, 0, Qt::AlignTop);
     layout->addWidget(m_poster);
 
@@ -125,6 +138,17 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
     m_fields = new ContactFields(m_body);
     connect(m_fields, &ContactFields::leaveLeftRequested, this, &ContactPage::leaveLeftRequested);
     connect(m_fields, &QWidget::customContextMenuRequested, this, &ContactPage::showEntryMenu);
+    // Double-click or F2 edits an entry in place.
+    auto quickEdit = [this](QTreeWidgetItem* row) {
+        if (row != nullptr && !row->data(0, ContactFields::EntryIDRole).toString().isEmpty()) {
+            Q_EMIT quickEditRequested(row->data(0, CardIDRole).toString(),
+                                      row->data(0, ContactFields::EntryIDRole).toString());
+        }
+    };
+    connect(m_fields, &QTreeWidget::itemDoubleClicked, this,
+            [quickEdit](QTreeWidgetItem* row) { quickEdit(row); });
+    connect(m_fields, &ContactFields::editRowRequested, this,
+            [quickEdit](QTreeWidgetItem* row) { quickEdit(row); });
     layout->addWidget(m_fields, 1);
     m_photos = new PhotoGrid(*m_poster, *m_picker, m_body);
     layout->addWidget(m_photos);

@@ -38,6 +38,8 @@ public:
 
 Q_SIGNALS:
     void leaveLeftRequested();
+    // F2: edit this row in place.
+    void editRowRequested(QTreeWidgetItem* row);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -98,6 +100,10 @@ Q_SIGNALS:
     void markFormerRequested(const QString& cardID, const QString& entryID);
     void markCurrentRequested(const QString& cardID, const QString& entryID);
     void hiddenChangeRequested(const QString& personID, bool hidden);
+    // The Edit button: open the editor on the person.
+    void editRequested(const QString& personID);
+    // Double-click or F2 on an entry row: edit it in place.
+    void quickEditRequested(const QString& cardID, const QString& entryID);
     void leaveLeftRequested();
 
 private:

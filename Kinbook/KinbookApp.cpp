@@ -2,6 +2,7 @@
 
 #include "Kinbook/ContactPage.h"
 #include "Kinbook/ImportExport.h"
+#include "Kinbook/EditorCommands.h"
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/PhotoGrid.h"
@@ -94,6 +95,7 @@ void KinbookApp::opened() {
         m_window->addToolBar(Qt::TopToolBarArea, new SidecarBanner(qt(configuration.configFile.string())));
     }
     m_window->page()->photoGrid()->attach(*m_session);
+    m_window->editorCommands()->setSession(m_session.get());
     m_window->setDuplicatesSupport(m_session->notDuplicatesFile(), m_session->mergePhotoKeeper());
     m_importExport = new ImportExport(*m_window, *m_list, m_session->addressBook(), m_main, m_background);
     m_importExport->addActions(*m_window->fileMenu());

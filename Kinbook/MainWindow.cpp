@@ -4,6 +4,7 @@
 #include "Kinbook/CirclePicker.h"
 #include "Kinbook/ContactPage.h"
 #include "Kinbook/DuplicatesWindow.h"
+#include "Kinbook/EditorCommands.h"
 #include "Kinbook/HeadingsColumn.h"
 #include "Kinbook/HelpCommands.h"
 #include "Kinbook/MergeSheet.h"
@@ -113,30 +114,24 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
     connect(m_page, &ContactPage::markFormerRequested, this,
             [this](const QString& cardID, const QString& entryID) {
                 beginAction();
-                m_list.markFormer(utf8(cardID), utf8(entryID), [self = QPointer(this)](ActionResult result) {
-                    if (self) {
-                        self->reportAction(result);
-                    }
-                });
+                m_editing->markFormer(utf8(cardID), utf8(entryID), true);
             });
     connect(m_page, &ContactPage::markCurrentRequested, this,
             [this](const QString& cardID, const QString& entryID) {
                 beginAction();
-                m_list.markCurrent(utf8(cardID), utf8(entryID), [self = QPointer(this)](ActionResult result) {
-                    if (self) {
-                        self->reportAction(result);
-                    }
-                });
+                m_editing->markFormer(utf8(cardID), utf8(entryID), false);
+            });
+    connect(m_page, &ContactPage::editRequested, this,
+            [this](const QString& personID) { m_editing->editPerson(utf8(personID)); });
+    connect(m_page, &ContactPage::quickEditRequested, this,
+            [this](const QString& cardID, const QString& entryID) {
+                m_editing->quickEdit(utf8(cardID), utf8(entryID));
             });
     connect(m_page, &ContactPage::hiddenChangeRequested, this, [this](const QString& personID, bool hidden) {
         beginAction();
         // Hidden from the page, the person stays on it, so that Unhide is at hand.
         m_keptAfterHiding = hidden ? utf8(personID) : std::string();
-        m_list.setHidden(utf8(personID), hidden, [self = QPointer(this)](ActionResult result) {
-            if (self) {
-                self->reportAction(result);
-            }
-        });
+        m_editing->setHidden(utf8(personID), hidden);
     });
     connect(m_page->circlePicker(), &CirclePicker::circleChosen, this,
             [this](std::optional<ContactCircle> circle) {
@@ -144,11 +139,7 @@ MainWindow::MainWindow(PeopleList& list, Executor& main, Executor& background, Q
                     return;
                 }
                 m_list.clearActionError();
-                m_list.setCircle(m_pagePersonID, circle, [self = QPointer(this)](ActionResult result) {
-                    if (self) {
-                        self->reportAction(result);
-                    }
-                });
+                m_editing->setCircle(m_pagePersonID, circle);
             });
     connect(m_sortMenu, &SortMenu::orderChosen, this, [this](SortOrder order) {
         beginAction();
@@ -263,12 +254,26 @@ QWidget* MainWindow::buildStatePane() {
 }
 
 void MainWindow::buildMenus() {
+    m_editing =
+        new EditorCommands(m_list, this,
+                           {[this] { return m_pagePersonID; }, [this] { return m_list.accountFilter(); },
+                            [this](const std::string& id) { selectPerson(id); },
+                            [self = QPointer(this)](const ActionResult& result) {
+                                if (self) {
+                                    self->reportAction(result);
+                                }
+                            }});
     QMenu* file = menuBar()->addMenu("&File");
     m_fileMenu = file;
+    file->addAction(m_editing->newContactAction());
     QAction* quit = file->addAction("Quit", qApp, &QApplication::quit);
     quit->setShortcut(QKeySequence::Quit);
 
     QMenu* edit = menuBar()->addMenu("&Edit");
+    edit->addAction(m_editing->undoAction());
+    edit->addAction(m_editing->redoAction());
+    edit->addSeparator();
+    edit->addAction(m_editing->editContactAction());
     m_trashAction = edit->addAction("Move to Trash", this, &MainWindow::trashSelected);
     m_trashAction->setObjectName("TrashAction");
     m_trashAction->setShortcut(QKeySequence::Delete);

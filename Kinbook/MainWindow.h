@@ -26,6 +26,7 @@ class AppLog;
 class MoveToAccount;
 class ContactPage;
 class DuplicatesWindow;
+class EditorCommands;
 class MergeSheet;
 class HeadingsColumn;
 class HelpCommands;
@@ -106,6 +107,8 @@ public:
     QAction* trashAction() const { return m_trashAction; }
     // The File menu, for the actions others add to it (Import…, Export…).
     QMenu* fileMenu() const { return m_fileMenu; }
+    // New Contact, Edit Contact, Undo and Redo.
+    EditorCommands* editorCommands() const { return m_editing; }
 
     // Narrower than this, the headings column steps aside.
     static constexpr int kHeadingsMinimumWidth = 860;
@@ -179,6 +182,7 @@ private:
     AccountsSection* m_accounts = nullptr;
     QAction* m_trashAction = nullptr;
     QMenu* m_fileMenu = nullptr;
+    EditorCommands* m_editing = nullptr;
 
     bool m_showHeadings = true;
     std::string m_pagePersonID;     // the person the page shows

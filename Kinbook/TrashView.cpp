@@ -333,6 +333,7 @@ void TrashBar::trashPeople(std::vector<std::string> personIDs) {
         self->m_text->setText(text);
         self->m_progress->hide();
         self->m_undo->setVisible(!self->m_undoIDs.empty());
+        self->m_list.editing().recordTrash(self->m_undoIDs);
         self->show();
         self->m_timer->start(kUndoMilliseconds);
         Q_EMIT self->trashFinished();

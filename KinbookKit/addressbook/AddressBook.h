@@ -108,6 +108,15 @@ public:
     // lines that give it its name. The caller then hands the outcome to
     // writeThroughContactsApp.
     virtual Result<SaveOutcome, AddressBookError> save(const ContactDraft& draft) = 0;
+    // Puts a card's file back to `bytes` (undoing a save), but only while it
+    // holds exactly `expected`, what that save left: a card changed since by
+    // anyone else is refused with a message saying so, never overwritten.
+    // Stores that can't do this refuse every time.
+    virtual Result<void, AddressBookError> restoreCard(std::string_view cardID, std::string_view expected,
+                                                       std::string_view bytes) {
+        (void)cardID, (void)expected, (void)bytes;
+        return failure(AddressBookError::store("This address book can't undo changes."));
+    }
     // Runs a scripting outcome of save(): its lines, wrapped in the update
     // script, through the Contacts application. A `saved` outcome does nothing.
     virtual Result<void, AddressBookError> writeThroughContactsApp(const SaveOutcome& outcome) = 0;

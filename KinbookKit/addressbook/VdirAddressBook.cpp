@@ -225,6 +225,11 @@ std::string linkingName(std::string_view given, std::string_view family, std::st
     return asciiLowered(name);
 }
 
+constexpr std::string_view kUnscriptableMessage = "This contact has a note, so its phonetic name and dates "
+                                                  "can only be changed in the Contacts app for now.";
+constexpr std::string_view kChangedSinceMessage =
+    "The contact changed elsewhere since, so this can't be undone without losing that change.";
+
 bool mentionsNote(std::string_view bytes) {
     for (std::size_t at = bytes.find_first_of("Nn"); at != std::string_view::npos;
          at = bytes.find_first_of("Nn", at + 1)) {
@@ -1444,6 +1449,14 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
             if (m_options.notesLocked && (hasNote(card) || noteChanges)) {
                 VCard applied = card;
                 applyDraft(applied, merged, id, m_entries, m_options.clock->now());
+                // The Contacts application's script sets no phonetic name and
+                // no other dates: such an edit is refused rather than lost.
+                const ContactDraft before = readDraft(card, id, m_entries);
+                const ContactDraft after = readDraft(applied, id, m_entries);
+                if (before.phoneticGivenName != after.phoneticGivenName ||
+                    before.phoneticFamilyName != after.phoneticFamilyName || before.dates != after.dates) {
+                    return failure(AddressBookError::store(std::string(kUnscriptableMessage)));
+                }
                 scripted = ContactsAppScript::Card::read(applied, id);
                 noteScript = noteChanges ? ContactsAppScript::noteLines(id, scriptedNote(*merged.note)) : "";
                 return failure(AddressBookError::hasNote());
@@ -1468,6 +1481,44 @@ Result<SaveOutcome, AddressBookError> VdirAddressBook::save(const ContactDraft& 
     }
     m_log->info(fmt::format("saved contact ({})", cardID));
     return SaveOutcome{SaveOutcome::Kind::saved, cardID, {}};
+}
+
+Result<void, AddressBookError>
+VdirAddressBook::restoreCard(std::string_view cardID, std::string_view expected, std::string_view bytes) {
+    const WriteLock writing = lockForWriting();
+    auto loaded = load(cardID);
+    if (!loaded.ok()) {
+        return failure(loaded.error());
+    }
+    if (isReadOnly(loaded->file.accountID)) {
+        return failure(AddressBookError::readOnly());
+    }
+    if (loaded->bytes != expected) {
+        return failure(AddressBookError::store(std::string(kChangedSinceMessage)));
+    }
+    if (m_options.notesLocked && (hasNote(loaded->card) || mentionsNote(bytes))) {
+        // Putting a noted card back byte for byte is what a store that
+        // locks notes refuses; the change can't be undone here.
+        return failure(AddressBookError::hasNote());
+    }
+    PendingFile pending;
+    if (!writeTemporaryBeside(loaded->file.path, std::string(bytes), pending)) {
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't write {}: {}", loaded->file.path.string(), std::strerror(errno))));
+    }
+    const auto now = stampOf(loaded->file.path);
+    if (!now || *now != loaded->stamp) {
+        discardPendingFile(pending);
+        return failure(AddressBookError::store(std::string(kChangedSinceMessage)));
+    }
+    if (!commitPendingFile(pending)) {
+        return failure(AddressBookError::store(
+            fmt::format("Couldn't replace {}: {}", loaded->file.path.string(), std::strerror(errno))));
+    }
+    std::lock_guard lock(m_mutex);
+    journal().recordWrite(std::string(cardID), loaded->file.accountID, loaded->file.path);
+    m_log->info(fmt::format("restored contact ({})", cardID));
+    return {};
 }
 
 Result<void, AddressBookError> VdirAddressBook::writeThroughContactsApp(const SaveOutcome& outcome) {

@@ -121,6 +121,8 @@ public:
     Result<std::vector<CardRef>, AddressBookError> cardsOf(std::string_view personID) override;
     Result<SaveOutcome, AddressBookError> save(const ContactDraft& draft) override;
     Result<void, AddressBookError> writeThroughContactsApp(const SaveOutcome& outcome) override;
+    Result<void, AddressBookError> restoreCard(std::string_view cardID, std::string_view expected,
+                                               std::string_view bytes) override;
     Result<void, AddressBookError> remove(std::span<const std::string> cardIDs) override;
     Result<std::string, AddressBookError> exportVCards(std::span<const std::string> cardIDs) override;
     Result<std::vector<std::string>, AddressBookError>

@@ -3,6 +3,7 @@
 #include "KinbookKit/Executor.h"
 #include "KinbookKit/addressbook/AddressBook.h"
 #include "KinbookKit/people/PeopleAccounts.h"
+#include "KinbookKit/people/PeopleEditing.h"
 #include "KinbookKit/people/PeopleListContext.h"
 #include "KinbookKit/people/PeopleLoader.h"
 #include "KinbookKit/people/PeopleMerge.h"
@@ -304,6 +305,11 @@ public:
     PeopleAccounts& membership() { return m_accounts; }
     const PeopleAccounts& membership() const { return m_accounts; }
 
+    // --- Editing and undo ------------------------------------------------------
+
+    // Saving the editor's drafts, and undo and redo of the user's changes.
+    PeopleEditing& editing() { return m_editing; }
+
 private:
     // Declared in the order they are made; the parts hold the context, the
     // loader holds the shown people, the operations hold the loader.
@@ -313,6 +319,7 @@ private:
     PeopleOperations m_operations;
     PeopleTrash m_trash;
     PeopleAccounts m_accounts;
+    PeopleEditing m_editing;
 };
 
 } // namespace kinbook

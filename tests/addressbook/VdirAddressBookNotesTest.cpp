@@ -154,6 +154,13 @@ TEST_F(VdirAddressBookNotesTest, ANoteIsWrittenOnlyThroughTheContactsApp) {
     auto nora = book.draft("NORA-1");
     ASSERT_TRUE(nora.ok());
     EXPECT_EQ(nora->note, "Met at the fair.");
+    // What the script can't say is refused, not dropped.
+    auto phonetic = *nora;
+    phonetic.phoneticGivenName = "Noora";
+    const auto refused = book.save(phonetic);
+    ASSERT_FALSE(refused.ok());
+    EXPECT_NE(refused.error().description().find("phonetic name and dates"), std::string::npos);
+    EXPECT_EQ(readFile(noraPath()), kNora);
     nora->note = "";
     outcome = book.save(*nora);
     ASSERT_TRUE(outcome.ok());
