@@ -33,7 +33,8 @@ public:
         "This person's card in that account is deleted. They stay in your other accounts.";
     static constexpr const char* kSyncHelp =
         "Copy the primary card's details to the other accounts' cards. Names, work, phones, e-mails, "
-        "addresses, links and the birthday are copied; what the primary card leaves empty stays as each "
+        "addresses, links, the birthday and other dates are copied; what the primary card leaves empty stays "
+        "as each "
         "card has it.";
 
     explicit AccountsSection(PeopleList& list, QWidget* parent = nullptr);

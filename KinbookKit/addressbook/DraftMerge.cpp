@@ -1,6 +1,7 @@
 #include "KinbookKit/addressbook/DraftMerge.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace kinbook {
 namespace {
@@ -17,48 +18,75 @@ const Entry* withID(const std::vector<Entry>& entries, const std::string& id) {
     return found == entries.end() ? nullptr : &*found;
 }
 
+// True when the user moved entries, or put a new one before one the card
+// had: then the user's order is the one to save.
 template <typename Entry>
-std::vector<Entry> mergeEntries(const std::vector<Entry>& base, const std::vector<Entry>& edited,
-                                const std::vector<Entry>& current) {
-    std::vector<Entry> merged;
-    for (const Entry& now : current) {
-        const Entry* before = withID(base, now.id);
-        const Entry* after = withID(edited, now.id);
-        if (before != nullptr && after == nullptr) {
-            continue; // the user removed it
-        }
-        merged.push_back(before != nullptr && after != nullptr && !(*after == *before) ? *after : now);
-    }
-    // A user who moved entries gets their order; entries added meanwhile by
-    // someone else follow.
+bool userArranged(const std::vector<Entry>& base, const std::vector<Entry>& edited) {
     std::vector<std::string> baseOrder;
-    std::vector<std::string> editedOrder;
     for (const Entry& entry : base) {
-        baseOrder.push_back(entry.id);
+        if (withID(edited, entry.id) != nullptr) {
+            baseOrder.push_back(entry.id);
+        }
     }
+    std::vector<std::string> editedOrder;
+    bool newSeen = false;
     for (const Entry& entry : edited) {
-        if (withID(base, entry.id) != nullptr) {
+        if (withID(base, entry.id) == nullptr) {
+            newSeen = true;
+        } else if (newSeen) {
+            return true;
+        } else {
             editedOrder.push_back(entry.id);
         }
     }
-    std::erase_if(baseOrder, [&](const std::string& id) { return withID(edited, id) == nullptr; });
-    if (editedOrder != baseOrder) {
-        std::stable_sort(merged.begin(), merged.end(), [&](const Entry& a, const Entry& b) {
-            const auto rank = [&](const Entry& entry) {
-                const auto at = std::find(editedOrder.begin(), editedOrder.end(), entry.id);
-                return at == editedOrder.end() ? editedOrder.size()
-                                               : static_cast<std::size_t>(at - editedOrder.begin());
-            };
-            return rank(a) < rank(b);
-        });
-    }
-    for (const Entry& entry : edited) {
-        if (withID(current, entry.id) != nullptr) {
-            continue;
+    return editedOrder != baseOrder;
+}
+
+template <typename Entry>
+std::vector<Entry> mergeEntries(const std::vector<Entry>& base, const std::vector<Entry>& edited,
+                                const std::vector<Entry>& current) {
+    // What one entry becomes: the user's version where the user changed it
+    // (or it is new), the card's where the user left it alone; none where
+    // the user removed it, or someone else did and the user didn't touch it.
+    const auto resolve = [&](const std::string& id) -> std::optional<Entry> {
+        const Entry* before = withID(base, id);
+        const Entry* after = withID(edited, id);
+        const Entry* now = withID(current, id);
+        if (after == nullptr) {
+            return before == nullptr && now != nullptr ? std::optional<Entry>(*now) : std::nullopt;
         }
-        const Entry* before = withID(base, entry.id);
-        if (before == nullptr || !(entry == *before)) {
-            merged.push_back(entry); // new, or changed by the user after someone else removed it
+        const bool changed = before == nullptr || !(*after == *before);
+        if (changed) {
+            return *after;
+        }
+        return now != nullptr ? std::optional<Entry>(*now) : std::nullopt;
+    };
+    std::vector<Entry> merged;
+    const auto add = [&](const std::string& id) {
+        if (auto entry = resolve(id)) {
+            merged.push_back(std::move(*entry));
+        }
+    };
+    if (userArranged(base, edited)) {
+        // The user's order; entries someone else added meanwhile follow.
+        for (const Entry& entry : edited) {
+            add(entry.id);
+        }
+        for (const Entry& now : current) {
+            if (withID(edited, now.id) == nullptr) {
+                add(now.id);
+            }
+        }
+    } else {
+        // The card's order now, which may be someone else's; the user's new
+        // entries follow.
+        for (const Entry& now : current) {
+            add(now.id);
+        }
+        for (const Entry& entry : edited) {
+            if (withID(current, entry.id) == nullptr) {
+                add(entry.id);
+            }
         }
     }
     return merged;
@@ -85,8 +113,10 @@ ContactDraft mergeDraft(const ContactDraft& base, const ContactDraft& edited, co
     merged.links = pick(base.links, edited.links, current.links);
     merged.messageLinkIDs = pick(base.messageLinkIDs, edited.messageLinkIDs, current.messageLinkIDs);
     merged.anchorURL = pick(base.anchorURL, edited.anchorURL, current.anchorURL);
-    merged.phoneticGivenName = pick(base.phoneticGivenName, edited.phoneticGivenName, current.phoneticGivenName);
-    merged.phoneticFamilyName = pick(base.phoneticFamilyName, edited.phoneticFamilyName, current.phoneticFamilyName);
+    merged.phoneticGivenName =
+        pick(base.phoneticGivenName, edited.phoneticGivenName, current.phoneticGivenName);
+    merged.phoneticFamilyName =
+        pick(base.phoneticFamilyName, edited.phoneticFamilyName, current.phoneticFamilyName);
     merged.dates = mergeEntries(base.dates, edited.dates, current.dates);
     merged.note = pick(base.note, edited.note, current.note);
     return merged;

@@ -34,6 +34,10 @@ std::string valueKey(const ContactDraft::Address& address) {
     return fold(address.street) + '\n' + fold(address.city) + '\n' + fold(address.state) + '\n' +
            fold(address.postalCode) + '\n' + fold(address.country);
 }
+std::string valueKey(const ContactDraft::Date& date) {
+    return fold(date.label) + '\n' + std::to_string(date.date.year.value_or(0)) + '-' +
+           std::to_string(date.date.month) + '-' + std::to_string(date.date.day);
+}
 std::string valueKey(const LinkedAccount& link) {
     return std::to_string(static_cast<int>(link.service)) + ':' + fold(link.handle);
 }
@@ -93,9 +97,10 @@ void markTaken(std::vector<Entry>& entries, std::size_t own) {
 }
 
 constexpr std::string ContactDraft::*kNameAndWork[] = {
-    &ContactDraft::namePrefix,   &ContactDraft::givenName,  &ContactDraft::middleName,
-    &ContactDraft::familyName,   &ContactDraft::nameSuffix, &ContactDraft::nickname,
-    &ContactDraft::organization, &ContactDraft::department, &ContactDraft::jobTitle};
+    &ContactDraft::namePrefix,        &ContactDraft::givenName,         &ContactDraft::middleName,
+    &ContactDraft::familyName,        &ContactDraft::nameSuffix,        &ContactDraft::nickname,
+    &ContactDraft::organization,      &ContactDraft::department,        &ContactDraft::jobTitle,
+    &ContactDraft::phoneticGivenName, &ContactDraft::phoneticFamilyName};
 
 void fillText(std::string& text, const std::string& other) {
     if (trimAsciiSpace(text).empty()) {
@@ -327,6 +332,7 @@ Result<void, StepError> completeCard(const Tools& tools, const PersonCards& pers
     markTaken(completed.urls, own.urls.size());
     markTaken(completed.addresses, own.addresses.size());
     markTaken(completed.links, own.links.size());
+    markTaken(completed.dates, own.dates.size());
     if (completed != own) {
         if (auto saved = tools.save(completed); !saved.ok()) {
             return failure(stepError(AccountStep::saveCopy, saved.error()));
@@ -437,6 +443,7 @@ ContactDraft combinedDraft(const std::vector<ContactDraft>& drafts) {
         appendMissing(combined.urls, other.urls);
         appendMissing(combined.addresses, other.addresses);
         appendMissing(combined.links, other.links);
+        appendMissing(combined.dates, other.dates);
         if (!combined.birthday) {
             combined.birthday = other.birthday;
         }
@@ -466,6 +473,9 @@ ContactDraft syncedDraft(const ContactDraft& card, const ContactDraft& primary) 
     }
     if (primary.birthday) {
         synced.birthday = primary.birthday;
+    }
+    if (!primary.dates.empty()) {
+        synced.dates = entriesLike(card.dates, primary.dates);
     }
     return synced;
 }
@@ -808,7 +818,23 @@ void PeopleAccounts::syncFromPrimary(std::string_view personID,
                 if (synced == (*drafts)[i]) {
                     continue;
                 }
-                if (auto saved = tools.save(synced); !saved.ok()) {
+                auto saved = tools.save(synced);
+                if (!saved.ok()) {
+                    // A card whose note only the Contacts application may
+                    // write takes no phonetic name or dates that way; the
+                    // rest of the details still reach it.
+                    auto rest = synced;
+                    rest.phoneticGivenName = (*drafts)[i].phoneticGivenName;
+                    rest.phoneticFamilyName = (*drafts)[i].phoneticFamilyName;
+                    rest.dates = (*drafts)[i].dates;
+                    if (rest != synced && rest != (*drafts)[i]) {
+                        tools.log->info(
+                            "sync from primary: saving again without the dates and phonetic name: " +
+                            saved.error().description());
+                        saved = tools.save(rest);
+                    }
+                }
+                if (!saved.ok()) {
                     return failure(AccountError{saved.error()});
                 }
                 ++changed;

@@ -144,8 +144,8 @@ ContactDraft combinedDraft(const std::vector<ContactDraft>& drafts);
 
 // `card` with the primary card's details copied over it: names, company, job
 // title, department, nickname, phones, e-mails, web addresses, postal
-// addresses, links and birthday. What the primary leaves empty stays as the
-// card has it; an entry both hold keeps the card's identity.
+// addresses, links, birthday and other dates, and the phonetic name. What the primary leaves empty stays as
+// the card has it; an entry both hold keeps the card's identity.
 ContactDraft syncedDraft(const ContactDraft& card, const ContactDraft& primary);
 
 // Notes of several cards as one: each trimmed, empty and repeated ones

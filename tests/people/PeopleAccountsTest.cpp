@@ -24,7 +24,7 @@ const std::string kJaneHome = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Appleseed;Jane;;;
                               "URL:kinbook://c/K1\r\nUID:JANE-1\r\nEND:VCARD\r\n";
 const std::string kJaneWork = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Appleseed;Jane;;;\r\nFN:Jane Appleseed\r\n"
                               "TITLE:Engineer\r\nEMAIL;type=work:jane@work.example\r\n"
-                              "URL:kinbook://c/K1?p=1\r\nUID:JANE-2\r\nEND:VCARD\r\n";
+                              "X-ANNIVERSARY:2015-06-20\r\nURL:kinbook://c/K1?p=1\r\nUID:JANE-2\r\nEND:VCARD\r\n";
 const std::string kBob = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Brown;Bob;;;\r\nFN:Bob Brown\r\nBDAY:--0415\r\n"
                          "X-SOCIALPROFILE;type=mastodon:https://mastodon.social/@bob\r\n"
                          "TEL;type=cell:+1 415 555 0199\r\nUID:BOB-1\r\nEND:VCARD\r\n";
@@ -354,6 +354,9 @@ TEST_F(PeopleAccountsTest, SyncFromPrimaryCopiesWhatThePrimaryHoldsAndLeavesItsB
     const auto home = readFile(m_vdir.root() / "home" / "JANE-1.vcf");
     EXPECT_NE(home.find("TITLE:Engineer"), std::string::npos);
     EXPECT_NE(home.find("jane@work.example"), std::string::npos);
+    // The note there goes through the Contacts application, which sets no
+    // dates: the anniversary stays behind, the rest arrives.
+    EXPECT_EQ(home.find("2015-06-20"), std::string::npos);
     EXPECT_NE(home.find("555 0100"), std::string::npos);
     EXPECT_NE(home.find("Allergic to cats."), std::string::npos);
     EXPECT_EQ(readFile(m_vdir.root() / "work" / "JANE-2.vcf"), kJaneWork);
