@@ -70,6 +70,13 @@ void ContactFields::keyPressEvent(QKeyEvent* event) {
         event->accept();
         return;
     }
+    // Enter in the list opens the page; Enter on the page edits the person.
+    if ((event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter) &&
+        (event->modifiers() == Qt::NoModifier || event->modifiers() == Qt::KeypadModifier)) {
+        Q_EMIT editPersonRequested();
+        event->accept();
+        return;
+    }
     QTreeWidget::keyPressEvent(event);
 }
 
@@ -137,6 +144,7 @@ ContactPage::ContactPage(QWidget* parent) : QWidget(parent) {
 
     m_fields = new ContactFields(m_body);
     connect(m_fields, &ContactFields::leaveLeftRequested, this, &ContactPage::leaveLeftRequested);
+    connect(m_fields, &ContactFields::editPersonRequested, edit, &QPushButton::click);
     connect(m_fields, &QWidget::customContextMenuRequested, this, &ContactPage::showEntryMenu);
     // Double-click or F2 edits an entry in place.
     auto quickEdit = [this](QTreeWidgetItem* row) {

@@ -40,6 +40,8 @@ Q_SIGNALS:
     void leaveLeftRequested();
     // F2: edit this row in place.
     void editRowRequested(QTreeWidgetItem* row);
+    // Enter: open the editor on the person.
+    void editPersonRequested();
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;

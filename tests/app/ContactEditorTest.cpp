@@ -184,8 +184,8 @@ TEST_F(ContactEditorTest, CancelAndAnEmptyNewContactWriteNothingAndANewContactIs
     EXPECT_EQ(cardFiles(), files);
     EXPECT_EQ(commands().undoAction()->text(), "Undo");
 
-    // The page's Edit button opens the same editor.
-    window().page()->findChild<QPushButton*>("EditButton")->click();
+    // Enter on the page, like its Edit button, opens the same editor.
+    QTest::keyClick(window().page()->fields(), Qt::Key_Return);
     ASSERT_NE(commands().editor(), nullptr);
     commands().editor()->reject();
     ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
