@@ -435,9 +435,10 @@ void PeopleLoader::forgetCards(const RawUpdate& update) {
     }
     // A read begun before the change may answer with the card as it was.
     for (const auto& [cardID, load] : m_cardLoads) {
-        const bool changed = update.deleted.contains(cardID) ||
-                             std::any_of(update.changed.begin(), update.changed.end(),
-                                         [&](const PersonPtr& person) { return person->id == cardID; });
+        const bool changed =
+            update.deleted.contains(cardID) ||
+            std::any_of(update.changed.begin(), update.changed.end(),
+                        [&id = cardID](const PersonPtr& person) { return person->id == id; });
         if (changed) {
             startCardLoad(cardID);
         }
