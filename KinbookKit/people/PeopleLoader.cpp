@@ -389,6 +389,9 @@ void PeopleLoader::readChanges() {
             const auto deleted = read.update->deleted.size();
             const auto finish = [this, start, changed, deleted, update = read.update] {
                 forgetCards(*update);
+                if (changed > 0 || deleted > 0) {
+                    absorbIntoCache();
+                }
                 m_timings.refreshedAt = m_context.clock().now();
                 m_timings.refreshKind = "changes";
                 const auto milliseconds = m_context.clock().millisecondsSince(start);
@@ -414,6 +417,28 @@ void PeopleLoader::readChanges() {
             }
             applyUpdate(read.update, finish);
         });
+}
+
+void PeopleLoader::absorbIntoCache() {
+    if (!m_context.options().cache || !m_historyToken) {
+        return;
+    }
+    // The cards as they are now shown, with the token after the changes, so
+    // that the next start has nothing to replay. The time of the full read
+    // stays that of the last real one: replayed changes do not make a cache
+    // younger. Copied on the cache's queue, off the main thread.
+    m_context.cacheQueue().post([cache = m_context.options().cache, joined = m_joined, accounts = m_accounts,
+                                 token = *m_historyToken, fullReadAt = m_fullReadAt] {
+        AddressBookSnapshot snapshot;
+        snapshot.people.reserve(joined->raw.size());
+        for (const auto& card : joined->raw) {
+            snapshot.people.push_back(*card);
+        }
+        snapshot.accounts = accounts;
+        snapshot.historyToken = token;
+        snapshot.fullReadAt = fullReadAt;
+        cache->write(snapshot);
+    });
 }
 
 void PeopleLoader::forgetCards(const RawUpdate& update) {

@@ -91,6 +91,8 @@ private:
     // Drops the cached cards and thumbnails of the cards an update changed
     // or deleted, and tells the views.
     void forgetCards(const RawUpdate& update);
+    // Writes the people as now shown to the cache after replayed changes.
+    void absorbIntoCache();
     // Reads a card for the callers waiting in m_cardLoads.
     void startCardLoad(const std::string& cardID);
     void finishBody();
