@@ -420,9 +420,14 @@ void PeopleLoader::readChanges() {
 }
 
 void PeopleLoader::absorbIntoCache() {
-    if (!m_context.options().cache || !m_historyToken) {
+    // Once a run: what the start replayed is what every later start would
+    // replay again. Changes seen while the list is open are few and read
+    // alone at the next start, which absorbs them then; rewriting tens of
+    // megabytes after every edit would cost more than replaying them.
+    if (!m_context.options().cache || !m_historyToken || m_cacheAbsorbed) {
         return;
     }
+    m_cacheAbsorbed = true;
     // The cards as they are now shown, with the token after the changes, so
     // that the next start has nothing to replay. The time of the full read
     // stays that of the last real one: replayed changes do not make a cache

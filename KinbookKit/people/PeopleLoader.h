@@ -123,6 +123,7 @@ private:
     std::optional<std::vector<std::uint8_t>> m_historyToken;
     std::optional<std::chrono::system_clock::time_point> m_fullReadAt;
     std::optional<ChangeObserverID> m_observer; // none: not hearing of the store's changes
+    bool m_cacheAbsorbed = false;               // replayed changes were written to the cache
     bool m_watchFailureLogged = false;
     int m_notices = 0;
     bool m_gatheringNotices = false;
