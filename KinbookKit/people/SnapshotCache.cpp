@@ -44,15 +44,32 @@ const KinLog& cacheLog() {
 
 // MARK: - The checksum line
 
-// XXH3 runs at memory speed: over the tens of megabytes of a large address
-// book's cache it costs a few milliseconds of the cached start, where a
-// cryptographic hash would cost more than the read itself. It guards against
-// damage, not against an attacker, who could as well write the cards.
+// XXH3 runs at memory speed, where a cryptographic hash would cost more than
+// the read itself; it guards against damage, not against an attacker, who
+// could as well write the cards. The file is hashed in blocks of a megabyte
+// on two threads, and the checksum is the hash of the blocks' hashes: over
+// the 100 MB of 100,000 people one thread takes about 14 ms, which a second
+// core, where one is free, shares.
 constexpr std::string_view kSealHead = "kinbook-snapshot xxh3 ";
 constexpr std::size_t kSealSize = kSealHead.size() + 16 + 1;
+constexpr std::size_t kChecksumBlock = std::size_t{1} << 20;
 
 std::uint64_t checksumOf(std::string_view bytes) {
-    return XXH3_64bits(bytes.data(), bytes.size());
+    const std::size_t blocks = (bytes.size() + kChecksumBlock - 1) / kChecksumBlock;
+    std::vector<std::uint64_t> sums(blocks);
+    std::atomic<std::size_t> next{0};
+    const auto hashBlocks = [&] {
+        for (std::size_t block = next++; block < blocks; block = next++) {
+            const std::string_view part = bytes.substr(block * kChecksumBlock, kChecksumBlock);
+            sums[block] = XXH3_64bits(part.data(), part.size());
+        }
+    };
+    if (blocks >= 4 && std::thread::hardware_concurrency() >= 2) {
+        runSideBySide(hashBlocks, hashBlocks);
+    } else {
+        hashBlocks();
+    }
+    return XXH3_64bits(sums.data(), sums.size() * sizeof(std::uint64_t));
 }
 
 // The line that goes before `json` in the file.
