@@ -62,8 +62,7 @@ build-tsan: setup $(TSAN_DIR)/build.ninja
 	cmake --build $(TSAN_DIR) -j $(JOBS)
 
 test-tsan: build-tsan
-	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/sanitizer/tsan.supp \
-		ctest --test-dir $(TSAN_DIR) --output-on-failure -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir $(TSAN_DIR) --output-on-failure -j $(JOBS)
 
 bench: build
 	./scripts/bench.sh $(RELEASE_DIR)
