@@ -9,7 +9,7 @@ extern "C" const char* __tsan_default_suppressions();
 
 extern "C" const char* __tsan_default_suppressions() {
     // libvips (the photo work and the demo's portraits), with GLib, GObject,
-    // libjpeg, libpng and fontconfig under it: vips hands images between its worker
+    // libjpeg, libpng, zlib and fontconfig under it: vips hands images between its worker
     // threads under GLib's own futex-based locks, which the sanitizer cannot
     // see, so every buffer a worker fills, and the picture it hands back,
     // looks raced.
@@ -18,6 +18,7 @@ extern "C" const char* __tsan_default_suppressions() {
            "race:libgobject-2.0.so\n"
            "race:libjpeg.so\n"
            "race:libpng16.so\n"
+           "race:libz.so\n"
            "race:libfontconfig.so\n"
            "called_from_lib:libvips.so\n"
            "called_from_lib:libglib-2.0.so\n";
