@@ -15,6 +15,7 @@
 #include "KinbookKit/vcard/EntryRegistry.h"
 #include "KinbookKit/vcard/VCard.h"
 #include "cli/Failure.h"
+#include "cli/Terminal.h"
 
 #include <fcntl.h>
 #include <fmt/core.h>
@@ -314,11 +315,12 @@ void addInspectCommands(CLI::App& app) {
     deleteOption->excludes(readOption);
     script->callback([text, fields, deleteID, readIDs, cardFile, deleteOption] {
         if (deleteOption->count() > 0) {
-            fmt::print("{}\n", ContactsAppScript::deleteScript(*deleteID));
+            fmt::print("{}\n", terminalText(ContactsAppScript::deleteScript(*deleteID), TextLines::several));
         } else if (!readIDs->empty()) {
-            fmt::print("{}\n", ContactsAppScript::readNotesScript(*readIDs));
+            fmt::print("{}\n",
+                       terminalText(ContactsAppScript::readNotesScript(*readIDs), TextLines::several));
         } else if (cardFile->count() > 0) {
-            fmt::print("{}\n", updateScriptFor(*text, *fields));
+            fmt::print("{}\n", terminalText(updateScriptFor(*text, *fields), TextLines::several));
         } else {
             throw CLI::ValidationError("script", "give a card file, --delete ID or --read-notes ID…");
         }

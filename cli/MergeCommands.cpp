@@ -5,6 +5,7 @@
 #include "KinbookKit/people/PeopleMerge.h"
 #include "cli/Failure.h"
 #include "cli/PeopleSession.h"
+#include "cli/Terminal.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -97,7 +98,8 @@ json cardsJson(const std::vector<Duplicates::MergeCard>& cards) {
 std::string cardsText(const std::vector<Duplicates::MergeCard>& cards) {
     std::vector<std::string> texts;
     for (const auto& card : cards) {
-        texts.push_back(fmt::format("{} ({})", card.id, joined(card.accountIDs, ", ")));
+        texts.push_back(
+            fmt::format("{} ({})", terminalText(card.id), terminalText(joined(card.accountIDs, ", "))));
     }
     return texts.empty() ? "none" : joined(texts, ", ");
 }
@@ -106,28 +108,30 @@ void printPlan(const Duplicates::MergePlan& plan, const ContactDraft& result, co
     fmt::print("keeps: {}\nremoves: {}\n", cardsText(plan.kept), cardsText(plan.removed));
     const auto name = joined(
         {result.namePrefix, result.givenName, result.middleName, result.familyName, result.nameSuffix}, " ");
-    fmt::print("name: {}\n", name);
+    fmt::print("name: {}\n", terminalText(name));
     for (const auto& [title, value] : {std::pair{"nickname", &result.nickname},
                                        {"company", &result.organization},
                                        {"job title", &result.jobTitle},
                                        {"department", &result.department}}) {
         if (!value->empty()) {
-            fmt::print("{}: {}\n", title, *value);
+            fmt::print("{}: {}\n", title, terminalText(*value));
         }
     }
     for (const auto& phone : result.phones) {
-        fmt::print("phone: {} ({})\n", phone.value, ContactDraft::labelDisplay(phone.label));
+        fmt::print("phone: {} ({})\n", terminalText(phone.value),
+                   terminalText(ContactDraft::labelDisplay(phone.label)));
     }
     for (const auto& email : result.emails) {
-        fmt::print("email: {} ({})\n", email.value, ContactDraft::labelDisplay(email.label));
+        fmt::print("email: {} ({})\n", terminalText(email.value),
+                   terminalText(ContactDraft::labelDisplay(email.label)));
     }
     for (const auto& address : result.addresses) {
-        fmt::print(
-            "address: {}\n",
-            joined({address.street, address.city, address.state, address.postalCode, address.country}, ", "));
+        fmt::print("address: {}\n", terminalText(joined({address.street, address.city, address.state,
+                                                         address.postalCode, address.country},
+                                                        ", ")));
     }
     if (!note.empty()) {
-        fmt::print("note: {}\n", note);
+        fmt::print("note: {}\n", terminalText(note, TextLines::several));
     }
 }
 
@@ -161,7 +165,8 @@ void addMergeCommands(CLI::App& app, const ToolOptions& options) {
                 for (const auto& person : group.people) {
                     names.push_back(fmt::format("{} ({})", person.displayName(), person.id));
                 }
-                fmt::print("{}: {}\n", joined(group.reasons, ", "), joined(names, ", "));
+                fmt::print("{}: {}\n", terminalText(joined(group.reasons, ", ")),
+                           terminalText(joined(names, ", ")));
             }
         }
         session.finish();
@@ -239,7 +244,8 @@ void addMergeCommands(CLI::App& app, const ToolOptions& options) {
                        {"kept", merged->kept},
                        {"removed", merged->removed}});
         } else {
-            fmt::print("merged {} cards into {}, kept {}\n", cards.size(), merged->id, merged->kept.size());
+            fmt::print("merged {} cards into {}, kept {}\n", cards.size(), terminalText(merged->id),
+                       merged->kept.size());
         }
         session.finish();
     });
@@ -273,7 +279,7 @@ void addMergeCommands(CLI::App& app, const ToolOptions& options) {
                 if (!answers.remember(group, *file)) {
                     fail(fmt::format("couldn't write {}", file->string()));
                 }
-                fmt::print("{}\n", group.id());
+                fmt::print("{}\n", terminalText(group.id()));
                 session.finish();
                 return;
             }

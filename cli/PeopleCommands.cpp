@@ -140,7 +140,7 @@ std::string accountFromArgument(PeopleSession& session, const std::string& argum
     }
     std::vector<std::string> known;
     for (const auto& account : accounts) {
-        known.push_back(fmt::format("{} ({})", account.id, account.name));
+        known.push_back(fmt::format("{} ({})", terminalText(account.id), terminalText(account.name)));
     }
     fail(fmt::format("no account \"{}\"; the accounts are {}", argument, fmt::join(known, ", ")));
 }
@@ -299,10 +299,10 @@ void addPeopleCommands(CLI::App& app, const ToolOptions& options) {
                 {{"id", person.id},
                  {"circle", person.circle ? nlohmann::json(rawValue(*person.circle)) : nlohmann::json()}}));
         } else if (person.circle) {
-            print(fmt::format("{}: {} ({})\n", person.displayName(), circleTitle(*person.circle),
-                              circleBadge(*person.circle)));
+            print(fmt::format("{}: {} ({})\n", terminalText(person.displayName()),
+                              circleTitle(*person.circle), circleBadge(*person.circle)));
         } else {
-            print(fmt::format("{}: no circle\n", person.displayName()));
+            print(fmt::format("{}: no circle\n", terminalText(person.displayName())));
         }
     });
 

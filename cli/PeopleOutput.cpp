@@ -56,10 +56,7 @@ std::string clipped(std::string_view text, std::size_t width) {
 
 // Tabs and line breaks would split a completion line.
 std::string oneLine(std::string_view text) {
-    std::string out(text);
-    std::replace_if(
-        out.begin(), out.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
-    return out;
+    return terminalText(text, TextLines::one);
 }
 
 std::string circleMark(const Person& person) {
@@ -193,14 +190,14 @@ std::string sectionsText(std::span<const Section> sections, int matchCount, std:
     std::size_t idWidth = 0;
     for (const auto& section : sections) {
         for (const auto& person : section.people) {
-            nameWidth = std::max(nameWidth, capped(displayWidth(person->displayName()), 32));
+            nameWidth = std::max(nameWidth, capped(displayWidth(oneLine(person->displayName())), 32));
             if (!person->emailAddresses.empty()) {
-                mailWidth = std::max(mailWidth, capped(displayWidth(person->emailAddresses[0]), 36));
+                mailWidth = std::max(mailWidth, capped(displayWidth(oneLine(person->emailAddresses[0])), 36));
             }
             if (!person->phoneNumbers.empty()) {
-                phoneWidth = std::max(phoneWidth, capped(displayWidth(person->phoneNumbers[0]), 20));
+                phoneWidth = std::max(phoneWidth, capped(displayWidth(oneLine(person->phoneNumbers[0])), 20));
             }
-            idWidth = std::max(idWidth, displayWidth(idOf(*person)));
+            idWidth = std::max(idWidth, displayWidth(oneLine(idOf(*person))));
         }
     }
     if (fitted) {
@@ -231,19 +228,19 @@ std::string sectionsText(std::span<const Section> sections, int matchCount, std:
     }
     std::string out;
     for (const auto& section : sections) {
-        out += coloured(section.letter, "1", terminal.colour) + "\n";
+        out += coloured(oneLine(section.letter), "1", terminal.colour) + "\n";
         for (const auto& person : section.people) {
-            std::string line = "  " + padded(clipped(person->displayName(), nameWidth), nameWidth);
+            std::string line = "  " + padded(clipped(oneLine(person->displayName()), nameWidth), nameWidth);
             if (mailWidth > 0) {
                 const std::string_view mail = person->emailAddresses.empty() ? "" : person->emailAddresses[0];
-                line += "  " + padded(clipped(mail, mailWidth), mailWidth);
+                line += "  " + padded(clipped(oneLine(mail), mailWidth), mailWidth);
             }
             if (phoneWidth > 0) {
                 const std::string_view phone = person->phoneNumbers.empty() ? "" : person->phoneNumbers[0];
-                line += "  " + padded(clipped(phone, phoneWidth), phoneWidth);
+                line += "  " + padded(clipped(oneLine(phone), phoneWidth), phoneWidth);
             }
             line += "  " + coloured(padded(circleMark(*person), 3), "36", terminal.colour);
-            line += "  " + coloured(idOf(*person), "2", terminal.colour);
+            line += "  " + coloured(oneLine(idOf(*person)), "2", terminal.colour);
             out += line + "\n";
         }
     }
@@ -256,9 +253,14 @@ std::string sectionsText(std::span<const Section> sections, int matchCount, std:
 }
 
 std::string personText(const Person& person, std::span<const ShownCard> cards, const AccountNames& names) {
-    std::string out = std::string(person.displayName()) + "\n";
-    auto row = [&](std::string_view label, std::string_view value) {
-        out += fmt::format("  {}  {}\n", padded(label, 14), value);
+    std::string out = oneLine(person.displayName()) + "\n";
+    // Values of several lines (addresses, notes) line up under their first.
+    auto row = [&](std::string_view label, std::string_view value, TextLines lines = TextLines::one) {
+        std::string shown = terminalText(value, lines);
+        for (std::size_t at = shown.find('\n'); at != std::string::npos; at = shown.find('\n', at + 1)) {
+            shown.insert(at + 1, std::string(18, ' '));
+        }
+        out += fmt::format("  {}  {}\n", padded(oneLine(label), 14), shown);
     };
     if (!person.nickname.empty()) {
         row("nickname", person.nickname);
@@ -285,8 +287,9 @@ std::string personText(const Person& person, std::span<const ShownCard> cards, c
     for (const auto& shown : cards) {
         const ContactCard card = withFormerLast(shown.card);
         const auto name = names.find(shown.accountID);
-        out += fmt::format("\n{} · card {}{}\n", name != names.end() ? name->second : shown.accountID,
-                           card.id, shown.primary ? " (primary)" : "");
+        out +=
+            fmt::format("\n{} · card {}{}\n", oneLine(name != names.end() ? name->second : shown.accountID),
+                        oneLine(card.id), shown.primary ? " (primary)" : "");
         const std::string full = fullName(card);
         if (!full.empty()) {
             row("name", full);
@@ -302,13 +305,8 @@ std::string personText(const Person& person, std::span<const ShownCard> cards, c
         }
         auto items = [&](const std::vector<ContactCard::Item>& list) {
             for (const auto& item : list) {
-                // Addresses are one part per line; later lines line up under the first.
-                std::string value = item.value;
-                for (std::size_t at = value.find('\n'); at != std::string::npos;
-                     at = value.find('\n', at + 1)) {
-                    value.insert(at + 1, std::string(18, ' '));
-                }
-                row(shownLabel(item.label), value);
+                // Addresses are one part per line.
+                row(shownLabel(item.label), item.value, TextLines::several);
             }
         };
         items(card.phones);
@@ -329,12 +327,7 @@ std::string personText(const Person& person, std::span<const ShownCard> cards, c
             linkIDs.insert(link.id);
         }
         if (!shown.note.empty()) {
-            // A note of several lines lines up under its first.
-            std::string note = shown.note;
-            for (std::size_t at = note.find('\n'); at != std::string::npos; at = note.find('\n', at + 1)) {
-                note.insert(at + 1, std::string(18, ' '));
-            }
-            row("note", note);
+            row("note", shown.note, TextLines::several);
         }
         for (const auto* list : {&card.social, &card.messaging}) {
             for (const auto& item : *list) {
@@ -354,15 +347,15 @@ std::string accountsText(std::span<const Account> accounts, const std::map<std::
     std::size_t nameWidth = 4;
     std::size_t idWidth = 2;
     for (const auto& account : accounts) {
-        nameWidth = std::max(nameWidth, displayWidth(account.name));
-        idWidth = std::max(idWidth, displayWidth(account.id));
+        nameWidth = std::max(nameWidth, displayWidth(oneLine(account.name)));
+        idWidth = std::max(idWidth, displayWidth(oneLine(account.id)));
     }
     std::string out;
     for (const auto& account : accounts) {
         const auto count = counts.find(account.id);
         const int people = count != counts.end() ? count->second : 0;
-        out += fmt::format("{}  {}  {} {}\n", padded(account.name, nameWidth), padded(account.id, idWidth),
-                           people, people == 1 ? "person" : "people");
+        out += fmt::format("{}  {}  {} {}\n", padded(oneLine(account.name), nameWidth),
+                           padded(oneLine(account.id), idWidth), people, people == 1 ? "person" : "people");
     }
     return out;
 }

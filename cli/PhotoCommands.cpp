@@ -4,6 +4,7 @@
 #include "KinbookKit/sidecar/ContactPhotos.h"
 #include "cli/Failure.h"
 #include "cli/PeopleSession.h"
+#include "cli/Terminal.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -104,7 +105,8 @@ void addPhotoCommands(CLI::App& app, const ToolOptions& options) {
             printJson(list);
         } else {
             for (const auto& item : items) {
-                fmt::print("{}{}\n", item.url.string(), item.isLocal ? "" : "  (not downloaded yet)");
+                fmt::print("{}{}\n", terminalText(item.url.string()),
+                           item.isLocal ? "" : "  (not downloaded yet)");
             }
         }
         session.finish();
@@ -128,7 +130,7 @@ void addPhotoCommands(CLI::App& app, const ToolOptions& options) {
             fail(fmt::format("Couldn't Add Photo: {}", added.error()));
         }
         for (const auto& item : *added) {
-            fmt::print("{}\n", item.url.string());
+            fmt::print("{}\n", terminalText(item.url.string()));
         }
         if (added->size() < files->size()) {
             warn(fmt::format("{} of the pictures were there already", files->size() - added->size()));
@@ -147,7 +149,7 @@ void addPhotoCommands(CLI::App& app, const ToolOptions& options) {
         if (!saved) {
             fail(saved.error());
         }
-        fmt::print("contact photo set for {}\n", person.displayName());
+        fmt::print("contact photo set for {}\n", terminalText(person.displayName()));
         session.finish();
     });
 
@@ -226,7 +228,7 @@ void addPhotoCommands(CLI::App& app, const ToolOptions& options) {
             printJson(out);
         } else {
             for (const auto& job : list) {
-                fmt::print("{}\n", job.summary());
+                fmt::print("{}\n", terminalText(job.summary()));
             }
         }
         session.finish();

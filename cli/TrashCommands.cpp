@@ -4,6 +4,7 @@
 #include "KinbookKit/records/Iso8601.h"
 #include "cli/Failure.h"
 #include "cli/PeopleSession.h"
+#include "cli/Terminal.h"
 
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
@@ -84,7 +85,8 @@ void printItems(const std::vector<TrashItem>& items, bool asJson) {
     }
     fmt::print("{} in Trash\n", items.size());
     for (const auto& item : items) {
-        fmt::print("{}\t{}\t{}\n", item.id, item.name, joined(item.accounts));
+        fmt::print("{}\t{}\t{}\n", terminalText(item.id), terminalText(item.name),
+                   terminalText(joined(item.accounts)));
     }
 }
 
@@ -131,7 +133,7 @@ void addTrashCommands(CLI::App& app, const ToolOptions& options) {
         for (const auto& account : outcome->value().movedToDefault) {
             warn(fmt::format("the account \"{}\" is gone: its card went to the default account", account));
         }
-        fmt::print("{} is back\n", item.name);
+        fmt::print("{} is back\n", terminalText(item.name));
         session.finish();
     });
 
@@ -156,7 +158,7 @@ void addTrashCommands(CLI::App& app, const ToolOptions& options) {
             if (!removed->ok()) {
                 fail(removed->error());
             }
-            fmt::print("deleted {} for good\n", item.id);
+            fmt::print("deleted {} for good\n", terminalText(item.id));
         } else if (flags->empty) {
             const std::size_t count = trash.items().size();
             if (!flags->yes) {

@@ -15,6 +15,21 @@ if(KINBOOK_SANITIZE)
         -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
     target_link_options(kinbook_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(KINBOOK_TSAN)
+    # Races between the list's serial queue, the loader's threads and the
+    # executors; one sanitizer per build, as ThreadSanitizer cannot share a
+    # process with AddressSanitizer.
+    target_compile_options(kinbook_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+    target_link_options(kinbook_options INTERFACE -fsanitize=thread)
+endif()
+if(KINBOOK_BUILD_FUZZERS)
+    # The libraries carry the fuzzers' coverage and sanitizers, so that every
+    # branch of a reader under test is steered by the corpus; the fuzzer's own
+    # main is linked into the fuzz targets only (fuzz/CMakeLists.txt).
+    target_compile_options(kinbook_options INTERFACE
+        -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+    target_link_options(kinbook_options INTERFACE -fsanitize=address,undefined)
+endif()
 target_include_directories(kinbook_options INTERFACE
     "${PROJECT_SOURCE_DIR}"
     "${PROJECT_BINARY_DIR}/generated")

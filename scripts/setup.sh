@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libutf8proc-dev libicu-dev libpcre2-dev libfmt-dev
   libtomlplusplus-dev nlohmann-json3-dev libsimdjson-dev libsystemd-dev libvips-dev libdlib-dev liburing-dev
-  libjemalloc-dev
+  libjemalloc-dev libxxhash-dev
   radicale vdirsyncer
   # The desktop application: Qt 6 Widgets (Qt's CMake files need the GL
   # headers), the SVG plugin for its icon, a font, and a virtual X server for

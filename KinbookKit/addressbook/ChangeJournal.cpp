@@ -1004,6 +1004,22 @@ std::vector<std::uint8_t> ChangeJournal::tokenFor(std::uint64_t position) const 
     return token;
 }
 
+std::map<std::string, std::vector<std::pair<std::string, std::string>>>
+ChangeJournal::filesOf(const std::set<std::string>& cardIDs) const {
+    std::map<std::string, std::vector<std::pair<std::string, std::string>>> files;
+    if (cardIDs.empty()) {
+        return files;
+    }
+    for (const auto& [account, folder] : m_files) {
+        for (const auto& [name, state] : folder) {
+            if (!state.cardID.empty() && cardIDs.contains(state.cardID)) {
+                files[state.cardID].emplace_back(account, name);
+            }
+        }
+    }
+    return files;
+}
+
 std::vector<std::uint8_t> ChangeJournal::currentToken() {
     Lock lock(m_lockFD);
     catchUp();

@@ -9,6 +9,7 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <span>
@@ -114,6 +115,14 @@ public:
 
     // Scans, then names the position after the last event.
     std::vector<std::uint8_t> currentToken();
+
+    // The files (account folder name, file name) the journal last saw
+    // holding each of `cardIDs`, from what it knows without reading any:
+    // a start from the cache reads just the changed cards' files through
+    // this, where finding them otherwise means reading every card. A card
+    // the journal knows no file of is left out.
+    std::map<std::string, std::vector<std::pair<std::string, std::string>>>
+    filesOf(const std::set<std::string>& cardIDs) const;
 
     // Scans, then collects the events after `token` in order, with the
     // current token; dropEverything when the token cannot be served.

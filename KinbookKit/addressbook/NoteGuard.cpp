@@ -264,8 +264,9 @@ std::size_t NoteGuard::restoreHeld(ContactsAppScript& script, std::vector<std::s
             }
         }
         // Released only if nothing held the card anew in the meantime.
-        change([&](HeldNotes& current) {
-            if (const auto it = current.find(id); it != current.end() && it->second == note) {
+        // Captured by name: clang before 16 cannot capture structured bindings.
+        change([&, &heldID = id, &heldNote = note](HeldNotes& current) {
+            if (const auto it = current.find(heldID); it != current.end() && it->second == heldNote) {
                 current.erase(it);
             }
         });

@@ -955,11 +955,11 @@ VdirAddressBook::changesSince(std::span<const std::uint8_t> token) {
         return result;
     }
     const std::vector<std::string> ids(changedIDs.begin(), changedIDs.end());
-    auto people = readPeople(ids);
-    if (!people.ok()) {
-        return failure(people.error());
-    }
-    result.changed = std::move(people.value());
+    // A card that is (or became) a group card is no person: it leaves the
+    // list like a deleted one, and nothing else is read for it.
+    std::set<std::string> groups;
+    result.changed = readCards(ids, &groups);
+    result.deleted.insert(groups.begin(), groups.end());
     for (const auto& person : result.changed) {
         result.membership[person.id] = person.accountIDs;
     }
@@ -1021,18 +1021,57 @@ Result<VdirAddressBook::Loaded, AddressBookError> VdirAddressBook::load(std::str
 
 Result<std::vector<Person>, AddressBookError>
 VdirAddressBook::readPeople(std::span<const std::string> cardIDs) {
+    return readCards(cardIDs, nullptr);
+}
+
+std::vector<Person> VdirAddressBook::readCards(std::span<const std::string> cardIDs,
+                                               std::set<std::string>* groups) {
+    // A card the index does not know (a start from the cache has no index
+    // yet, and group cards are never in it) is found where the journal last
+    // saw it; finding it through the index would mean reading every card.
+    std::map<std::string, std::vector<std::pair<std::string, std::string>>> seen;
+    {
+        std::lock_guard lock(m_mutex);
+        std::set<std::string> unindexed;
+        for (const auto& id : cardIDs) {
+            if (m_index.find(id) == nullptr) {
+                unindexed.insert(id);
+            }
+        }
+        seen = journal().filesOf(unindexed);
+    }
+    const auto scan = [&](const CardFile& file, bool& isGroup) -> std::optional<Person> {
+        auto bytes = readWholeFile(file.path);
+        if (!bytes) {
+            return std::nullopt;
+        }
+        return scanPerson(*bytes, file.path.filename().string(), file.accountID, true, &isGroup);
+    };
     std::vector<Person> people;
     for (const auto& id : cardIDs) {
-        const auto file = locate(id);
-        if (!file) {
-            continue;
-        }
-        auto bytes = readWholeFile(file->path);
-        if (!bytes) {
-            continue;
-        }
         bool isGroup = false;
-        auto person = scanPerson(*bytes, file->path.filename().string(), file->accountID, true, &isGroup);
+        std::optional<Person> person;
+        // Only a file that still holds the card by that id is believed: one
+        // of two files with one UID, or a file rewritten for another card,
+        // is found through the index.
+        if (const auto found = seen.find(id); found != seen.end() && found->second.size() == 1) {
+            const auto& [account, name] = found->second.front();
+            person = scan(CardFile{m_options.root / account / name, account}, isGroup);
+            if (person && person->id != id) {
+                person.reset();
+                isGroup = false;
+            }
+        }
+        if (!person) {
+            const auto file = locate(id);
+            if (!file) {
+                continue;
+            }
+            person = scan(*file, isGroup);
+        }
+        if (person && isGroup && groups != nullptr) {
+            groups->insert(id);
+        }
         if (person && !isGroup) {
             person->id = id;
             person->memberIDs = {id};

@@ -187,6 +187,8 @@ private:
     std::optional<CardFile> locate(std::string_view cardID);
     void rebuildIndex();
     Result<Loaded, AddressBookError> load(std::string_view cardID);
+    // readPeople; the ids that are group cards go to `groups` when given.
+    std::vector<Person> readCards(std::span<const std::string> cardIDs, std::set<std::string>* groups);
     bool isReadOnly(const std::string& accountID) const;
     Result<void, AddressBookError> editCard(std::string_view cardID, const Edit& edit, const char* what);
     // Edits several cards all or nothing: every card is read, edited and

@@ -276,7 +276,8 @@ private:
                           {"email", Fields::emails},
                           {"url", Fields::urls},
                           {"address", Fields::postalAddresses}}}) {
-                    if (attempt([&] { return take(word) && take(" of p") && endOfLine(); })) {
+                    // Named captures: clang before 16 cannot capture structured bindings.
+                    if (attempt([&, &name = word] { return take(name) && take(" of p") && endOfLine(); })) {
                         return DeleteEvery{group};
                     }
                 }
@@ -318,8 +319,8 @@ private:
                                                                            {"year", DatePart::year},
                                                                            {"time", DatePart::time}}}) {
                     SetDatePart set{part, 0};
-                    if (attempt([&] {
-                            return take("set ") && take(word) && take(" of bd to ") && integer(set.value) &&
+                    if (attempt([&, &name = word] {
+                            return take("set ") && take(name) && take(" of bd to ") && integer(set.value) &&
                                    endOfLine();
                         })) {
                         return set;
@@ -405,9 +406,9 @@ private:
                  {{"service name", ProfilePart::serviceName},
                   {"user name", ProfilePart::userName},
                   {"url", ProfilePart::url}}}) {
-            if (attempt([&] {
-                    set.part = part;
-                    if (!take("set ") || !take(word) || !take(" of social profile ")) {
+            if (attempt([&, &name = word, &which = part] {
+                    set.part = which;
+                    if (!take("set ") || !take(name) || !take(" of social profile ")) {
                         return false;
                     }
                     if (loopVariable) {

@@ -389,6 +389,9 @@ void PeopleLoader::readChanges() {
             const auto deleted = read.update->deleted.size();
             const auto finish = [this, start, changed, deleted, update = read.update] {
                 forgetCards(*update);
+                if (changed > 0 || deleted > 0) {
+                    absorbIntoCache();
+                }
                 m_timings.refreshedAt = m_context.clock().now();
                 m_timings.refreshKind = "changes";
                 const auto milliseconds = m_context.clock().millisecondsSince(start);
@@ -416,6 +419,33 @@ void PeopleLoader::readChanges() {
         });
 }
 
+void PeopleLoader::absorbIntoCache() {
+    // Once a run: what the start replayed is what every later start would
+    // replay again. Changes seen while the list is open are few and read
+    // alone at the next start, which absorbs them then; rewriting tens of
+    // megabytes after every edit would cost more than replaying them.
+    if (!m_context.options().cache || !m_historyToken || m_cacheAbsorbed) {
+        return;
+    }
+    m_cacheAbsorbed = true;
+    // The cards as they are now shown, with the token after the changes, so
+    // that the next start has nothing to replay. The time of the full read
+    // stays that of the last real one: replayed changes do not make a cache
+    // younger. Copied on the cache's queue, off the main thread.
+    m_context.cacheQueue().post([cache = m_context.options().cache, joined = m_joined, accounts = m_accounts,
+                                 token = *m_historyToken, fullReadAt = m_fullReadAt] {
+        AddressBookSnapshot snapshot;
+        snapshot.people.reserve(joined->raw.size());
+        for (const auto& card : joined->raw) {
+            snapshot.people.push_back(*card);
+        }
+        snapshot.accounts = accounts;
+        snapshot.historyToken = token;
+        snapshot.fullReadAt = fullReadAt;
+        cache->write(snapshot);
+    });
+}
+
 void PeopleLoader::forgetCards(const RawUpdate& update) {
     // Another program changed these cards: the page and the rows must not
     // keep showing the copies read before. The next look-up reads them again.
@@ -435,9 +465,10 @@ void PeopleLoader::forgetCards(const RawUpdate& update) {
     }
     // A read begun before the change may answer with the card as it was.
     for (const auto& [cardID, load] : m_cardLoads) {
-        const bool changed = update.deleted.contains(cardID) ||
-                             std::any_of(update.changed.begin(), update.changed.end(),
-                                         [&](const PersonPtr& person) { return person->id == cardID; });
+        const bool changed =
+            update.deleted.contains(cardID) ||
+            std::any_of(update.changed.begin(), update.changed.end(),
+                        [&id = cardID](const PersonPtr& person) { return person->id == id; });
         if (changed) {
             startCardLoad(cardID);
         }

@@ -105,6 +105,8 @@ private:
     // Drops the cached cards and thumbnails of the cards an update changed
     // or deleted, and tells the views.
     void forgetCards(const RawUpdate& update);
+    // Writes the people as now shown to the cache after replayed changes.
+    void absorbIntoCache();
     // Reads a card for the callers waiting in m_cardLoads.
     void startCardLoad(const std::string& cardID);
     void finishBody();
@@ -135,6 +137,7 @@ private:
     std::optional<std::vector<std::uint8_t>> m_historyToken;
     std::optional<std::chrono::system_clock::time_point> m_fullReadAt;
     std::optional<ChangeObserverID> m_observer; // none: not hearing of the store's changes
+    bool m_cacheAbsorbed = false;               // replayed changes were written to the cache
     bool m_watchFailureLogged = false;
     int m_notices = 0;
     bool m_gatheringNotices = false;

@@ -7,12 +7,16 @@
 #include "KinbookKit/records/PersonJsonReader.h"
 #include "KinbookKit/records/PersonJsonWriter.h"
 #include "KinbookKit/text/Base64.h"
+#include "KinbookKit/text/KinLog.h"
 
 #include <fcntl.h>
 #include <simdjson.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
 
 #include <algorithm>
 #include <array>
@@ -32,6 +36,52 @@ namespace {
 namespace ondemand = simdjson::ondemand;
 
 constexpr std::string_view kFileName = "kinbook-snapshot.json";
+
+const KinLog& cacheLog() {
+    static const KinLog log("list");
+    return log;
+}
+
+// MARK: - The checksum line
+
+// XXH3 runs at memory speed, where a cryptographic hash would cost more than
+// the read itself; it guards against damage, not against an attacker, who
+// could as well write the cards. The file is hashed in blocks of a megabyte
+// on two threads, and the checksum is the hash of the blocks' hashes: over
+// the 100 MB of 100,000 people one thread takes about 14 ms, which a second
+// core, where one is free, shares.
+constexpr std::string_view kSealHead = "kinbook-snapshot xxh3 ";
+constexpr std::size_t kSealSize = kSealHead.size() + 16 + 1;
+constexpr std::size_t kChecksumBlock = std::size_t{1} << 20;
+
+std::uint64_t checksumOf(std::string_view bytes) {
+    const std::size_t blocks = (bytes.size() + kChecksumBlock - 1) / kChecksumBlock;
+    std::vector<std::uint64_t> sums(blocks);
+    std::atomic<std::size_t> next{0};
+    const auto hashBlocks = [&] {
+        for (std::size_t block = next++; block < blocks; block = next++) {
+            const std::string_view part = bytes.substr(block * kChecksumBlock, kChecksumBlock);
+            sums[block] = XXH3_64bits(part.data(), part.size());
+        }
+    };
+    if (blocks >= 4 && std::thread::hardware_concurrency() >= 2) {
+        runSideBySide(hashBlocks, hashBlocks);
+    } else {
+        hashBlocks();
+    }
+    return XXH3_64bits(sums.data(), sums.size() * sizeof(std::uint64_t));
+}
+
+// The line that goes before `json` in the file.
+std::string sealLine(std::string_view json) {
+    std::string line(kSealHead);
+    const std::uint64_t checksum = checksumOf(json);
+    for (int shift = 60; shift >= 0; shift -= 4) {
+        line += "0123456789abcdef"[(checksum >> shift) & 0xF];
+    }
+    line += '\n';
+    return line;
+}
 
 // MARK: - Writing
 
@@ -773,6 +823,29 @@ std::optional<AddressBookSnapshot> SnapshotCache::decode(std::string_view json) 
     return whole(decodeFile(simdjson::padded_string(json)));
 }
 
+std::string SnapshotCache::seal(std::string_view json) {
+    return sealLine(json).append(json);
+}
+
+std::optional<std::string_view> SnapshotCache::unseal(std::string_view file) {
+    if (file.size() < kSealSize || !file.starts_with(kSealHead) || file[kSealSize - 1] != '\n') {
+        return std::nullopt;
+    }
+    std::uint64_t claimed = 0;
+    const char* const digits = file.data() + kSealHead.size();
+    const auto [end, error] = std::from_chars(digits, digits + 16, claimed, 16);
+    const std::string_view json = file.substr(kSealSize);
+    if (error != std::errc{} || end != digits + 16 || !std::all_of(digits, digits + 16, [](char c) {
+            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+        })) {
+        return std::nullopt;
+    }
+    if (checksumOf(json) != claimed) {
+        return std::nullopt;
+    }
+    return json;
+}
+
 std::unique_ptr<SnapshotCache> SnapshotCache::make() {
     std::filesystem::path caches;
     // A relative XDG_CACHE_HOME is invalid and is ignored.
@@ -796,16 +869,26 @@ std::optional<SnapshotCache::Parts> SnapshotCache::readParts() const {
     if (!file) {
         return std::nullopt;
     }
-    return decodeFile(file->view());
+    const auto bytes = file->view();
+    const auto json = unseal(std::string_view(bytes.data(), bytes.size()));
+    if (!json) {
+        if (bytes.size() > 0) {
+            cacheLog().error("cache: the checksum fails; reading the address book anew");
+        }
+        return std::nullopt;
+    }
+    // The JSON keeps the file's padding behind it.
+    return decodeFile(simdjson::padded_string_view(json->data(), json->size(), bytes.capacity() - kSealSize));
 }
 
 void SnapshotCache::write(const AddressBookSnapshot& snapshot) const {
     std::lock_guard lock(m_mutex);
-    const auto json = encode(snapshot);
+    auto json = encode(snapshot);
     if (!json || !makeFolders(m_url.parent_path())) {
         return;
     }
     // A cache is no user data, but a reader must never see half of one.
+    json->insert(0, sealLine(*json));
     writeFileAtomically(m_url, *json, 0600);
 }
 

@@ -14,7 +14,13 @@ namespace kinbook {
 
 // The last full read of the address book, kept on disk so that the next
 // start shows the list before the store has been read. A cache only: every
-// failure is silent and means "no cache", costing one slower start.
+// failure means "no cache", costing one slower start.
+//
+// The file is a checksum line ("kinbook-snapshot xxh3 <16 hex digits>")
+// and then the snapshot's JSON: a cache that another program, a full disk or
+// a bad sector damaged is not believed even when it still reads as JSON. A
+// file whose checksum fails is logged and ignored, and the next full read
+// writes a new one.
 //
 // One operation at a time (the methods lock); the people list calls it from
 // its own serial queue, off the main thread.
@@ -55,6 +61,11 @@ public:
     // The snapshot in a file's content; none for anything damaged or of
     // another format. Thread-safe.
     static std::optional<AddressBookSnapshot> decode(std::string_view json);
+
+    // The file's bytes for content `json`: the checksum line, then the JSON.
+    static std::string seal(std::string_view json);
+    // The JSON of a file's bytes when its checksum holds; none otherwise.
+    static std::optional<std::string_view> unseal(std::string_view file);
 
 private:
     std::filesystem::path m_url;

@@ -124,7 +124,12 @@ std::optional<CircleSuggestion> CircleSuggestion::fromJSON(std::string_view json
     }
     try {
         CircleSuggestion suggestion;
-        const auto circle = circleFromRawValue(document.at("circle").get<long long>());
+        // A circle is a whole number: converting 1e111 to one would overflow.
+        const auto& circleValue = document.at("circle");
+        if (!circleValue.is_number_integer()) {
+            return std::nullopt;
+        }
+        const auto circle = circleFromRawValue(circleValue.get<long long>());
         const auto madeAt = parseIso8601(document.at("madeAt").get<std::string>());
         if (!circle || !madeAt) {
             return std::nullopt;

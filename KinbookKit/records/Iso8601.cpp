@@ -123,6 +123,11 @@ std::optional<system_clock::time_point> parseIso8601(std::string_view text) {
     if (!date.ok() || *hour > 23 || *minute > 59 || *second > 60) {
         return std::nullopt;
     }
+    // The clock counts nanoseconds in 64 bits, about 1678 to 2261: a file's
+    // date outside that is damage, and would overflow the clock.
+    if (*yearValue < 1678 || *yearValue > 2261) {
+        return std::nullopt;
+    }
     const auto local = sys_days(date) + hours(*hour) + minutes(*minute) + seconds(*second) + fraction;
     return time_point_cast<system_clock::duration>(local - offset);
 }

@@ -67,6 +67,15 @@ std::optional<std::vector<KinID::QueryItem>> parseQuery(std::string_view query) 
         const std::size_t end = std::min(query.find('&', start), query.size());
         const std::string_view piece = query.substr(start, end - start);
         const std::size_t equals = piece.find('=');
+        // An empty piece ("?&x" or "x&&y") names nothing, and an anchor
+        // written back could not keep it.
+        if (piece.empty()) {
+            if (end == query.size()) {
+                break;
+            }
+            start = end + 1;
+            continue;
+        }
         KinID::QueryItem item;
         auto name = percentDecode(piece.substr(0, equals));
         if (!name) {

@@ -104,10 +104,13 @@ Result<TrashFile, std::string> TrashFile::fromJSON(std::string_view json) {
     }
     try {
         TrashFile file;
-        file.version = document.at("version").get<int>();
-        if (file.version != 1) {
-            return failure(fmt::format("it is of version {}, which this version can't read", file.version));
+        // Only a whole number is a version: converting 1e111 to one would
+        // overflow.
+        const auto& version = document.at("version");
+        if (!version.is_number_integer() || version.get<std::int64_t>() != 1) {
+            return failure(fmt::format("it is of version {}, which this version can't read", version.dump()));
         }
+        file.version = 1;
         file.name = document.at("name").get<std::string>();
         file.deletedAt = dateFromReferenceSeconds(document.at("deletedAt").get<double>());
         for (const auto& entry : document.at("cards")) {

@@ -469,11 +469,18 @@ public:
 
 private:
     // Makes room for a block's claimed content, within the caller's limit.
+    // The claim is checked before anything is allocated, and the buffer's
+    // growth stops at the limit too: doubling past it would take up to twice
+    // the memory the caller allowed.
     std::optional<LzfseError> growOutput(std::uint64_t rawBytes) {
         if (rawBytes > m_sizeLimit - m_output.size()) {
             return LzfseError::sizeLimitExceeded;
         }
-        m_output.resize(m_output.size() + static_cast<std::size_t>(rawBytes));
+        const std::size_t needed = m_output.size() + static_cast<std::size_t>(rawBytes);
+        if (needed > m_output.capacity()) {
+            m_output.reserve(std::min(std::max(needed, m_output.capacity() * 2), m_sizeLimit));
+        }
+        m_output.resize(needed);
         return std::nullopt;
     }
 

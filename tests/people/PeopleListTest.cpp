@@ -1,6 +1,7 @@
 #include "KinbookKit/people/PeopleList.h"
 
 #include "KinbookKit/Version.h"
+#include "KinbookKit/addressbook/CardFileReader.h"
 #include "KinbookKit/addressbook/VdirAddressBook.h"
 #include "KinbookKit/text/AppLog.h"
 #include "tests/support/FakeClock.h"
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <random>
 
@@ -200,6 +202,23 @@ bool contains(const std::vector<std::string>& lines, std::string_view line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
+// The address book's own card reader, counting the files it reads: a read
+// of every card goes through it, a read of single cards does not.
+class CountingCardReader final : public CardBatchReader {
+public:
+    CountingCardReader(std::unique_ptr<CardBatchReader> inner, std::atomic<std::size_t>& count)
+        : m_inner(std::move(inner)), m_count(count) {}
+
+    void read(std::span<const File> files, std::span<Result> results) override {
+        m_count += files.size();
+        m_inner->read(files, results);
+    }
+
+private:
+    std::unique_ptr<CardBatchReader> m_inner;
+    std::atomic<std::size_t>& m_count;
+};
+
 // --- Fixture -------------------------------------------------------------------
 
 class PeopleListTest : public ::testing::Test {
@@ -225,6 +244,9 @@ protected:
         options.log = m_storeLog;
         options.watcher = m_watcher;
         options.pauseBeforeRetry = [](std::chrono::milliseconds) {};
+        options.cardReaders = [this](bool stamps) {
+            return std::make_unique<CountingCardReader>(CardFileReader::factory()(stamps), m_cardFilesRead);
+        };
         return std::make_shared<FaultyAddressBook>(std::make_shared<VdirAddressBook>(options));
     }
 
@@ -283,6 +305,7 @@ protected:
     std::shared_ptr<ManualFolderWatcher> m_watcher = std::make_shared<ManualFolderWatcher>();
     testing::ManualExecutor m_main;
     testing::ManualExecutor m_background;
+    std::atomic<std::size_t> m_cardFilesRead{0};
     std::shared_ptr<FaultyAddressBook> m_book = makeBook();
     testing::FakeClock m_clock;
 };
@@ -500,6 +523,61 @@ TEST_F(PeopleListTest, TheCachedSnapshotIsShownFirstAndOnlyChangesAreReadAfterIt
     EXPECT_EQ(countStartingWith(read, "fetch: "), 0u);
     EXPECT_EQ(list->timings().cacheMs, 0);
     EXPECT_EQ(list->person("JANE-1")->id, "JANE-2");
+}
+
+TEST_F(PeopleListTest, ChangedGroupCardsAreReadAloneAndTheCacheAbsorbsWhatChanged) {
+    const auto group = [](const std::string& members) {
+        return "BEGIN:VCARD\r\nVERSION:3.0\r\nKIND:group\r\nFN:Book club\r\n" + members +
+               "UID:GROUP-1\r\nEND:VCARD\r\n";
+    };
+    writeCard("home", "GROUP-1", group("MEMBER:urn:uuid:BOB-1\r\n"));
+    writeCard("work", "GROUP-2",
+              "BEGIN:VCARD\r\nVERSION:3.0\r\nX-ADDRESSBOOKSERVER-KIND:group\r\nFN:Team\r\nUID:GROUP-2\r\nEND:"
+              "VCARD\r\n");
+    auto cache = std::make_shared<SnapshotCache>(m_folder / "cache" / "kinbook-snapshot.json");
+    auto withCache = options();
+    withCache.cache = cache;
+    {
+        auto first = makeList(withCache);
+        loadAndWait(*first);
+        EXPECT_EQ(first->people().size(), 2u);
+    }
+
+    // Both groups change, and Bob's card; a new start (a fresh address
+    // book object, as in a new process) reads those three files alone.
+    writeCard("home", "GROUP-1", group("MEMBER:urn:uuid:BOB-1\r\nMEMBER:urn:uuid:JANE-1\r\n"));
+    writeCard(
+        "work", "GROUP-2",
+        "BEGIN:VCARD\r\nVERSION:3.0\r\nX-ADDRESSBOOKSERVER-KIND:group\r\nFN:The team\r\nUID:GROUP-2\r\nEND:"
+        "VCARD\r\n");
+    writeCard("home", "BOB-1", vcard("BOB-1", "Robert", "Brown"));
+    lines();
+    m_book = makeBook();
+    m_cardFilesRead = 0;
+    {
+        auto second = makeList(withCache);
+        loadAndWait(*second);
+        const auto read = lines();
+        EXPECT_EQ(m_cardFilesRead, 0u) << "no read of every card";
+        EXPECT_EQ(countStartingWith(read, "fetch: "), 0u);
+        EXPECT_TRUE(contains(read, "refresh from changes: 1 changed, 2 deleted in 0 ms"));
+        EXPECT_EQ(second->people().size(), 2u);
+        EXPECT_EQ(second->person("BOB-1")->givenName, "Robert");
+    }
+
+    // The start after that finds the changes in the cache: nothing to
+    // replay, and Robert shown from the cache itself.
+    m_book = makeBook();
+    auto third = makeList(withCache);
+    loadAndWait(*third);
+    const auto read = lines();
+    EXPECT_EQ(m_cardFilesRead, 0u);
+    EXPECT_TRUE(contains(read, "cache: 2 people in 0 ms"));
+    EXPECT_TRUE(contains(read, "changes: 0 changed, 0 deleted in 0 ms"));
+    EXPECT_EQ(third->person("BOB-1")->givenName, "Robert");
+    const auto cached = cache->read();
+    ASSERT_TRUE(cached.has_value());
+    EXPECT_EQ(cached->fullReadAt, third->fullReadAt()) << "replayed changes leave the time of the full read";
 }
 
 TEST_F(PeopleListTest, ADamagedCacheIsPassedOverForAFullRead) {

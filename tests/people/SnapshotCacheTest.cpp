@@ -63,7 +63,7 @@ protected:
 
     std::optional<AddressBookSnapshot> readText(const std::string& text) {
         std::filesystem::create_directories(cache.url().parent_path());
-        writeFile(cache.url(), text);
+        writeFile(cache.url(), SnapshotCache::seal(text));
         return cache.read();
     }
 };
@@ -105,7 +105,8 @@ nlohmann::json fileJSON(const AddressBookSnapshot& snapshot) {
 TEST_F(SnapshotCacheTest, TheFileIsTheSnapshotsOwnJSONUnderFormatTen) {
     const auto snapshot = sampleSnapshot();
     cache.write(snapshot);
-    const auto file = nlohmann::json::parse(readFile(cache.url()));
+    const std::string bytes = readFile(cache.url());
+    const auto file = nlohmann::json::parse(SnapshotCache::unseal(bytes).value());
     EXPECT_EQ(file.at("format"), 10);
     const auto& stored = file.at("snapshot");
     ASSERT_EQ(stored.at("people").size(), snapshot.people.size());
@@ -205,6 +206,37 @@ TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
     EXPECT_EQ(readText(format9.dump()), std::nullopt) << "a file of format 9";
 }
 
+TEST_F(SnapshotCacheTest, ADamagedCacheIsNotBelievedEvenWhenItIsStillValidJSON) {
+    cache.write(sampleSnapshot());
+    const std::string written = readFile(cache.url());
+    ASSERT_EQ(cache.read(), sampleSnapshot());
+
+    // One letter of an address changed: still valid JSON, still a snapshot.
+    std::string renamed = written;
+    const auto at = renamed.find("zoe@example.com");
+    ASSERT_NE(at, std::string::npos);
+    renamed[at] = 'y';
+    ASSERT_TRUE(SnapshotCache::decode(renamed.substr(renamed.find('\n') + 1)));
+    // A wrong checksum, a checksum line cut short, and the bare JSON of a
+    // cache from before the checksum.
+    std::string wrongSum = written;
+    wrongSum[wrongSum.find('\n') - 1] ^= 1;
+    const std::pair<std::string, std::string> damaged[] = {
+        {"a changed letter", renamed},
+        {"a changed checksum", wrongSum},
+        {"a cut checksum line", written.substr(0, 20)},
+        {"no checksum line", written.substr(written.find('\n') + 1)},
+        {"a line break lost", written.substr(0, written.find('\n')) + written.substr(written.find('\n') + 1)},
+    };
+    for (const auto& [what, bytes] : damaged) {
+        writeFile(cache.url(), bytes);
+        EXPECT_EQ(cache.read(), std::nullopt) << what;
+    }
+    // The next write replaces it with one that is believed.
+    cache.write(sampleSnapshot());
+    EXPECT_EQ(cache.read(), sampleSnapshot());
+}
+
 TEST_F(SnapshotCacheTest, FilesEndingAtAndAroundAPageBoundaryReadWithoutReadingPastTheirEnd) {
     // The reader looks up to a few dozen bytes past the end of the file's
     // text; a file that fills its last page to the brim must still give it
@@ -212,15 +244,16 @@ TEST_F(SnapshotCacheTest, FilesEndingAtAndAroundAPageBoundaryReadWithoutReadingP
     const auto whole = SnapshotCache::encode(sampleSnapshot());
     ASSERT_TRUE(whole.has_value());
     const std::size_t page = 4096;
+    const std::size_t checksumLine = SnapshotCache::seal("").size();
     for (std::size_t size = page - 72; size <= page + 1; ++size) {
         std::string padded = *whole;
-        padded.resize(size, ' ');
+        padded.resize(size - checksumLine, ' ');
         EXPECT_EQ(readText(padded), sampleSnapshot()) << size << " bytes";
 
         // The same length, ending inside a long escaped text.
         std::string cut = *whole;
         cut.insert(cut.find("\"places\":[") + 10, "\"" + std::string(size, 'a'));
-        cut.resize(size);
+        cut.resize(size - checksumLine);
         EXPECT_EQ(readText(cut), std::nullopt) << size << " bytes, cut in a text";
     }
 }

@@ -154,6 +154,13 @@ TEST(CircleSuggestion, UndecodableFilesGiveNoSuggestion) {
           "{\"circle\": 2, \"confidence\": \"high\", \"reasons\": [], \"source\": \"\", \"madeAt\": "
           "\"2026-03-01T09:30:00Z\"}",
           "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": \"yesterday\"}",
+          // Found by fuzzing: a circle or a year out of range overflowed.
+          "{\"circle\": 1e111, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"2026-03-01T12:00:00Z\"}",
+          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"1012-03-01T12:00:00Z\"}",
+          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"9999-12-31T23:59:59Z\"}",
           "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\"}"}) {
         EXPECT_EQ(CircleSuggestion::fromJSON(json), std::nullopt) << json;
     }

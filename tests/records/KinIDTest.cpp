@@ -108,6 +108,11 @@ TEST(KinID, AnchorQueryItemsFollowTheirReadingRules) {
         {"kinbook://c/AB12CD34?h=1&x=%", false, std::nullopt, false, {}},
         {"kinbook://c/AB12CD34?h=1&x=%FF", false, std::nullopt, false, {}}, // decodes to no UTF-8
         {"kinbook://c/AB12CD34?h=1#fragment", true, std::nullopt, false, {}},
+        {"kinbook://c/AB12CD34?&x=5&&flag&",
+         false,
+         std::nullopt,
+         false,
+         {{"x", "5"}, {"flag", std::nullopt}}},
     };
     for (const auto& c : cases) {
         const auto anchor = Anchor::read(urls({c.url}));
@@ -143,6 +148,12 @@ TEST(KinID, AnchorsRoundTripThroughTheirURL) {
         ASSERT_TRUE(read) << url;
         EXPECT_EQ(*read, anchor) << url;
     }
+    // Read from a card and written back: found by fuzzing, an empty first
+    // item was lost in the writing and the items after it moved up.
+    const std::string fromACard("kinbook://c/ab1?&p=~&\0\0-3&p=~&x=y#20z&flag", 42);
+    const auto read = Anchor::read(std::vector<std::string>{fromACard});
+    ASSERT_TRUE(read);
+    EXPECT_EQ(Anchor::read(std::vector<std::string>{read->url()}), read);
 }
 
 TEST(KinID, DropTextsYieldPersonIDsInOrder) {

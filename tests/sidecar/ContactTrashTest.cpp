@@ -120,6 +120,17 @@ TEST_F(ContactTrashTest, TheListIsNewestFirstAndSkipsDamagedFilesWithoutDeleting
     EXPECT_TRUE(fs::exists(trash.root() / "notes.txt"));
 }
 
+TEST(TrashFileTest, OnlyVersionOneIsReadAndNoVersionNumberOverflows) {
+    // Found by fuzzing: a version of 1e111 overflowed its conversion.
+    const std::string rest = R"(,"name":"Ann","deletedAt":1.5,"cards":[]})";
+    EXPECT_TRUE(TrashFile::fromJSON(R"({"version":1)" + rest).ok());
+    for (const std::string version : {"1e111", "-1e111", "1.5", "\"1\"", "2", "18446744073709551617"}) {
+        const auto read = TrashFile::fromJSON(R"({"version":)" + version + rest);
+        ASSERT_FALSE(read.ok()) << version;
+        EXPECT_NE(read.error().find("version"), std::string::npos) << read.error();
+    }
+}
+
 TEST_F(ContactTrashTest, AnIdNeverReachesOutsideTheTrashFolder) {
     testing::writeFile(folder / "outside.kincontact", ContactTrash::encode(person("x", at)));
     for (const char* id : {"../outside.kincontact", "/etc/passwd", "", ".kincontact", "a/b.kincontact"}) {

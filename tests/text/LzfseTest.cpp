@@ -180,6 +180,32 @@ TEST(LzfseDecompressTest, RefusesAClaimedSizeTheBlockCannotProduce) {
     }
 }
 
+TEST(LzfseDecompressTest, NeverTakesMoreMemoryThanTheLimit) {
+    // Seven raw blocks of 1,000 bytes fill a 7,000-byte limit exactly; the
+    // output grows block by block, and its growth may not overshoot the
+    // limit either. An eighth block is refused before any memory is taken.
+    std::vector<std::uint8_t> stream;
+    const auto put32 = [&](std::uint32_t value) {
+        for (int i = 0; i < 4; ++i) {
+            stream.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+        }
+    };
+    for (int block = 0; block < 7; ++block) {
+        put32(magicRaw);
+        put32(1000);
+        stream.insert(stream.end(), 1000, static_cast<std::uint8_t>('a' + block));
+    }
+    put32(magicEnd);
+    const auto decoded = lzfseDecompress(stream, 7000);
+    ASSERT_TRUE(decoded.ok());
+    EXPECT_EQ(decoded->size(), 7000u);
+    EXPECT_LE(decoded->capacity(), 7000u);
+
+    const auto over = lzfseDecompress(stream, 6999);
+    ASSERT_FALSE(over.ok());
+    EXPECT_EQ(over.error(), LzfseError::sizeLimitExceeded);
+}
+
 TEST(LzfseDecompressTest, IgnoresBytesAfterTheEndOfStream) {
     auto stream = readVector("five-bytes.lzfse");
     stream.insert(stream.end(), {0xDE, 0xAD, 0xBE, 0xEF, 0x00});
