@@ -1,8 +1,8 @@
 #include "Kinbook/KinbookApp.h"
 
 #include "Kinbook/ContactPage.h"
-#include "Kinbook/ImportExport.h"
 #include "Kinbook/EditorCommands.h"
+#include "Kinbook/ImportExport.h"
 #include "Kinbook/LaunchBenchmarks.h"
 #include "Kinbook/MainWindow.h"
 #include "Kinbook/PhotoGrid.h"

@@ -8,8 +8,7 @@ PeopleList::PeopleList(Executor& main, Executor& background, std::shared_ptr<Add
                        PeopleListOptions options)
     : m_context(main, background, std::move(addressBook), std::move(options)), m_shown(m_context),
       m_loader(m_context, m_shown), m_operations(m_context, m_loader), m_trash(m_context, m_loader, m_shown),
-      m_accounts(m_context, m_loader, m_trash),
-      m_editing(m_context, m_loader, m_trash) {}
+      m_accounts(m_context, m_loader, m_trash), m_editing(m_context, m_loader, m_trash) {}
 
 PeopleList::~PeopleList() = default;
 

@@ -22,9 +22,10 @@ using testing::readFile;
 const std::string kJaneHome = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Appleseed;Jane;;;\r\nFN:Jane Appleseed\r\n"
                               "TEL;type=ex-work:+1 212 555 0100\r\nNOTE:Allergic to cats.\r\n"
                               "URL:kinbook://c/K1\r\nUID:JANE-1\r\nEND:VCARD\r\n";
-const std::string kJaneWork = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Appleseed;Jane;;;\r\nFN:Jane Appleseed\r\n"
-                              "TITLE:Engineer\r\nEMAIL;type=work:jane@work.example\r\n"
-                              "X-ANNIVERSARY:2015-06-20\r\nURL:kinbook://c/K1?p=1\r\nUID:JANE-2\r\nEND:VCARD\r\n";
+const std::string kJaneWork =
+    "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Appleseed;Jane;;;\r\nFN:Jane Appleseed\r\n"
+    "TITLE:Engineer\r\nEMAIL;type=work:jane@work.example\r\n"
+    "X-ANNIVERSARY:2015-06-20\r\nURL:kinbook://c/K1?p=1\r\nUID:JANE-2\r\nEND:VCARD\r\n";
 const std::string kBob = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Brown;Bob;;;\r\nFN:Bob Brown\r\nBDAY:--0415\r\n"
                          "X-SOCIALPROFILE;type=mastodon:https://mastodon.social/@bob\r\n"
                          "TEL;type=cell:+1 415 555 0199\r\nUID:BOB-1\r\nEND:VCARD\r\n";
