@@ -17,33 +17,6 @@
 namespace kinbook::cli {
 namespace {
 
-// The account an argument names: its id (the folder), else its name in any
-// case; a near miss is suggested.
-Account accountNamed(PeopleSession& session, const std::string& argument) {
-    const auto accounts = session.accounts();
-    for (const auto& account : accounts) {
-        if (account.id == argument) {
-            return account;
-        }
-    }
-    for (const auto& account : accounts) {
-        if (fold(account.name) == fold(argument)) {
-            return account;
-        }
-    }
-    std::vector<std::string> words;
-    std::vector<std::string> known;
-    for (const auto& account : accounts) {
-        words.push_back(account.id);
-        words.push_back(fold(account.name));
-        known.push_back(fmt::format("{} ({})", account.id, account.name));
-    }
-    if (const auto near = nearestCommand(fold(argument), words)) {
-        fail(fmt::format("no account \"{}\"; did you mean \"{}\"?", argument, *near));
-    }
-    fail(fmt::format("no account \"{}\"; the accounts are {}", argument, fmt::join(known, ", ")));
-}
-
 template <typename T>
 T wait(PeopleSession& session, const std::function<void(std::function<void(T)>)>& start) {
     std::optional<T> result;
@@ -67,7 +40,7 @@ void addOrRemove(const ToolOptions& options, const AccountArguments& arguments, 
     PeopleSession session(options);
     session.load();
     const Person person = session.resolve(arguments.person);
-    const Account account = accountNamed(session, arguments.account);
+    const Account account = accountNamed(session.accounts(), arguments.account);
     PeopleList& list = *session.kit().list();
     if (adding) {
         const auto added = wait<Result<AddedCopy, AccountError>>(
@@ -123,7 +96,7 @@ void addAccountCommands(CLI::App& app, const ToolOptions& options) {
         for (const auto& argument : moveArguments->people) {
             ids.push_back(session.resolve(argument).id);
         }
-        const Account target = accountNamed(session, moveArguments->account);
+        const Account target = accountNamed(session.accounts(), moveArguments->account);
         PeopleList& list = *session.kit().list();
         if (!moveArguments->copy && !list.trash().trash()) {
             fail(

@@ -38,26 +38,6 @@ std::vector<Account> accountsOf(PeopleSession& session) {
     return std::move(accounts.value());
 }
 
-// The account an argument names: its id (the folder), else its name, any case.
-std::string accountFromArgument(PeopleSession& session, const std::string& argument) {
-    const auto accounts = accountsOf(session);
-    for (const auto& account : accounts) {
-        if (account.id == argument) {
-            return account.id;
-        }
-    }
-    for (const auto& account : accounts) {
-        if (fold(account.name) == fold(argument)) {
-            return account.id;
-        }
-    }
-    std::vector<std::string> known;
-    for (const auto& account : accounts) {
-        known.push_back(fmt::format("{} ({})", account.id, account.name));
-    }
-    fail(fmt::format("no account \"{}\"; the accounts are {}", argument, fmt::join(known, ", ")));
-}
-
 std::string accountName(PeopleSession& session, const std::optional<std::string>& accountID) {
     for (const auto& account : accountsOf(session)) {
         if (accountID && account.id == *accountID) {
@@ -344,7 +324,7 @@ void addEditCommands(CLI::App& app, const ToolOptions& options) {
         PeopleSession session(options);
         std::optional<std::string> accountID;
         if (!made->account.empty()) {
-            accountID = accountFromArgument(session, made->account);
+            accountID = accountNamed(accountsOf(session), made->account).id;
         }
         const ContactDraft original = ContactDraft::empty(std::nullopt, accountID);
         ContactDraft draft = original;

@@ -25,24 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The account an argument names: its id (the folder), else its name, any case.
-std::string accountFromArgument(AddressBook& book, const std::string& argument) {
-    auto accounts = book.accounts();
-    if (!accounts.ok()) {
-        fail(accounts.error().description());
-    }
-    for (const auto& account : accounts.value()) {
-        if (account.id == argument || fold(account.name) == fold(argument)) {
-            return account.id;
-        }
-    }
-    std::vector<std::string> known;
-    for (const auto& account : accounts.value()) {
-        known.push_back(fmt::format("{} ({})", account.id, account.name));
-    }
-    fail(fmt::format("no account \"{}\"; the accounts are {}", argument, fmt::join(known, ", ")));
-}
-
 struct ImportArguments {
     std::vector<std::string> files;
     std::string account;
@@ -78,7 +60,11 @@ void addImportExportCommands(CLI::App& app, const ToolOptions& options) {
     }
     std::optional<std::string> accountID;
     if (!imported->account.empty()) {
-        accountID = accountFromArgument(book, imported->account);
+        auto accounts = book.accounts();
+        if (!accounts.ok()) {
+            fail(accounts.error().description());
+        }
+        accountID = accountNamed(accounts.value(), imported->account).id;
     }
     auto summary = VCardImport::run(book, sources, accountID);
     if (!summary.ok()) {

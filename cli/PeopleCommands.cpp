@@ -125,32 +125,12 @@ void addViewOptions(CLI::App* command, ViewArguments& view) {
                       "List the hidden people instead, as the list's Hidden view does");
 }
 
-// The account an argument names: its id (the folder), else its name, any case.
-std::string accountFromArgument(PeopleSession& session, const std::string& argument) {
-    const auto accounts = session.accounts();
-    for (const auto& account : accounts) {
-        if (account.id == argument) {
-            return account.id;
-        }
-    }
-    for (const auto& account : accounts) {
-        if (fold(account.name) == fold(argument)) {
-            return account.id;
-        }
-    }
-    std::vector<std::string> known;
-    for (const auto& account : accounts) {
-        known.push_back(fmt::format("{} ({})", terminalText(account.id), terminalText(account.name)));
-    }
-    fail(fmt::format("no account \"{}\"; the accounts are {}", argument, fmt::join(known, ", ")));
-}
-
 ListView viewFrom(PeopleSession& session, const ViewArguments& arguments, std::string searchText) {
     ListView view;
     view.order = *sortOrderFromArgument(arguments.sort);
     view.descending = arguments.descending;
     if (arguments.account) {
-        view.accountID = accountFromArgument(session, *arguments.account);
+        view.accountID = accountNamed(session.accounts(), *arguments.account).id;
     }
     if (arguments.circle) {
         view.circle = circleFromArgument(*arguments.circle);

@@ -3,6 +3,7 @@
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/Fold.h"
+#include "cli/CommandSuggestion.h"
 #include "cli/Failure.h"
 #include "cli/Terminal.h"
 
@@ -175,6 +176,32 @@ PeopleSession::Shown PeopleSession::show(const ListView& view) {
     m_list->setSearchText(view.searchText);
     m_loop.runPending();
     return {m_list->sections(), m_list->matchCount(), m_list->sharedSections()};
+}
+
+Account accountNamed(const std::vector<Account>& accounts, const std::string& argument) {
+    for (const auto& account : accounts) {
+        if (account.id == argument) {
+            return account;
+        }
+    }
+    for (const auto& account : accounts) {
+        if (fold(account.name) == fold(argument)) {
+            return account;
+        }
+    }
+    std::vector<std::string> words;
+    std::vector<std::string> known;
+    for (const auto& account : accounts) {
+        words.push_back(account.id);
+        words.push_back(fold(account.name));
+        known.push_back(fmt::format("{} ({})", terminalText(account.id), terminalText(account.name)));
+    }
+    if (const auto near = nearestCommand(fold(argument), words)) {
+        fail(fmt::format("no account \"{}\"; did you mean \"{}\"?", terminalText(argument),
+                         terminalText(*near)));
+    }
+    fail(fmt::format("no account \"{}\"; the accounts are {}", terminalText(argument),
+                     fmt::join(known, ", ")));
 }
 
 std::vector<Account> PeopleSession::accounts() {

@@ -43,6 +43,10 @@ struct ListView {
 //
 // Failures the user must see (no address book, a read that failed, a refused
 // change) end the command through fail(), with the product's message.
+// The account an argument names: its id (the folder), else its name in any
+// case. Fails with a near miss suggested, or the accounts listed.
+Account accountNamed(const std::vector<Account>& accounts, const std::string& argument);
+
 class PeopleSession {
 public:
     // Opens the session (configuration warnings to stderr), seeding the
