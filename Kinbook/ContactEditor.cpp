@@ -11,8 +11,10 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QDialogButtonBox>
+#include <QFileDialog>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QImageReader>
 #include <QKeyEvent>
 #include <QKeySequence>
 #include <QLabel>
@@ -28,7 +30,11 @@
 #include <QVBoxLayout>
 
 namespace kinbook {
+
 namespace {
+
+// The side of the editor's photo preview, in pixels.
+constexpr int kPhotoPreview = 72;
 
 constexpr int kAddressParts = 5;
 
@@ -556,6 +562,29 @@ void ContactEditor::build() {
     m_birthday->setObjectName("Birthday");
     m_birthday->setPlaceholderText("1987-03-14, or --03-14 without a year");
     form->addRow("Birthday", m_birthday);
+    m_photoRow = new QWidget(body);
+    auto* photo = new QHBoxLayout(m_photoRow);
+    photo->setContentsMargins(0, 0, 0, 0);
+    m_photoPreview = new QLabel(m_photoRow);
+    m_photoPreview->setObjectName("PhotoPreview");
+    m_photoPreview->setFixedSize(kPhotoPreview, kPhotoPreview);
+    m_photoPreview->setAlignment(Qt::AlignCenter);
+    auto* choose = new QPushButton("Choose Photo…", m_photoRow);
+    choose->setObjectName("ChoosePhoto");
+    connect(choose, &QPushButton::clicked, this, [this] {
+        const QString file =
+            QFileDialog::getOpenFileName(this, "Choose Photo", QString(),
+                                         "Pictures (*.jpg *.jpeg *.png *.heic *.heif *.webp *.tif *.tiff)");
+        if (!file.isEmpty()) {
+            choosePhoto(file);
+        }
+    });
+    photo->addWidget(m_photoPreview);
+    photo->addWidget(choose, 0, Qt::AlignVCenter);
+    photo->addStretch();
+    form->addRow("Photo", m_photoRow);
+    m_photoRow->setEnabled(false);
+    m_photoRow->setToolTip("Contact photos need the sidecar folder.");
     layout->addLayout(form);
     if (!m_cards.empty()) {
         m_circles = new CirclePicker(body);
@@ -827,6 +856,30 @@ void ContactEditor::save() {
     m_keepQuestion->open();
 }
 
+void ContactEditor::setSavePhoto(SavePhoto savePhoto) {
+    m_savePhoto = std::move(savePhoto);
+    m_photoRow->setEnabled(static_cast<bool>(m_savePhoto));
+    m_photoRow->setToolTip(m_savePhoto ? QString() : QString("Contact photos need the sidecar folder."));
+}
+
+void ContactEditor::choosePhoto(const QString& file) {
+    // Only a small preview is decoded here: the picture may be 50
+    // megapixels, and the head crop runs after Save, off this thread.
+    QImageReader reader(file);
+    reader.setAutoTransform(true);
+    const QSize size = reader.size();
+    if (size.isValid()) {
+        reader.setScaledSize(size.scaled(kPhotoPreview, kPhotoPreview, Qt::KeepAspectRatio));
+    }
+    const QImage preview = reader.read();
+    if (preview.isNull()) {
+        showError("That file isn't a picture Kinbook can read: " + reader.errorString());
+        return;
+    }
+    m_chosenPhoto = file;
+    m_photoPreview->setPixmap(QPixmap::fromImage(preview));
+}
+
 void ContactEditor::write(ContactDraft draft) {
     m_saving = true;
     m_save->setEnabled(false);
@@ -844,6 +897,9 @@ void ContactEditor::write(ContactDraft draft) {
             // The person's past jobs go with the card they were edited with.
             if (self->m_shownJobs && self->pastJobs() != *self->m_shownJobs && self->m_saveJobs) {
                 self->m_saveJobs(*saved->cardID, self->pastJobs());
+            }
+            if (!self->m_chosenPhoto.isEmpty() && self->m_savePhoto) {
+                self->m_savePhoto(*saved->cardID, self->m_chosenPhoto);
             }
             Q_EMIT self->saved(qt(saved->personID.value_or(*saved->cardID)), qt(*saved->cardID));
         }

@@ -91,12 +91,20 @@ public:
     using CardChoices = std::vector<std::pair<std::string, QString>>;
     // Replaces the past jobs of the person whose card was saved.
     using SaveJobs = std::function<void(const std::string& cardID, std::vector<PastJob> jobs)>;
+    // Makes a picture file the contact photo of the person whose card was saved.
+    using SavePhoto = std::function<void(const std::string& cardID, const QString& file)>;
 
     ContactEditor(PeopleList& list, CardChoices cards, QWidget* parent = nullptr);
     // A new card in `accountID` (none: the default account).
     ContactEditor(PeopleList& list, std::optional<std::string> accountID, QWidget* parent = nullptr);
 
     void setSaveJobs(SaveJobs saveJobs) { m_saveJobs = std::move(saveJobs); }
+    // Without it the editor offers no photo (no store for one).
+    void setSavePhoto(SavePhoto savePhoto);
+    // The picture that becomes the contact photo on Save ("Choose Photo…"
+    // asks for it); Cancel leaves the photo as it was.
+    void choosePhoto(const QString& file);
+    const QString& chosenPhoto() const { return m_chosenPhoto; }
     // The person's past jobs, shown under "Previously" with "Add Previous
     // Job"; saved with the card when changed. Until they are given (no
     // sidecar folder), the section stays hidden and no job is kept.
@@ -154,6 +162,10 @@ private:
     bool m_loaded = false;
     bool m_saving = false;
     SaveJobs m_saveJobs;
+    SavePhoto m_savePhoto;
+    QString m_chosenPhoto;
+    QWidget* m_photoRow = nullptr;
+    QLabel* m_photoPreview = nullptr;
     struct JobRow {
         std::string id;
         QLineEdit* title;

@@ -1,13 +1,16 @@
 #include "Kinbook/EditorCommands.h"
 
 #include "Kinbook/CirclePicker.h"
+#include "Kinbook/PhotoGrid.h"
 #include "Kinbook/QtText.h"
 #include "KinbookKit/people/PeopleList.h"
 #include "KinbookKit/setup/KinbookSession.h"
 
 #include <QAction>
 #include <QKeySequence>
+#include <QPointer>
 #include <QWidget>
+#include <filesystem>
 
 namespace kinbook {
 
@@ -62,6 +65,10 @@ void EditorCommands::open(ContactEditor* editor) {
     editor->setSaveJobs([this](const std::string& cardID, std::vector<PastJob> jobs) {
         savePastJobs(cardID, std::move(jobs));
     });
+    if (m_session != nullptr && m_session->photos() != nullptr) {
+        editor->setSavePhoto(
+            [this](const std::string& cardID, const QString& file) { saveContactPhoto(cardID, file); });
+    }
     connect(editor, &ContactEditor::saved, this, [this](const QString& personID, const QString&) {
         if (m_hooks.select) {
             m_hooks.select(utf8(personID));
@@ -171,6 +178,32 @@ void EditorCommands::setHidden(const std::string& personID, bool hidden) {
             m_list.setHidden(personID, hidden, std::move(done));
         },
         m_hooks.report);
+}
+
+void EditorCommands::saveContactPhoto(const std::string& cardID, const QString& file) {
+    const PersonPtr person = m_list.person(cardID);
+    if (m_session == nullptr || !person) {
+        return;
+    }
+    // Every card of the person gets the photo, as the page's "Use as Contact
+    // Photo" does; the head crop and the writes take a few hundred
+    // milliseconds, so they run off the window's thread.
+    KinbookSession& session = *m_session;
+    session.background().post([&session, self = QPointer(this), cards = cardIDsOf(person->id),
+                               path = std::filesystem::path(file.toStdString())] {
+        Result<void, std::string> result;
+        if (auto bytes = readPictureFile(path)) {
+            result = session.setContactPhoto(cards, *bytes);
+        } else {
+            result = failure("couldn't read " + path.string());
+        }
+        session.main().post([self, result = std::move(result)] {
+            if (self && !result.ok()) {
+                self->m_hooks.report(failure(ActionError{
+                    AddressBookError::store("Couldn't set the contact photo: " + result.error())}));
+            }
+        });
+    });
 }
 
 void EditorCommands::savePastJobs(const std::string& cardID, std::vector<PastJob> jobs) {

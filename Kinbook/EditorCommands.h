@@ -63,6 +63,7 @@ private:
     // Shows the person's past jobs in the editor, when there is a sidecar.
     void loadPastJobs(ContactEditor* editor, const std::string& personID);
     void savePastJobs(const std::string& cardID, std::vector<PastJob> jobs);
+    void saveContactPhoto(const std::string& cardID, const QString& file);
     std::vector<std::string> cardIDsOf(const std::string& personID) const;
 
     PeopleList& m_list;

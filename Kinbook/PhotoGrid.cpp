@@ -26,13 +26,8 @@
 #include <QVBoxLayout>
 
 namespace kinbook {
-namespace {
 
-constexpr int kPathRole = Qt::UserRole + 1;
-// The poster is decoded at most this size: the page's head view.
-constexpr int kPosterPixels = 1200;
-
-std::optional<std::vector<std::uint8_t>> readBytes(const std::filesystem::path& path) {
+std::optional<std::vector<std::uint8_t>> readPictureFile(const std::filesystem::path& path) {
     QFile file(qt(path.string()));
     if (!file.open(QIODevice::ReadOnly)) {
         return std::nullopt;
@@ -41,12 +36,18 @@ std::optional<std::vector<std::uint8_t>> readBytes(const std::filesystem::path& 
     return std::vector<std::uint8_t>(data.begin(), data.end());
 }
 
+namespace {
+
+constexpr int kPathRole = Qt::UserRole + 1;
+// The poster is decoded at most this size: the page's head view.
+constexpr int kPosterPixels = 1200;
+
 // A square thumbnail cut from the middle of the photo, its orientation
 // applied. libvips decodes a JPEG shrunk on load, which is what makes
 // hundreds cheap; twice the side leaves the shorter side enough pixels for
 // any photo up to 2:1.
 QImage thumbnailOf(PictureCodec& codec, const std::filesystem::path& path, int pixels) {
-    const auto bytes = readBytes(path);
+    const auto bytes = readPictureFile(path);
     const auto decoded = bytes ? codec.decode(*bytes, 2 * pixels) : std::nullopt;
     if (!decoded || decoded->empty()) {
         return {};
@@ -408,7 +409,7 @@ void PhotoGrid::addFiles(const QStringList& files) {
         };
         std::vector<std::vector<std::uint8_t>> pictures;
         for (const auto& path : paths) {
-            auto bytes = readBytes(path);
+            auto bytes = readPictureFile(path);
             if (!bytes) {
                 return finish(failure(fmt::format("couldn't read {}", path.string())));
             }
@@ -465,7 +466,7 @@ void PhotoGrid::useAsContactPhoto(int row) {
     // The head crop and the save take a few hundred milliseconds.
     session.background().post([&session, self = QPointer(this), cardIDs = m_cardIDs, path] {
         Result<void, std::string> result;
-        if (auto bytes = readBytes(path)) {
+        if (auto bytes = readPictureFile(path)) {
             result = session.setContactPhoto(cardIDs, *bytes);
         } else {
             result = failure(fmt::format("couldn't read {}", path.string()));
@@ -491,7 +492,7 @@ void PhotoGrid::useAsPoster(int row) {
     store->ask(
         m_session->main(),
         [key = m_key, path](ContactPhotos& photos) -> Result<void, std::string> {
-            auto bytes = readBytes(path);
+            auto bytes = readPictureFile(path);
             if (!bytes) {
                 return failure(fmt::format("couldn't read {}", path.string()));
             }

@@ -11,6 +11,7 @@
 #include <QStringList>
 #include <QWidget>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,6 +28,9 @@ namespace kinbook {
 class CirclePicker;
 class KinbookSession;
 class PosterHeader;
+
+// The bytes of a picture file the user chose; none when it can't be read.
+std::optional<std::vector<std::uint8_t>> readPictureFile(const std::filesystem::path& path);
 
 // What the page shows from the person's sidecar folder: their past jobs
 // under "Previously", their full-size photos as a grid (add from a file

@@ -21,6 +21,7 @@
 
 #include <QAction>
 #include <QComboBox>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPlainTextEdit>
@@ -248,6 +249,33 @@ TEST_F(ContactEditorTest, ChangingTheCompanyAsksToKeepItAsAPreviousJob) {
         const auto jobs = photos->pastJobs(key);
         return jobs.size() == 2 && jobs[0].company == "Initech" && jobs[1].company == "Acme";
     }));
+}
+
+TEST_F(ContactEditorTest, AChosenPhotoBecomesTheContactPhotoOnSaveAndNotOnCancel) {
+    const fs::path zoe = book() / "home" / "ZOE.vcf";
+    const std::string before = readFile(zoe);
+    const QString picture =
+        QString::fromStdString((fs::path(KINBOOK_TESTDATA_DIR) / "photos" / "astronaut.png").string());
+    ContactEditor* editor = edit("ZOE");
+    ASSERT_TRUE(editor->findChild<QPushButton*>("ChoosePhoto")->isEnabled());
+    editor->choosePhoto(picture);
+    EXPECT_FALSE(editor->findChild<QLabel*>("PhotoPreview")->pixmap().isNull());
+    press(editor, Qt::Key_Escape);
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    testing::runEventsFor(std::chrono::milliseconds(50));
+    EXPECT_EQ(readFile(zoe), before);
+
+    editor = edit("ZOE");
+    editor->choosePhoto(picture);
+    press(editor, Qt::Key_S, Qt::ControlModifier);
+    ASSERT_TRUE(runEventsUntil([&] { return commands().editor() == nullptr; }));
+    ASSERT_TRUE(runEventsUntil([&] { return readFile(zoe).find("PHOTO") != std::string::npos; }));
+    // Only the photo came: every line the card had is still there.
+    const std::string after = readFile(zoe);
+    for (const char* kept : {"item2.TEL:+1 415 555 0100\r\n", "TEL;type=HOME:+1 415 555 0111\r\n",
+                             "ADR;type=HOME:;;1 Main St;Springfield;IL;62701;USA\r\n"}) {
+        EXPECT_NE(after.find(kept), std::string::npos) << kept;
+    }
 }
 
 TEST_F(ContactEditorTest, TheQuickEditorEditsOneEntryInPlaceOrSaysItIsGone) {
