@@ -136,6 +136,11 @@ std::optional<CircleSuggestion> CircleSuggestion::fromJSON(std::string_view json
         }
         suggestion.circle = *circle;
         suggestion.confidence = document.at("confidence").get<double>();
+        // A confidence is a share of one: anything else is a damaged file
+        // (and a huge one would overflow the percentage shown).
+        if (!(suggestion.confidence >= 0.0 && suggestion.confidence <= 1.0)) {
+            return std::nullopt;
+        }
         suggestion.reasons = document.at("reasons").get<std::vector<std::string>>();
         suggestion.source = document.at("source").get<std::string>();
         suggestion.madeAt = *madeAt;

@@ -161,7 +161,12 @@ TEST(CircleSuggestion, UndecodableFilesGiveNoSuggestion) {
           "\"1012-03-01T12:00:00Z\"}",
           "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
           "\"9999-12-31T23:59:59Z\"}",
-          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\"}"}) {
+          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\"}",
+          // Found by fuzzing: a confidence far past one overflowed the percentage.
+          "{\"circle\": 3, \"confidence\": 4.4e26, \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"2024-01-01T12:00:00Z\"}",
+          "{\"circle\": 3, \"confidence\": -0.5, \"reasons\": [], \"source\": \"\", \"madeAt\": "
+          "\"2024-01-01T12:00:00Z\"}"}) {
         EXPECT_EQ(CircleSuggestion::fromJSON(json), std::nullopt) << json;
     }
     const auto withOffset = CircleSuggestion::fromJSON(
