@@ -242,23 +242,15 @@ std::optional<std::string> PeopleEditing::redoTitle() const {
 }
 
 void PeopleEditing::undo(std::function<void(ActionResult)> done) {
-    const UndoStep* step = m_history.nextUndo();
-    if (step == nullptr || m_busy) {
-        if (done) {
-            m_context.onMain([done = std::move(done)] { done(ActionResult()); });
-        }
-        return;
-    }
-    m_busy = true;
-    if (!step->trashItems.empty() || !step->restoredCards.empty()) {
-        runTrashStep(*step, true, std::move(done));
-    } else {
-        runStep(*step, true, std::move(done));
-    }
+    travel(true, std::move(done));
 }
 
 void PeopleEditing::redo(std::function<void(ActionResult)> done) {
-    const UndoStep* step = m_history.nextRedo();
+    travel(false, std::move(done));
+}
+
+void PeopleEditing::travel(bool undoing, std::function<void(ActionResult)> done) {
+    const UndoStep* step = undoing ? m_history.nextUndo() : m_history.nextRedo();
     if (step == nullptr || m_busy) {
         if (done) {
             m_context.onMain([done = std::move(done)] { done(ActionResult()); });
@@ -267,9 +259,9 @@ void PeopleEditing::redo(std::function<void(ActionResult)> done) {
     }
     m_busy = true;
     if (!step->trashItems.empty() || !step->restoredCards.empty()) {
-        runTrashStep(*step, false, std::move(done));
+        runTrashStep(*step, undoing, std::move(done));
     } else {
-        runStep(*step, false, std::move(done));
+        runStep(*step, undoing, std::move(done));
     }
 }
 

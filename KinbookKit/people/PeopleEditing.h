@@ -116,6 +116,8 @@ public:
 
 private:
     using StepResult = Result<UndoStep, ActionError>;
+    // Undo (`undoing`) or redo of the next step, one at a time.
+    void travel(bool undoing, std::function<void(ActionResult)> done);
     void runStep(UndoStep step, bool undoing, std::function<void(ActionResult)> done);
     void runTrashStep(UndoStep step, bool undoing, std::function<void(ActionResult)> done);
     void finishStep(StepResult result, bool undoing, std::vector<std::string> touched,
