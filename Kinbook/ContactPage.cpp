@@ -438,7 +438,6 @@ void ContactPage::rebuildFields() {
     addDatesSection(rows);
     addRelatedSection(rows);
     addNotesSection(rows);
-    addAccountsSection(rows);
     addCircleSection(rows);
     if (rows.restore() != nullptr) {
         m_fields->setCurrentItem(rows.restore());
@@ -635,14 +634,6 @@ void ContactPage::addNotesSection(Rows& rows) const {
         }
         auto* row = rows.addRow(accountMark(card->id), qt(note->second));
         row->setData(1, Qt::AccessibleTextRole, QString("Note: %1").arg(qt(note->second)));
-    }
-}
-
-void ContactPage::addAccountsSection(Rows& rows) const {
-    rows.addTitle("Accounts");
-    for (const auto& accountID : m_person->accountIDs) {
-        const auto found = m_accountNames.find(std::string(accountID));
-        rows.addRow({}, qt(found != m_accountNames.end() ? found->second : accountID));
     }
 }
 

@@ -124,7 +124,6 @@ private:
     void addDatesSection(Rows& rows) const;
     void addRelatedSection(Rows& rows) const;
     void addNotesSection(Rows& rows) const;
-    void addAccountsSection(Rows& rows) const;
     void addCircleSection(Rows& rows) const;
 
     // The person's cards that are here, in the person's order of cards.

@@ -1684,11 +1684,13 @@ Result<std::string, AddressBookError> VdirAddressBook::exportVCards(std::span<co
         if (!loaded.ok()) {
             return failure(loaded.error());
         }
-        // The file's own bytes: a restore writes back exactly what was there.
-        text += loaded->bytes;
+        // A line break joins a card whose file lacks its last one to the
+        // next; one card alone is its file's own bytes, so a restore or an
+        // undo compares with and writes back exactly what was there.
         if (!text.empty() && text.back() != '\n') {
             text += "\r\n";
         }
+        text += loaded->bytes;
     }
     return text;
 }
