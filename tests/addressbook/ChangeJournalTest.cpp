@@ -128,47 +128,49 @@ public:
     std::vector<std::unique_ptr<std::string>> m_surveyTexts; // what survey views point into
 };
 
-TEST_F(ChangeJournalTest, NoChangesKeepTheTokenCurrent) {
-    write("home", "a.vcf", card("A"));
-    auto journal = open();
-    Token token = journal->currentToken();
-    ChangeSet changes = expectChanges(*journal, token, {}, {});
-    EXPECT_EQ(changes.token(), token);
-    EXPECT_EQ(journal->currentToken(), token);
-}
-
-TEST_F(ChangeJournalTest, UnchangedFilesAreOnlyStatted) {
+TEST_F(ChangeJournalTest, UnchangedFilesAreOnlyStattedAndKeepTheTokenCurrent) {
     write("home", "a.vcf", card("A"));
     write("work", "b.vcf", card("B"));
     auto journal = open();
-    journal->currentToken();
+    Token token = journal->currentToken();
     EXPECT_EQ(m_reads, 2);
     EXPECT_EQ(journal->scan(), 0u);
-    auto reopened = open();
-    EXPECT_EQ(reopened->scan(), 0u);
+    EXPECT_EQ(expectChanges(*journal, token, {}, {}).token(), token);
+    EXPECT_EQ(journal->currentToken(), token);
+    EXPECT_EQ(open()->scan(), 0u);
     EXPECT_EQ(m_reads, 2);
 }
 
-TEST_F(ChangeJournalTest, OwnWritesAreJournalledAndNotFoundAgainByTheScan) {
+// Kinbook's own writes, in this process or another (the app and the
+// command-line tool), go into the shared journal, and no scan reads them again.
+TEST_F(ChangeJournalTest, OwnWritesAreJournalledOnceForEveryProcess) {
     fs::path a = write("home", "a.vcf", card("A"));
     auto journal = open();
+    auto tool = open();
     Token token = journal->currentToken();
 
     fs::path b = write("work", "b.vcf", card("B"));
     journal->recordWrite("B", "work", b);
     write("home", "a.vcf", card("A", "Ada Lovelace"));
-    journal->recordWrite("A", "home", a);
+    tool->recordWrite("A", "home", a);
     int readsBefore = m_reads;
     EXPECT_EQ(journal->scan(), 0u);
+    EXPECT_EQ(tool->scan(), 0u);
     EXPECT_EQ(m_reads, readsBefore);
     expectChanges(*journal, token, {"A", "B"}, {});
 
     Token afterWrites = journal->currentToken();
     fs::remove(a);
-    journal->recordDelete("A", a);
+    tool->recordDelete("A", a);
     EXPECT_EQ(journal->scan(), 0u);
     expectChanges(*journal, afterWrites, {}, {"A"});
-    expectChanges(*journal, token, {"B"}, {"A"});
+    expectChanges(*tool, token, {"B"}, {"A"});
+    // A delete nobody recorded is found by the first scan, once.
+    fs::remove(b);
+    EXPECT_EQ(journal->scan(), 1u);
+    expectChanges(*tool, afterWrites, {}, {"A", "B"});
+    EXPECT_TRUE(tool->lastError().empty()) << tool->lastError();
+    EXPECT_TRUE(journal->lastError().empty()) << journal->lastError();
 }
 
 TEST_F(ChangeJournalTest, ACardGivenItsFirstUIDLeavesItsFileNameIDDeleted) {
@@ -241,40 +243,43 @@ std::vector<OutsideChange> outsideChanges() {
          [](ChangeJournalTest& t) { t.write("home", "a.vcf", "garbage"); },
          {},
          {"A"}},
+        {"other writers' temporaries, hidden files and folders named like cards",
+         [](ChangeJournalTest& t) {
+             writeFile(t.root() / "home" / ".hidden.vcf", card("H1"));
+             writeFile(t.root() / "home" / "a.vcf.tmp", card("H2"));
+             writeFile(t.root() / "home" / "a.vcfq8Zr1x", card("H3")); // a vdirsyncer temporary
+             fs::create_directories(t.root() / ".git");
+             writeFile(t.root() / ".git" / "b.vcf", card("H4"));
+             fs::create_directories(t.root() / "home" / "nested.vcf");
+         },
+         {},
+         {}},
     };
 }
 
-TEST_F(ChangeJournalTest, ScanFindsWhatOtherProgramsDid) {
-    for (const OutsideChange& test : outsideChanges()) {
-        SCOPED_TRACE(test.name);
-        makeFourCards();
-        auto journal = open();
-        Token token = journal->currentToken();
-        test.change(*this);
-        expectChanges(*journal, token, test.changed, test.deleted);
-        // Each change is journalled once.
-        EXPECT_EQ(journal->scan(), 0u);
-    }
-}
-
-TEST_F(ChangeJournalTest, FollowingNamesFindsTheSameChangesInTheNamedFiles) {
-    for (const OutsideChange& test : outsideChanges()) {
-        SCOPED_TRACE(test.name);
-        makeFourCards();
-        auto journal = open();
-        Token token = journal->currentToken();
-        journal->followNamedChanges(true);
-        EXPECT_EQ(journal->scan(), 0u);
-        // The watcher names every file the change touched, gone or new.
-        std::set<std::pair<std::string, std::string>> touched = cardFiles();
-        test.change(*this);
-        touched.merge(cardFiles());
-        const std::vector<std::pair<std::string, std::string>> named(touched.begin(), touched.end());
-        journal->filesChanged(named);
-        const int readsBefore = m_reads;
-        expectChanges(*journal, token, test.changed, test.deleted);
-        EXPECT_LE(m_reads - readsBefore, 2) << "only changed files are read";
-        EXPECT_EQ(journal->scan(), 0u);
+TEST_F(ChangeJournalTest, AScanAndTheFilesAWatcherNamedFindWhatOtherProgramsDid) {
+    for (const bool named : {false, true}) {
+        for (const OutsideChange& test : outsideChanges()) {
+            SCOPED_TRACE(::testing::Message() << test.name << (named ? ", named" : ", scanned"));
+            makeFourCards();
+            auto journal = open();
+            Token token = journal->currentToken();
+            journal->followNamedChanges(named);
+            EXPECT_EQ(journal->scan(), 0u);
+            std::set<std::pair<std::string, std::string>> touched = cardFiles();
+            test.change(*this);
+            if (named) {
+                // The watcher names every file the change touched, gone or new.
+                touched.merge(cardFiles());
+                const std::vector<std::pair<std::string, std::string>> files(touched.begin(), touched.end());
+                journal->filesChanged(files);
+            }
+            const int readsBefore = m_reads;
+            expectChanges(*journal, token, test.changed, test.deleted);
+            EXPECT_LE(m_reads - readsBefore, 2) << "only changed files are read";
+            // Each change is journalled once.
+            EXPECT_EQ(journal->scan(), 0u);
+        }
     }
 }
 
@@ -334,18 +339,13 @@ TEST_F(ChangeJournalTest, AFullReadStandsInForAScan) {
     write("home", "c.vcf", card("C", "Cy"));
     const Token staleToken = journal->tokenAfterSurvey(stale, journal->surveyTicket());
     expectChanges(*journal, staleToken, {"C"}, {});
-}
 
-TEST_F(ChangeJournalTest, AReadSurveyKeepsTheCardsOfFoldersItCouldNotList) {
-    write("home", "a.vcf", card("A"));
-    write("work", "w.vcf", card("W"));
-    auto journal = open();
-    Token token = journal->currentToken();
-    ChangeJournal::Survey survey = surveyOf({"work"});
-    survey.unreadableAccounts = {"work"};
-    Token afterRead = journal->tokenAfterSurvey(survey, journal->surveyTicket());
-    expectChanges(*journal, token, {}, {});
-    EXPECT_EQ(afterRead, token);
+    // A folder the read could not list keeps its cards.
+    ChangeJournal::Survey partial = surveyOf({"work"});
+    partial.unreadableAccounts = {"work"};
+    const Token current = journal->currentToken();
+    EXPECT_EQ(journal->tokenAfterSurvey(partial, journal->surveyTicket()), current);
+    expectChanges(*journal, current, {}, {});
 }
 
 TEST_F(ChangeJournalTest, AReadDuringWhichTheWatcherLostEventsLeavesAScanDue) {
@@ -385,19 +385,6 @@ TEST_F(ChangeJournalTest, AScanOnTwoThreadsFindsWhatOneWould) {
     write("home", "new.vcf", card("NEW"));
     expectChanges(*journal, token, {"0", "1", "1051", "2098", "2099", "NEW"}, {"1001"});
     EXPECT_EQ(journal->scan(), 0u);
-}
-
-TEST_F(ChangeJournalTest, OtherWritersTemporariesAndHiddenFilesAreNotCards) {
-    auto journal = open();
-    Token token = journal->currentToken();
-    writeFile(root() / "home" / ".hidden.vcf", card("H1"));
-    writeFile(root() / "home" / "a.vcf.tmp", card("H2"));
-    writeFile(root() / "home" / "a.vcfq8Zr1x", card("H3")); // a vdirsyncer temporary
-    fs::create_directories(root() / ".git");
-    writeFile(root() / ".git" / "b.vcf", card("H5"));
-    fs::create_directories(root() / "home" / "nested.vcf");
-    expectChanges(*journal, token, {}, {});
-    EXPECT_EQ(m_reads, 0);
 }
 
 TEST_F(ChangeJournalTest, HostileFileNamesKeepTheirCardsAcrossReopening) {
@@ -474,23 +461,6 @@ TEST_F(ChangeJournalTest, TokensItCannotServeMeanStartOver) {
     EXPECT_FALSE(journal->changesSince(token).dropEverything());
 }
 
-TEST_F(ChangeJournalTest, TokensOlderThanTheKeptEventsStartOver) {
-    fs::path file = write("home", "a.vcf", card("A"));
-    auto journal = open({.maxEvents = 3});
-    Token oldest = journal->currentToken();
-    journal->recordWrite("A", "home", file);
-    Token edge = journal->currentToken();
-    for (int i = 0; i < 3; ++i) {
-        journal->recordWrite("A", "home", file);
-    }
-    EXPECT_TRUE(journal->changesSince(oldest).dropEverything());
-    expectChanges(*journal, edge, {"A"}, {});
-    // The same holds for the journal read back from its file.
-    auto reopened = open({.maxEvents = 3});
-    EXPECT_TRUE(reopened->changesSince(oldest).dropEverything());
-    expectChanges(*reopened, edge, {"A"}, {});
-}
-
 TEST_F(ChangeJournalTest, ADamagedJournalStartsOverWithoutCrashing) {
     struct Damage {
         const char* name;
@@ -532,34 +502,21 @@ TEST_F(ChangeJournalTest, ADamagedJournalStartsOverWithoutCrashing) {
     }
 }
 
-TEST_F(ChangeJournalTest, TwoProcessesShareOneJournal) {
-    fs::path file = write("home", "a.vcf", card("A"));
-    auto app = open();
-    auto tool = open();
-    Token token = app->currentToken();
-    write("home", "a.vcf", card("A", "Ada Byron"));
-    tool->recordWrite("A", "home", file);
-    // The app learns the write from the file, so its own scan finds nothing new.
-    EXPECT_EQ(app->scan(), 0u);
-    EXPECT_TRUE(tool->lastError().empty()) << tool->lastError();
-    EXPECT_TRUE(app->lastError().empty()) << app->lastError();
-    expectChanges(*app, token, {"A"}, {});
-    fs::remove(file);
-    EXPECT_EQ(app->scan(), 1u);
-    expectChanges(*tool, token, {}, {"A"});
-}
-
+// Only the last events are kept: a token older than them starts over, one
+// just within them is served, here and in a process reading the file.
 TEST_F(ChangeJournalTest, RewritingTheFileKeepsTokensAndPositions) {
     fs::path file = write("home", "a.vcf", card("A"));
     auto journal = open({.maxEvents = 2});
     auto other = open({.maxEvents = 2});
     std::uintmax_t largest = 0;
     std::uintmax_t smallestAfterLargest = 0;
-    Token token;
+    Token old;
+    Token beyond;
+    Token edge;
     for (int i = 0; i < 700; ++i) {
         journal->recordWrite("A", "home", file);
-        if (i == 600) {
-            token = journal->currentToken();
+        if (i == 600 || i == 696 || i == 697) {
+            (i == 600 ? old : i == 696 ? beyond : edge) = journal->currentToken();
         }
         std::uintmax_t size = fs::file_size(journal->journalFile());
         if (size > largest) {
@@ -569,7 +526,12 @@ TEST_F(ChangeJournalTest, RewritingTheFileKeepsTokensAndPositions) {
     }
     // Two live events and one file, after over a thousand records.
     EXPECT_LT(smallestAfterLargest, 400u);
-    EXPECT_TRUE(journal->changesSince(token).dropEverything()); // older than the last two events
+    auto reopened = open({.maxEvents = 2});
+    for (ChangeJournal* reader : {journal.get(), other.get(), reopened.get()}) {
+        EXPECT_TRUE(reader->changesSince(old).dropEverything());
+        EXPECT_TRUE(reader->changesSince(beyond).dropEverything());
+        expectChanges(*reader, edge, {"A"}, {});
+    }
     Token recent = journal->currentToken();
     fs::path b = write("work", "b.vcf", card("B"));
     journal->recordWrite("B", "work", b);

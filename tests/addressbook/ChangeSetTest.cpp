@@ -54,24 +54,12 @@ TEST(ChangeSet, TheLastEventForACardWins) {
     }
 }
 
-TEST(ChangeSet, AccessorsHandOutCopies) {
-    ChangeSet changes;
-    changes.visitAdd("A");
-    std::set<std::string> changed = changes.changed();
-    changes.visitDelete("A");
-    EXPECT_EQ(changed, std::set<std::string>{"A"});
-    EXPECT_TRUE(changes.changed().empty());
-}
-
 TEST(ChangeSet, DropEverythingIsKeptAmongOtherEvents) {
     ChangeSet changes;
     changes.visitAdd("A");
     changes.visitDropEverything();
     changes.visitDelete("B");
     EXPECT_TRUE(changes.dropEverything());
-    EXPECT_FALSE(changes.token().has_value());
-    changes.setToken({1, 2, 3});
-    EXPECT_EQ(changes.token(), (std::vector<std::uint8_t>{1, 2, 3}));
 }
 
 } // namespace

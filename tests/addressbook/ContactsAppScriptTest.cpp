@@ -175,7 +175,6 @@ TEST(ContactsAppScript, QuotingAndLabels) {
     EXPECT_EQ(ContactsAppScript::labelText(""), "other");
     EXPECT_EQ(ContactsAppScript::labelText("_$!<HomeFAX>!$_"), "home fax");
     EXPECT_EQ(ContactsAppScript::labelText("ex-work"), "ex-work");
-    EXPECT_EQ(ContactsAppScript::Failure{"x"}.description(), "Contacts couldn't make the change: x");
 }
 
 // A host that answers as it is told and counts how many scripts run at once.

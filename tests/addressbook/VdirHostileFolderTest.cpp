@@ -14,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
+#include <tuple>
 
 namespace kinbook {
 namespace {
@@ -39,43 +41,57 @@ std::map<std::string, std::string> idsByName(VdirAddressBook& book) {
 }
 
 TEST(VdirHostileFolder, SharedUIDsGetStableIdsThatNeverReachAnotherCard) {
-    // Xavier and Yolanda share a UID; Zed's UID is the id a second file
-    // named "y.vcf" in "a" would be given, so that id must not be made.
-    const std::vector<std::pair<std::string, std::string>> files{{"x.vcf", card("Xavier", "SHARED")},
-                                                                 {"y.vcf", card("Yolanda", "SHARED")},
-                                                                 {"z.vcf", card("Zed", "a-y")}};
+    // Xavier, Yolanda and, in another account, Walter share a UID; Zed's UID
+    // is the id a second file named "y.vcf" in "a" would be given, so that id
+    // must not be made.
+    const std::vector<std::tuple<std::string, std::string, std::string>> files{
+        {"a", "x.vcf", card("Xavier", "SHARED")},
+        {"a", "y.vcf", card("Yolanda", "SHARED")},
+        {"a", "z.vcf", card("Zed", "a-y")},
+        {"b", "w.vcf", card("Walter", "SHARED")}};
     std::optional<std::map<std::string, std::string>> firstIDs;
     for (const bool reversed : {false, true}) {
         SCOPED_TRACE(reversed ? "files made last to first" : "files made first to last");
         TempVdir vdir;
         for (std::size_t k = 0; k < files.size(); ++k) {
-            const auto& [name, bytes] = files[reversed ? files.size() - 1 - k : k];
-            vdir.write("a", name, bytes);
+            const auto& [account, name, bytes] = files[reversed ? files.size() - 1 - k : k];
+            vdir.write(account, name, bytes);
         }
         VdirAddressBook book(vdir.options());
         const auto ids = idsByName(book);
-        ASSERT_EQ(ids.size(), 3u);
-        EXPECT_EQ(ids.at("Xavier"), "SHARED"); // first by name
+        ASSERT_EQ(ids.size(), 4u);
+        EXPECT_EQ(ids.at("Xavier"), "SHARED"); // first by account and name
         EXPECT_EQ(ids.at("Zed"), "a-y");
-        EXPECT_NE(ids.at("Yolanda"), "SHARED");
-        EXPECT_NE(ids.at("Yolanda"), "a-y");
+        const std::set<std::string> distinct{ids.at("Xavier"), ids.at("Yolanda"), ids.at("Zed"),
+                                             ids.at("Walter")};
+        EXPECT_EQ(distinct.size(), 4u);
         if (firstIDs) {
             EXPECT_EQ(ids, *firstIDs);
         }
         firstIDs = ids;
-        EXPECT_EQ(book.loadReport().duplicates,
-                  (std::vector<LoadReport::DuplicateUID>{
-                      {"SHARED", {vdir.root() / "a" / "x.vcf", vdir.root() / "a" / "y.vcf"}}}));
+        EXPECT_EQ(
+            book.loadReport().duplicates,
+            (std::vector<LoadReport::DuplicateUID>{
+                {"SHARED",
+                 {vdir.root() / "a" / "x.vcf", vdir.root() / "a" / "y.vcf", vdir.root() / "b" / "w.vcf"}}}));
         EXPECT_NE(vdir.log().find("\"SHARED\""), std::string::npos);
 
-        // A change aimed at Yolanda writes her card and no other.
-        auto draft = book.draft(ids.at("Yolanda"));
-        ASSERT_TRUE(draft.ok());
-        draft->nickname = "Yo";
-        ASSERT_TRUE(book.save(*draft).ok());
-        EXPECT_NE(readFile(vdir.root() / "a" / "y.vcf").find("NICKNAME:Yo"), std::string::npos);
-        EXPECT_EQ(readFile(vdir.root() / "a" / "x.vcf"), files[0].second);
-        EXPECT_EQ(readFile(vdir.root() / "a" / "z.vcf"), files[2].second);
+        // A change aimed at Yolanda or Walter writes that card and no other.
+        for (const auto& [person, aimed] : {std::pair{"Yolanda", 1u}, std::pair{"Walter", 3u}}) {
+            auto draft = book.draft(ids.at(person));
+            ASSERT_TRUE(draft.ok());
+            draft->nickname = person;
+            ASSERT_TRUE(book.save(*draft).ok());
+            for (std::size_t k = 0; k < files.size(); ++k) {
+                const auto& [account, name, bytes] = files[k];
+                const std::string now = readFile(vdir.root() / account / name);
+                EXPECT_EQ(now.find(std::string("NICKNAME:") + person) != std::string::npos, k == aimed)
+                    << name;
+                if (k == 0 || k == 2) {
+                    EXPECT_EQ(now, bytes) << name; // never aimed at
+                }
+            }
+        }
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <set>
 
 namespace kinbook {
 namespace {
@@ -89,8 +90,8 @@ TEST(VdirLayouts, CardsInTheRootAndCollectionsOneLevelDeeperAreAccounts) {
     ASSERT_TRUE(book.changeAnchor("NC-2", [](KinID::Anchor& anchor) { anchor.hidden = true; }).ok());
     EXPECT_NE(readFile(root / "nextcloud" / "z8f3a" / "NC-2.vcf").find("kinbook://c/"), std::string::npos);
 
-    // A collection that appears while Kinbook runs is an account at once,
-    // and its cards reach the list through a notice.
+    // Made after the read and before the watch: the first notice covers it.
+    fs::remove(root / "family" / "FAM-1.vcf");
     ThreadPool pool(1);
     Notices notices;
     const auto observer = book.observeChanges(pool, notices.callback());
@@ -99,13 +100,19 @@ TEST(VdirLayouts, CardsInTheRootAndCollectionsOneLevelDeeperAreAccounts) {
     auto token = *read->snapshot.historyToken;
     auto first = book.changesSince(token);
     ASSERT_TRUE(first.ok());
+    EXPECT_EQ(first->deleted, std::set<std::string>{"FAM-1"});
     token = *first->token;
 
+    // A collection that appears while Kinbook runs is an account at once,
+    // and its cards reach the list through a notice: here written as sync
+    // tools write, a temporary renamed into place.
     int seen = notices.count();
     fs::create_directories(root / "nextcloud" / "new-book");
     ASSERT_TRUE(notices.waitBeyond(seen));
     seen = notices.count();
-    writeFile(root / "nextcloud" / "new-book" / "NEW-1.vcf", card("NEW-1", "Newcomer"));
+    writeFile(root / "nextcloud" / "new-book" / ".NEW-1.vcf.tmp", card("NEW-1", "Newcomer"));
+    fs::rename(root / "nextcloud" / "new-book" / ".NEW-1.vcf.tmp",
+               root / "nextcloud" / "new-book" / "NEW-1.vcf");
     ASSERT_TRUE(notices.waitBeyond(seen));
     auto changes = book.changesSince(token);
     ASSERT_TRUE(changes.ok());
@@ -117,7 +124,7 @@ TEST(VdirLayouts, CardsInTheRootAndCollectionsOneLevelDeeperAreAccounts) {
               accounts.end());
     token = *changes->token;
 
-    // A card written straight into the root is heard of too.
+    // A card written in place, straight into the root, is heard of too.
     seen = notices.count();
     writeFile(root / "ROOT-2.vcf", card("ROOT-2", "Rooted Too"));
     ASSERT_TRUE(notices.waitBeyond(seen));
