@@ -1,6 +1,7 @@
 #include "KinbookKit/vcard/CardReader.h"
 
 #include "KinbookKit/records/KinID.h"
+#include "KinbookKit/vcard/CardLabels.h"
 #include "KinbookKit/vcard/EntryRegistry.h"
 #include "tests/support/Files.h"
 
@@ -11,6 +12,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 
 namespace kinbook {
 namespace {
@@ -133,14 +135,12 @@ TEST(CardReader, ReadsTheRealSamplesOfEachDialect) {
 
     const auto fullcontact = read(sample("fullcontact-v4--fullcontact.vcf"));
     EXPECT_FALSE(fullcontact.givenName.empty() && fullcontact.familyName.empty());
-}
 
-TEST(CardReader, DecodesAndroid21QuotedPrintable) {
-    auto cards = VCard::parseAll(readFile(kSamples / "android-v21--John_Doe_ANDROID.vcf")).value();
-    ASSERT_GE(cards.size(), 3u);
-    const auto contact = read(cards[2]);
-    EXPECT_EQ(contact.familyName, "Ñ Ñ Ñ Ñ ");
-    EXPECT_EQ(labelled(contact.phones), (Pairs{{"mobile", "123456789"}}));
+    // Android's 2.1 quoted-printable, in the third card of its export.
+    const auto android = VCard::parseAll(readFile(kSamples / "android-v21--John_Doe_ANDROID.vcf")).value();
+    ASSERT_GE(android.size(), 3u);
+    EXPECT_EQ(read(android[2]).familyName, "Ñ Ñ Ñ Ñ ");
+    EXPECT_EQ(labelled(read(android[2]).phones), (Pairs{{"mobile", "123456789"}}));
 }
 
 TEST(CardReader, ReadsBirthdaysInEveryForm) {
@@ -312,6 +312,93 @@ TEST(CardReader, MakesSafeStableIDsFromFileNames) {
             << name;
     }
     EXPECT_EQ(cardIDOf(card("UID:   \r\nN:A;B\r\n"), "x y.vcf"), cardIDFromFileName("x y.vcf"));
+}
+
+// The label of the first property named `property` among `lines`.
+std::string labelOf(const std::string& lines, const char* property, const char* version) {
+    const VCard source = card("FN:X\r\n" + lines, version);
+    const VCardProperty* found = source.first(property);
+    EXPECT_NE(found, nullptr) << lines;
+    return found ? readLabel(source, *found) : std::string("<none>");
+}
+
+struct LabelCase {
+    const char* lines;
+    const char* property;
+    const char* label;
+    const char* version = "3.0";
+};
+
+TEST(CardLabels, ReadsTheLabelOfEachKindFromGroupLabelOrTypes) {
+    const LabelCase cases[] = {
+        // Phones, from their TYPE values.
+        {"TEL;type=CELL;type=VOICE;type=pref:1\r\n", "TEL", "_$!<Mobile>!$_"},
+        {"TEL;type=IPHONE;type=CELL;type=VOICE:1\r\n", "TEL", "iPhone"},
+        {"TEL;TYPE=HOME;TYPE=VOICE:1\r\n", "TEL", "_$!<Home>!$_"},
+        {"TEL;TYPE=\"HOME,VOICE\":1\r\n", "TEL", "_$!<Home>!$_"},
+        {"TEL;TYPE=WORK:1\r\n", "TEL", "_$!<Work>!$_"},
+        {"TEL;TYPE=WORK;TYPE=CELL:1\r\n", "TEL", "_$!<Work>!$_"},
+        {"TEL;TYPE=MAIN:1\r\n", "TEL", "_$!<Main>!$_"},
+        {"TEL;TYPE=PAGER;TYPE=WORK:1\r\n", "TEL", "_$!<Pager>!$_"},
+        {"TEL;TYPE=HOME;TYPE=FAX:1\r\n", "TEL", "_$!<HomeFAX>!$_"},
+        {"TEL;TYPE=fax;TYPE=work:1\r\n", "TEL", "_$!<WorkFAX>!$_"},
+        {"TEL;TYPE=OTHER;TYPE=VOICE:1\r\n", "TEL", "_$!<Other>!$_"},
+        {"TEL;TYPE=VOICE;TYPE=PREF:1\r\n", "TEL", "_$!<Other>!$_"},
+        {"TEL:1\r\n", "TEL", "_$!<Other>!$_"},
+        {"TEL;TYPE=CAR:1\r\n", "TEL", "car"},
+        {"TEL;PREF=1;TYPE=cell:1\r\n", "TEL", "_$!<Mobile>!$_"},
+        // 2.1 cards name their types without "TYPE="; Android writes a custom
+        // label as a nameless X- word.
+        {"TEL;CELL;VOICE:1\r\n", "TEL", "_$!<Mobile>!$_", "2.1"},
+        {"TEL;WORK;FAX:1\r\n", "TEL", "_$!<WorkFAX>!$_", "2.1"},
+        {"EMAIL;PREF;INTERNET:a@b.c\r\n", "EMAIL", "_$!<Other>!$_", "2.1"},
+        {"TEL;X-Gym:1\r\n", "TEL", "Gym", "2.1"},
+        // The group's label wins over the types.
+        {"item1.TEL;type=CELL:1\r\nitem1.X-ABLabel:ex-work\r\n", "TEL", "ex-work"},
+        {"item1.TEL:1\r\nITEM1.X-ABLABEL:_$!<School>!$_\r\n", "TEL", "_$!<School>!$_"},
+        {"item2.TEL:1\r\nitem2.X-ABLabel:_$!<AssistantPhone>!$_\r\n", "TEL", "_$!<AssistantPhone>!$_"},
+        {"item1.IMPP:x-apple:a\r\nitem1.X-ABLabel:Other\r\n", "IMPP", "_$!<Other>!$_"},
+        {"item1.EMAIL;type=INTERNET:a@b.c\r\nitem1.X-ABLabel:iCloud\r\n", "EMAIL", "iCloud"},
+        {"item1.TEL:1\r\nitem1.X-ABLabel:GRAND_CENTRAL\r\n", "TEL", "GRAND_CENTRAL"},
+        {"item1.TEL:1\r\nitem1.X-ABLabel:Mike\\, custom: IM\r\n", "TEL", "Mike, custom: IM"},
+        // A group without a label falls back to the TYPE values.
+        {"item1.EMAIL;type=WORK:a@b.c\r\n", "EMAIL", "_$!<Work>!$_"},
+        {"item1.TEL;type=HOME:1\r\nitem1.X-ABLabel:\r\n", "TEL", "_$!<Home>!$_"},
+        // The label of another group says nothing about this entry.
+        {"TEL;type=HOME:1\r\nitem1.X-ABLabel:Gym\r\n", "TEL", "_$!<Home>!$_"},
+        // Each kind reads its own types.
+        {"EMAIL;TYPE=INTERNET;TYPE=HOME:a@b.c\r\n", "EMAIL", "_$!<Home>!$_"},
+        {"EMAIL;TYPE=INTERNET:a@b.c\r\n", "EMAIL", "_$!<Other>!$_"},
+        {"URL;TYPE=homepage:https://a\r\n", "URL", "_$!<HomePage>!$_"},
+        {"URL:https://a\r\n", "URL", ""},
+        {"URL;TYPE=WORK:https://a\r\n", "URL", "_$!<Work>!$_"},
+        {"ADR;TYPE=HOME;TYPE=POSTAL:;;1 Main St;;;;\r\n", "ADR", "_$!<Home>!$_"},
+        {"ADR;TYPE=PARCEL:;;1 Main St;;;;\r\n", "ADR", "_$!<Other>!$_"},
+        {"X-ABDATE:2000-01-01\r\n", "X-ABDATE", ""},
+        {"X-ANNIVERSARY:2000-01-01\r\n", "X-ANNIVERSARY", "_$!<Anniversary>!$_"},
+        {"RELATED;TYPE=spouse;VALUE=text:Kim\r\n", "RELATED", "_$!<Spouse>!$_"},
+        // A service in TYPE is no label.
+        {"X-SOCIALPROFILE;type=twitter:https://x.com/a\r\n", "X-SOCIALPROFILE", ""},
+        {"IMPP;TYPE=SKYPE;TYPE=HOME:skype:a\r\n", "IMPP", "_$!<Home>!$_"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(labelOf(c.lines, c.property, c.version), c.label) << c.lines;
+    }
+}
+
+TEST(CardLabels, ShowsTokensAsWords) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"_$!<Mobile>!$_", "mobile"},
+        {"_$!<HomeFAX>!$_", "home fax"},
+        {"_$!<AssistantPhone>!$_", "assistant phone"},
+        {"iPhone", "iPhone"},
+        {"ex-work", "ex-work"},
+        {"_$!<>!$_", "_$!<>!$_"},
+        {"", ""},
+    };
+    for (const auto& [label, text] : cases) {
+        EXPECT_EQ(labelDisplayText(label), text) << label;
+    }
 }
 
 } // namespace

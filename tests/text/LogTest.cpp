@@ -1,10 +1,17 @@
-#include "KinbookKit/text/AppLog.h"
+// The app log file behind Help > Show App Log, and the per-area loggers that
+// write each line to it and to the platform log.
 
+#include "KinbookKit/SecureRandom.h"
+#include "KinbookKit/platform/SystemdJournal.h"
+#include "KinbookKit/text/AppLog.h"
+#include "KinbookKit/text/KinLog.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/TempFolder.h"
 
 #include <pwd.h>
 #include <sys/stat.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -14,6 +21,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -99,8 +107,7 @@ protected:
     TempFolder m_folder;
 };
 
-// A clock that notes the thread reading it, and fails its first reading
-// when asked to.
+// A clock that notes the thread reading it, and fails its first reading.
 class ProbeClock final : public Clock {
 public:
     explicit ProbeClock(bool failFirst) : m_failFirst(failFirst) {}
@@ -178,18 +185,6 @@ TEST(AppLogLocation, FollowsXdgStateHomeElseTheHomeFolderFromTheUserDatabase) {
     }
 }
 
-TEST_F(AppLogTest, AppendsTimeCategoryAndMessageAsOneLine) {
-    writeFile(file(), "earlier line\n");
-    {
-        AppLog log(file(), m_clock);
-        log.write("list", "load: 1204 people in 85 ms");
-        log.write("search", "search: Émile 3 ms");
-        log.flush();
-        EXPECT_EQ(readFile(file()), "earlier line\n" + line("list", "load: 1204 people in 85 ms") +
-                                        line("search", "search: Émile 3 ms"));
-    }
-}
-
 TEST_F(AppLogTest, CreatesTheMissingFolderPrivateToTheUser) {
     const fs::path nested = m_folder / "state" / "kinbook" / "app.log";
     AppLog log(nested, m_clock);
@@ -201,15 +196,6 @@ TEST_F(AppLogTest, CreatesTheMissingFolderPrivateToTheUser) {
     EXPECT_EQ(fs::status(nested).permissions() & fs::perms::all,
               fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(fs::status(nested.parent_path()).permissions() & fs::perms::all, fs::perms::owner_all);
-}
-
-TEST_F(AppLogTest, WritesOnItsOwnThreadNotTheCallers) {
-    ProbeClock clock(false);
-    AppLog log(file(), clock);
-    log.write("list", "step");
-    log.flush();
-    EXPECT_NE(clock.reader(), std::thread::id{});
-    EXPECT_NE(clock.reader(), std::this_thread::get_id());
 }
 
 TEST_F(AppLogTest, KeepsTheOrderOfEachThreadsLinesWithNoneLostOrTorn) {
@@ -292,13 +278,152 @@ TEST_F(AppLogTest, UnwritableLocationsLoseTheLineQuietly) {
     EXPECT_TRUE(fs::is_directory(file()));
     EXPECT_TRUE(fs::is_empty(file()));
 
-    // A clock that throws loses its line, and the writer goes on.
+    // A clock that throws loses its line, and the writer goes on. The clock
+    // is read on the writer's own thread, never the caller's.
     ProbeClock failing(true);
     AppLog throwing(m_folder / "other.log", failing);
     throwing.write("list", "lost");
     throwing.write("list", "kept");
     throwing.flush();
     EXPECT_EQ(readFile(m_folder / "other.log"), line("list", "kept"));
+    EXPECT_NE(failing.reader(), std::thread::id{});
+    EXPECT_NE(failing.reader(), std::this_thread::get_id());
+}
+
+// ---------------------------------------------------------------------------
+// KinLog
+
+struct PlatformLine {
+    LogLevel level;
+    std::string category;
+    std::string message;
+    bool operator==(const PlatformLine&) const = default;
+};
+
+void PrintTo(const PlatformLine& line, std::ostream* out) {
+    *out << (line.level == LogLevel::error ? "error" : "info") << " [" << line.category << "] "
+         << line.message;
+}
+
+class CapturingPlatformLog final : public PlatformLog {
+public:
+    void write(LogLevel level, std::string_view category, std::string_view message) override {
+        std::lock_guard lock(m_mutex);
+        m_lines.push_back({level, std::string(category), std::string(message)});
+    }
+    std::vector<PlatformLine> lines() const {
+        std::lock_guard lock(m_mutex);
+        return m_lines;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<PlatformLine> m_lines;
+};
+
+class ThrowingPlatformLog final : public PlatformLog {
+public:
+    void write(LogLevel, std::string_view, std::string_view) override { throw std::runtime_error("journal"); }
+};
+
+// Puts the process-wide platform log back to none, whatever the test did.
+struct ProcessPlatformLogReset {
+    ~ProcessPlatformLogReset() { KinLog::setPlatformLog(nullptr); }
+};
+
+// A logger over the app log above and a platform log that keeps its lines.
+class KinLogTest : public AppLogTest {
+protected:
+    std::string fileText() {
+        m_file.flush();
+        return readFile(file());
+    }
+
+    AppLog m_file{file(), m_clock};
+    CapturingPlatformLog m_platform;
+};
+
+TEST_F(KinLogTest, PlatformLogGetsRedactedLinesAtOnceAndTheFileWholeOnes) {
+    const KinLog log("search", m_file, m_platform);
+    log.info("load: 1204 people in 85 ms");
+    log.error("restore: Ada Lovelace: the file is damaged");
+    log.info(LogMessage("search: ").privateText("Émile Zola").publicText(" 12 ms"));
+    log.error(
+        LogMessage("search: ").privateText("a").publicText(" then ").privateText("b").publicText(" failed"));
+    EXPECT_EQ(m_platform.lines(),
+              (std::vector<PlatformLine>{
+                  {LogLevel::info, "search", "load: 1204 people in 85 ms"},
+                  {LogLevel::error, "search", "restore: Ada Lovelace: the file is damaged"},
+                  {LogLevel::info, "search", "search: <private> 12 ms"},
+                  {LogLevel::error, "search", "search: <private> then <private> failed"},
+              }));
+    EXPECT_EQ(fileText(), line("search", "load: 1204 people in 85 ms") +
+                              line("search", "ERROR restore: Ada Lovelace: the file is damaged") +
+                              line("search", "search: Émile Zola 12 ms") +
+                              line("search", "ERROR search: a then b failed"));
+}
+
+TEST_F(KinLogTest, ProcessWidePlatformLogServesLoggersMadeBeforeIt) {
+    ProcessPlatformLogReset reset;
+    const KinLog log("list", m_file); // made before the platform log is installed, as statics are
+    log.info("before");
+    KinLog::setPlatformLog(&m_platform);
+    log.info("during");
+    KinLog::setPlatformLog(nullptr);
+    log.info("after");
+    EXPECT_EQ(m_platform.lines(), (std::vector<PlatformLine>{{LogLevel::info, "list", "during"}}));
+    EXPECT_EQ(fileText(), line("list", "before") + line("list", "during") + line("list", "after"));
+}
+
+TEST_F(KinLogTest, AFailingPlatformLogDoesNotCostTheFileLine) {
+    ThrowingPlatformLog throwing;
+    const KinLog log("list", m_file, throwing);
+    log.error("save: failed");
+    EXPECT_EQ(fileText(), line("list", "ERROR save: failed"));
+}
+
+// Against the real journal, where this machine runs one.
+TEST_F(KinLogTest, JournalEntriesCarryIdentifierCategoryPriorityAndRedaction) {
+    if (!SystemdJournal::isRunning()) {
+        GTEST_SKIP() << "no systemd journal runs on this machine";
+    }
+    sd_journal* journal = nullptr;
+    if (sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0) {
+        GTEST_SKIP() << "the journal cannot be read by this user";
+    }
+    struct Closer {
+        sd_journal* journal;
+        ~Closer() { sd_journal_close(journal); }
+    } closer{journal};
+    ASSERT_GE(sd_journal_seek_tail(journal), 0);
+    ASSERT_GE(sd_journal_previous(journal), 0);
+
+    const std::string category = "test-" + makeUUID();
+    ASSERT_GE(sd_journal_add_match(journal, ("KINBOOK_CATEGORY=" + category).c_str(), 0), 0);
+    SystemdJournal platform;
+    const KinLog log(category, m_file, platform);
+    log.error(LogMessage("search: ").privateText("secret query"));
+
+    auto field = [&](const char* name) {
+        const void* data = nullptr;
+        size_t length = 0;
+        if (sd_journal_get_data(journal, name, &data, &length) < 0) {
+            return std::string();
+        }
+        std::string text(static_cast<const char*>(data), length);
+        return text.substr(text.find('=') + 1);
+    };
+    const auto deadline = steady_clock::now() + 10s;
+    while (sd_journal_next(journal) <= 0) {
+        if (steady_clock::now() > deadline) {
+            GTEST_SKIP() << "the entry was sent but this user cannot read it back";
+        }
+        sd_journal_wait(journal, 500'000);
+    }
+    EXPECT_EQ(field("MESSAGE"), "search: <private>");
+    EXPECT_EQ(field("PRIORITY"), std::to_string(LOG_ERR));
+    EXPECT_EQ(field("SYSLOG_IDENTIFIER"), "kinbook");
+    EXPECT_EQ(fileText(), line(category, "ERROR search: secret query"));
 }
 
 } // namespace
