@@ -2,6 +2,7 @@
 
 #include "KinbookKit/addressbook/ContactsAppScript.h"
 #include "KinbookKit/people/PeopleMerge.h"
+#include "tests/people/ForwardingBook.h"
 #include "tests/support/Files.h"
 #include "tests/support/ScriptedBook.h"
 #include "tests/support/TempVdir.h"
@@ -287,120 +288,54 @@ TEST_F(MergeTest, TheChosenPictureLeadsOnEveryKeptCardAndEveryPictureIsKept) {
 
 // Fails the n-th change the merge asks of the store, as a full disk or a
 // sync run holding a file would.
-class FailingBook final : public AddressBook {
+class FailingBook final : public testing::ForwardingBook {
 public:
-    FailingBook(AddressBook& inner, int failAt) : m_inner(inner), m_failAt(failAt) {}
+    FailingBook(AddressBook& inner, int failAt) : ForwardingBook(inner), m_failAt(failAt) {}
     int changes = 0;
 
-    AddressBookAccess access() override { return m_inner.access(); }
-    AddressBookAccess requestAccess() override { return m_inner.requestAccess(); }
-    Result<std::vector<Account>, AddressBookError> accounts() override { return m_inner.accounts(); }
-    std::optional<std::string> defaultAccountID() override { return m_inner.defaultAccountID(); }
-    Result<FullRead, AddressBookError> readAll(const ReadOptions& options) override {
-        return m_inner.readAll(options);
-    }
-    Result<AddressBookChanges, AddressBookError> changesSince(std::span<const std::uint8_t> token) override {
-        return m_inner.changesSince(token);
-    }
-    Result<std::vector<Person>, AddressBookError> readPeople(std::span<const std::string> ids) override {
-        return m_inner.readPeople(ids);
-    }
-    Result<std::vector<std::string>, AddressBookError> allCardIDs() override { return m_inner.allCardIDs(); }
-    Result<ContactCard, AddressBookError> card(std::string_view id) override { return m_inner.card(id); }
-    Result<ContactDraft, AddressBookError> draft(std::string_view id) override { return m_inner.draft(id); }
-    Result<std::vector<CardRef>, AddressBookError> cardsOf(std::string_view id) override {
-        return m_inner.cardsOf(id);
-    }
     Result<SaveOutcome, AddressBookError> save(const ContactDraft& draft) override {
-        if (fails()) {
-            return failure(disk());
-        }
-        return m_inner.save(draft);
+        return fails() ? failure(disk()) : ForwardingBook::save(draft);
     }
     Result<void, AddressBookError> writeThroughContactsApp(const SaveOutcome& outcome) override {
-        if (fails()) {
-            return failure(disk());
-        }
-        return m_inner.writeThroughContactsApp(outcome);
+        return fails() ? failure(disk()) : ForwardingBook::writeThroughContactsApp(outcome);
     }
     Result<void, AddressBookError> remove(std::span<const std::string> ids) override {
-        if (fails()) {
-            return failure(disk());
-        }
-        return m_inner.remove(ids);
-    }
-    Result<std::string, AddressBookError> exportVCards(std::span<const std::string> ids) override {
-        return m_inner.exportVCards(ids);
-    }
-    Result<std::vector<std::string>, AddressBookError>
-    importVCards(std::string_view vcards, std::optional<std::string> account) override {
-        return m_inner.importVCards(vcards, std::move(account));
+        return fails() ? failure(disk()) : ForwardingBook::remove(ids);
     }
     Result<KinID::Anchor, AddressBookError>
     changeAnchor(std::string_view id, const std::function<void(KinID::Anchor&)>& change) override {
-        if (fails()) {
-            return failure(disk());
-        }
-        return m_inner.changeAnchor(id, change);
+        return fails() ? failure(disk()) : ForwardingBook::changeAnchor(id, change);
     }
     Result<void, AddressBookError> setPhoto(std::span<const std::string> ids,
                                             std::span<const std::uint8_t> jpeg) override {
-        if (fails()) {
-            return failure(disk());
-        }
-        return m_inner.setPhoto(ids, jpeg);
+        return fails() ? failure(disk()) : ForwardingBook::setPhoto(ids, jpeg);
     }
-    Result<bool, AddressBookError> copyPhoto(std::string_view from, std::string_view to) override {
-        return m_inner.copyPhoto(from, to);
-    }
-    std::map<std::string, std::vector<std::uint8_t>> thumbnails(std::span<const std::string> ids) override {
-        return m_inner.thumbnails(ids);
-    }
-    Result<std::optional<std::vector<std::uint8_t>>, AddressBookError> image(std::string_view id) override {
-        return m_inner.image(id);
-    }
-    std::size_t restoreHeldNotes() override { return m_inner.restoreHeldNotes(); }
-    Result<ChangeObserverID, std::string> observeChanges(Executor& executor,
-                                                         std::function<void()> onChange) override {
-        return m_inner.observeChanges(executor, std::move(onChange));
-    }
-    void stopObserving(ChangeObserverID observer) override { m_inner.stopObserving(observer); }
 
 private:
     bool fails() { return ++changes == m_failAt; }
     static AddressBookError disk() { return AddressBookError::store("No space left on device"); }
 
-    AddressBook& m_inner;
     int m_failAt;
 };
 
 TEST_F(MergeTest, AMergeStoppedAtAnyStepSaysWhichAndARetryFinishesIt) {
-    // A clean run counts the changes a merge makes; each is then failed in turn.
-    int changes = 0;
-    {
-        TempVdir probe;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_vdir.root())) {
-            if (entry.is_regular_file()) {
-                const auto relative = std::filesystem::relative(entry.path(), m_vdir.root());
-                probe.write(relative.parent_path().string(), relative.filename().string(),
-                            readFile(entry.path()));
-            }
-        }
-        auto options = probe.options();
-        options.notesLocked = true;
-        ScriptedBook scripted(options);
-        FailingBook counting(scripted.book, 0);
-        const auto cards = remaining();
-        ASSERT_TRUE(
-            runMerge(counting, cards, choicesFor(scripted.book, scripted, cards), *probe.kinLog()).ok());
-        changes = counting.changes;
-    }
-    ASSERT_GE(changes, 5);
-
     const auto originals =
         std::map<std::string, std::string>{{"icloud/A.vcf", readFile(m_vdir.root() / "icloud" / "A.vcf")},
                                            {"icloud/B.vcf", readFile(m_vdir.root() / "icloud" / "B.vcf")},
                                            {"gmail/C.vcf", readFile(m_vdir.root() / "gmail" / "C.vcf")}};
+    // A clean run counts the changes a merge makes; each is then failed in
+    // turn, on the cards as they were.
+    int changes = 0;
+    {
+        ScriptedBook scripted(lockedOptions());
+        FailingBook counting(scripted.book, 0);
+        const auto cards = remaining();
+        ASSERT_TRUE(
+            runMerge(counting, cards, choicesFor(scripted.book, scripted, cards), *m_vdir.kinLog()).ok());
+        changes = counting.changes;
+    }
+    ASSERT_GE(changes, 5);
+
     std::set<std::string> steps;
     for (int failAt = 1; failAt <= changes; ++failAt) {
         SCOPED_TRACE(failAt);

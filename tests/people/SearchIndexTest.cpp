@@ -41,7 +41,7 @@ TEST(SearchIndexTest, FindsBytesExactlyWhereAPlainSearchDoes) {
     EXPECT_EQ(findBytes("", "a"), std::string_view::npos);
 }
 
-TEST(SearchIndexTest, MatchesWhatTheQueryItselfSaysOfEveryPerson) {
+TEST(SearchIndexTest, KnowsItsPeopleAndMatchesWhatTheQueryItselfSaysOfEach) {
     const std::vector<PersonPtr> people = {
         personNamed("Ann", "Smith", "", {"ann@example.com"}, {"+1 (555) 010-0199"}),
         personNamed("Bob", "Smithers", "Annex Corp"),
@@ -56,8 +56,13 @@ TEST(SearchIndexTest, MatchesWhatTheQueryItselfSaysOfEveryPerson) {
         EXPECT_EQ(index.positionOf(people[position].get()), position);
         EXPECT_EQ(index.searchText(position), people[position]->searchText());
     }
-    Person stranger;
-    EXPECT_EQ(index.positionOf(&stranger), std::nullopt);
+    // Sections name their people by position only when the index knows them all.
+    const auto stranger = personNamed("Cy", "Cole");
+    EXPECT_EQ(index.positionOf(stranger.get()), std::nullopt);
+    EXPECT_EQ(index.positionsOf(std::vector<Section>{{"B", {people[1].get()}}, {"S", {people[0].get()}}}),
+              (std::vector<std::uint32_t>{1, 0}));
+    EXPECT_EQ(index.positionsOf(std::vector<Section>{{"A", {people[0].get()}}, {"C", {stranger.get()}}}),
+              std::nullopt);
 
     // Bob's past job; everyone else has none.
     const std::string pastJob = fold("Analyst, Initech");
@@ -95,16 +100,6 @@ TEST(SearchIndexTest, MatchesWhatTheQueryItselfSaysOfEveryPerson) {
             }
         }
     }
-}
-
-TEST(SearchIndexTest, PositionsOfSectionsNeedEveryPersonKnown) {
-    const std::vector<PersonPtr> people = {personNamed("Ann", "Smith"), personNamed("Bob", "Brown")};
-    const SearchIndex index(people);
-    const std::vector<Section> sections = {{"B", {people[1].get()}}, {"S", {people[0].get()}}};
-    EXPECT_EQ(index.positionsOf(sections), (std::vector<std::uint32_t>{1, 0}));
-    const auto stranger = personNamed("Cy", "Cole");
-    const std::vector<Section> withStranger = {{"C", {stranger.get()}}};
-    EXPECT_EQ(index.positionsOf(withStranger), std::nullopt);
 }
 
 } // namespace

@@ -57,115 +57,113 @@ Shape build(SortOrder order, const std::vector<PersonPtr>& people, bool descendi
     return shapeOf(inDirection(buildSections(order, people), descending));
 }
 
-TEST(Sections, LastNameFilesByFoldedLetterAndGathersEveryHashIntoOneSection) {
-    const std::vector<PersonPtr> people{
-        make({"zola", "Émile", "Zola"}), make({"3m", "", "3M"}),          make({"elodie", "Zoë", "Élodie"}),
-        make({"orsted", "", "Ørsted"}),  make({"adams", "Ann", "adams"}), make({"Adams2", "Ann", "Adams"}),
-        make({"zhou", "", "周"}),
-    };
-    // Digits sort before letters and non-Latin letters after them, yet both
-    // file under the one "#" section, created where the first of them sorts.
-    // The two Ann Adamses have equal keys and keep the order they came in.
-    // Ø is typed, and filed, as O.
-    EXPECT_EQ(build(SortOrder::lastName, people), (Shape{{"#", {"3m", "zhou"}},
-                                                         {"A", {"adams", "Adams2"}},
-                                                         {"E", {"elodie"}},
-                                                         {"O", {"orsted"}},
-                                                         {"Z", {"zola"}}}));
-    EXPECT_EQ(build(SortOrder::lastName, people, true), (Shape{{"Z", {"zola"}},
-                                                               {"O", {"orsted"}},
-                                                               {"E", {"elodie"}},
-                                                               {"A", {"Adams2", "adams"}},
-                                                               {"#", {"zhou", "3m"}}}));
-}
-
-TEST(Sections, FirstNameBreaksTiesBySortKey) {
-    const std::vector<PersonPtr> people{
-        make({"ann-b", "Ann", "Brown"}), make({"bo", "Bo", "Andersson"}), make({"ann-a", "Ann", "Abbott"}),
-        make({"acme", "", "", {"+1 212 555 0100"}}), // no names: the phone stands in and files under "#"
-    };
-    EXPECT_EQ(build(SortOrder::firstName, people),
-              (Shape{{"#", {"acme"}}, {"A", {"ann-a", "ann-b"}}, {"B", {"bo"}}}));
-}
-
-TEST(Sections, CircleRunsFromClosestWithNoCircleLast) {
-    const std::vector<PersonPtr> people{
-        make({"none", "Ann", "Able"}),
-        make({"friend-b", "Bea", "Brown", {}, {}, ContactCircle::friends}),
-        make({"closest", "Cy", "Cole", {}, {}, ContactCircle::closest}),
-        make({"friend-a", "Al", "Adams", {}, {}, ContactCircle::friends}),
-        make({"acquaintance", "Di", "Ames", {}, {}, ContactCircle::acquaintance}),
-    };
-    EXPECT_EQ(build(SortOrder::circle, people),
-              (Shape{{std::string(circleTitle(ContactCircle::closest)), {"closest"}},
-                     {std::string(circleTitle(ContactCircle::friends)), {"friend-a", "friend-b"}},
-                     {std::string(circleTitle(ContactCircle::acquaintance)), {"acquaintance"}},
-                     {"No Circle", {"none"}}}));
-}
-
-TEST(Sections, AreaCodeClassesPutInternationalAfterNationalThenOtherNumbersThenNoPhone) {
-    const std::vector<PersonPtr> people{
-        make({"no-phone", "Al", "Adams"}),
-        make({"uk", "Bea", "Brown", {"+44 20 7946 0958"}}),
-        make({"short", "Cy", "Cole", {"12"}}),
-        make({"ny-single", "Di", "Dunn", {"(212) 555-0100"}}),
-        make({"ny-then-sf", "Ed", "Eve", {"212-555-0101", "+1 415 555 0102"}}),
-        make({"ny-then-la", "Flo", "Fox", {"212 555 0103", "213 555 0104"}}),
-        make({"sf", "Gus", "Gray", {"415.555.0105"}}),
-    };
+// Each order with people that tell its rules apart, and the sections they
+// make ascending and, where the direction is more than the reverse, descending.
+TEST(Sections, EachOrderFilesAndRanksPeopleByItsOwnRule) {
+    const auto circle = [](ContactCircle c) { return std::string(circleTitle(c)); };
     const auto ny = AreaCodes::label("212");
     ASSERT_NE(ny, "212") << "the label names the place";
-    // Within 212: a second code sorts the people, and the one with a single
-    // code comes after both.
-    EXPECT_EQ(build(SortOrder::areaCode, people), (Shape{{ny, {"ny-then-la", "ny-then-sf", "ny-single"}},
-                                                         {AreaCodes::label("415"), {"sf"}},
-                                                         {AreaCodes::label("+44"), {"uk"}},
-                                                         {"Other Numbers", {"short"}},
-                                                         {"No Phone", {"no-phone"}}}));
-}
-
-TEST(Sections, ZipFilesPlusFourCodesUnderTheirFirstPartAndPeopleWithoutOneLast) {
-    const std::vector<PersonPtr> people{
-        make({"no-address", "Al", "Adams"}),
-        make({"plus-four", "Bea", "Brown", {}, {"94103-1234", "10001"}}),
-        make({"plain", "Ann", "Able", {}, {"94103"}}),
-        make({"london", "Cy", "Cole", {}, {"sw1a 1aa"}}),
-        make({"new-york", "Di", "Dunn", {}, {"10001"}}),
+    struct Case {
+        const char* what;
+        SortOrder order;
+        std::vector<PersonPtr> people;
+        Shape ascending;
+        Shape descending = {};
     };
-    EXPECT_EQ(build(SortOrder::zip, people), (Shape{{"10001", {"new-york"}},
-                                                    {"94103", {"plain", "plus-four"}},
-                                                    {"SW1A 1AA", {"london"}},
-                                                    {"No Address", {"no-address"}}}));
-    EXPECT_EQ(build(SortOrder::zip, people, true), (Shape{{"No Address", {"no-address"}},
-                                                          {"SW1A 1AA", {"london"}},
-                                                          {"94103", {"plus-four", "plain"}},
-                                                          {"10001", {"new-york"}}}));
-}
-
-TEST(Sections, CompletenessCountsFieldsMostFirst) {
-    const std::vector<PersonPtr> people{
-        make({"empty", "", "Empty", {}, {}, {}, 0}),       make({"one", "", "One", {}, {}, {}, 1}),
-        make({"twelve-b", "B", "Twelve", {}, {}, {}, 12}), make({"two", "", "Two", {}, {}, {}, 2}),
-        make({"twelve-a", "A", "Twelve", {}, {}, {}, 12}),
+    const Case cases[] = {
+        // Digits sort before letters and non-Latin letters after them, yet
+        // both file under the one "#" section, created where the first of
+        // them sorts. The two Ann Adamses have equal keys and keep the order
+        // they came in. Ø is typed, and filed, as O.
+        {"last name",
+         SortOrder::lastName,
+         {make({"zola", "Émile", "Zola"}), make({"3m", "", "3M"}), make({"elodie", "Zoë", "Élodie"}),
+          make({"orsted", "", "Ørsted"}), make({"adams", "Ann", "adams"}), make({"Adams2", "Ann", "Adams"}),
+          make({"zhou", "", "周"})},
+         {{"#", {"3m", "zhou"}},
+          {"A", {"adams", "Adams2"}},
+          {"E", {"elodie"}},
+          {"O", {"orsted"}},
+          {"Z", {"zola"}}},
+         {{"Z", {"zola"}},
+          {"O", {"orsted"}},
+          {"E", {"elodie"}},
+          {"A", {"Adams2", "adams"}},
+          {"#", {"zhou", "3m"}}}},
+        // Ties broken by the sort key; with no names the phone stands in and files under "#".
+        {"first name",
+         SortOrder::firstName,
+         {make({"ann-b", "Ann", "Brown"}), make({"bo", "Bo", "Andersson"}), make({"ann-a", "Ann", "Abbott"}),
+          make({"acme", "", "", {"+1 212 555 0100"}})},
+         {{"#", {"acme"}}, {"A", {"ann-a", "ann-b"}}, {"B", {"bo"}}}},
+        {"circle, from the closest, no circle last",
+         SortOrder::circle,
+         {make({"none", "Ann", "Able"}), make({"friend-b", "Bea", "Brown", {}, {}, ContactCircle::friends}),
+          make({"closest", "Cy", "Cole", {}, {}, ContactCircle::closest}),
+          make({"friend-a", "Al", "Adams", {}, {}, ContactCircle::friends}),
+          make({"acquaintance", "Di", "Ames", {}, {}, ContactCircle::acquaintance})},
+         {{circle(ContactCircle::closest), {"closest"}},
+          {circle(ContactCircle::friends), {"friend-a", "friend-b"}},
+          {circle(ContactCircle::acquaintance), {"acquaintance"}},
+          {"No Circle", {"none"}}}},
+        // International after national, then other numbers, then no phone;
+        // within 212 a second code sorts the people, and the one with a
+        // single code comes after both.
+        {"area code",
+         SortOrder::areaCode,
+         {make({"no-phone", "Al", "Adams"}), make({"uk", "Bea", "Brown", {"+44 20 7946 0958"}}),
+          make({"short", "Cy", "Cole", {"12"}}), make({"ny-single", "Di", "Dunn", {"(212) 555-0100"}}),
+          make({"ny-then-sf", "Ed", "Eve", {"212-555-0101", "+1 415 555 0102"}}),
+          make({"ny-then-la", "Flo", "Fox", {"212 555 0103", "213 555 0104"}}),
+          make({"sf", "Gus", "Gray", {"415.555.0105"}})},
+         {{ny, {"ny-then-la", "ny-then-sf", "ny-single"}},
+          {AreaCodes::label("415"), {"sf"}},
+          {AreaCodes::label("+44"), {"uk"}},
+          {"Other Numbers", {"short"}},
+          {"No Phone", {"no-phone"}}}},
+        // ZIP+4 codes file under their first part; people without one last.
+        {"zip",
+         SortOrder::zip,
+         {make({"no-address", "Al", "Adams"}),
+          make({"plus-four", "Bea", "Brown", {}, {"94103-1234", "10001"}}),
+          make({"plain", "Ann", "Able", {}, {"94103"}}), make({"london", "Cy", "Cole", {}, {"sw1a 1aa"}}),
+          make({"new-york", "Di", "Dunn", {}, {"10001"}})},
+         {{"10001", {"new-york"}},
+          {"94103", {"plain", "plus-four"}},
+          {"SW1A 1AA", {"london"}},
+          {"No Address", {"no-address"}}},
+         {{"No Address", {"no-address"}},
+          {"SW1A 1AA", {"london"}},
+          {"94103", {"plus-four", "plain"}},
+          {"10001", {"new-york"}}}},
+        {"completeness, most fields first",
+         SortOrder::completeness,
+         {make({"empty", "", "Empty", {}, {}, {}, 0}), make({"one", "", "One", {}, {}, {}, 1}),
+          make({"twelve-b", "B", "Twelve", {}, {}, {}, 12}), make({"two", "", "Two", {}, {}, {}, 2}),
+          make({"twelve-a", "A", "Twelve", {}, {}, {}, 12})},
+         {{"12 fields", {"twelve-a", "twelve-b"}},
+          {"2 fields", {"two"}},
+          {"1 field", {"one"}},
+          {"0 fields", {"empty"}}},
+         {{"0 fields", {"empty"}},
+          {"1 field", {"one"}},
+          {"2 fields", {"two"}},
+          {"12 fields", {"twelve-b", "twelve-a"}}}},
+        // Descending keeps pictures first and runs the names from Z to A.
+        {"photo",
+         SortOrder::photo,
+         {make({"ann", "Ann", "Able", {}, {}, {}, 0, true}), make({"bo", "Bo", "Brown"}),
+          make({"zed", "Zed", "Zulu", {}, {}, {}, 0, true}), make({"cy", "Cy", "Cole"})},
+         {{"Picture", {"ann", "zed"}}, {"No Picture", {"bo", "cy"}}},
+         {{"Picture", {"zed", "ann"}}, {"No Picture", {"cy", "bo"}}}},
     };
-    EXPECT_EQ(build(SortOrder::completeness, people), (Shape{{"12 fields", {"twelve-a", "twelve-b"}},
-                                                             {"2 fields", {"two"}},
-                                                             {"1 field", {"one"}},
-                                                             {"0 fields", {"empty"}}}));
-    EXPECT_EQ(build(SortOrder::completeness, people, true).front().first, "0 fields") << "fewest first";
-}
-
-TEST(Sections, PhotoDescendingKeepsPicturesFirstAndRunsNamesFromZToA) {
-    const std::vector<PersonPtr> people{
-        make({"ann", "Ann", "Able", {}, {}, {}, 0, true}),
-        make({"bo", "Bo", "Brown"}),
-        make({"zed", "Zed", "Zulu", {}, {}, {}, 0, true}),
-        make({"cy", "Cy", "Cole"}),
-    };
-    EXPECT_EQ(build(SortOrder::photo, people),
-              (Shape{{"Picture", {"ann", "zed"}}, {"No Picture", {"bo", "cy"}}}));
-    EXPECT_EQ(build(SortOrder::photo, people, true),
-              (Shape{{"Picture", {"zed", "ann"}}, {"No Picture", {"cy", "bo"}}}));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(build(c.order, c.people), c.ascending);
+        if (!c.descending.empty()) {
+            EXPECT_EQ(build(c.order, c.people, true), c.descending);
+        }
+    }
 }
 
 TEST(Sections, SectionsNameThePeopleTheyWereGiven) {

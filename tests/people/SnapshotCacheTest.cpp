@@ -1,5 +1,6 @@
 #include "KinbookKit/people/SnapshotCache.h"
 
+#include "tests/support/SavedEnvironment.h"
 #include "tests/support/TempFolder.h"
 
 #include <nlohmann/json.hpp>
@@ -7,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
+#include <iterator>
 
 namespace kinbook {
 namespace {
@@ -68,7 +71,10 @@ protected:
     }
 };
 
-TEST_F(SnapshotCacheTest, WritesIntoAFolderThatDoesNotExistYetAndReadsBackEqual) {
+TEST_F(SnapshotCacheTest, WritesIntoAFolderThatDoesNotExistYetReadsBackEqualAndRemoves) {
+    cache.write(AddressBookSnapshot{});
+    EXPECT_EQ(cache.read(), AddressBookSnapshot{});
+
     const auto snapshot = sampleSnapshot();
     cache.write(snapshot);
     const auto read = cache.read();
@@ -78,23 +84,20 @@ TEST_F(SnapshotCacheTest, WritesIntoAFolderThatDoesNotExistYetAndReadsBackEqual)
     ASSERT_EQ(read->people.size(), 2u);
     EXPECT_EQ(read->people[0].keys(), snapshot.people[0].keys());
     EXPECT_EQ(read->people[1].displayName(), "No Name");
-
     // Nothing is left beside the file.
-    int entries = 0;
-    for ([[maybe_unused]] const auto& entry :
-         std::filesystem::directory_iterator(cache.url().parent_path())) {
-        ++entries;
-    }
-    EXPECT_EQ(entries, 1);
-}
+    const auto beside = std::filesystem::directory_iterator(cache.url().parent_path());
+    EXPECT_EQ(std::distance(begin(beside), end(beside)), 1);
 
-TEST_F(SnapshotCacheTest, AnEmptySnapshotReadsBackEmpty) {
-    cache.write(AddressBookSnapshot{});
-    const auto read = cache.read();
-    ASSERT_TRUE(read.has_value());
-    EXPECT_EQ(*read, AddressBookSnapshot{});
-    EXPECT_FALSE(read->historyToken.has_value());
-    EXPECT_FALSE(read->fullReadAt.has_value());
+    // A text that is not UTF-8 is never written: the cache stays as it was.
+    auto damaged = snapshot;
+    damaged.people[1].id = "card-\xff";
+    cache.write(damaged);
+    EXPECT_EQ(cache.read(), snapshot);
+
+    cache.remove();
+    EXPECT_FALSE(std::filesystem::exists(cache.url()));
+    EXPECT_EQ(cache.read(), std::nullopt);
+    cache.remove(); // a missing file is no error
 }
 
 // The file as a general JSON library holds it.
@@ -139,54 +142,35 @@ TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
     ASSERT_TRUE(readText(valid.dump()).has_value());
     ASSERT_TRUE(SnapshotCache::decode(valid.dump() + "\n").has_value()) << "a final line break is no damage";
 
-    auto format9 = valid;
-    format9["format"] = 9;
-    auto formatText = valid;
-    formatText["format"] = "10";
-    auto noFormat = valid;
-    noFormat.erase("format");
-    auto noSnapshot = valid;
-    noSnapshot.erase("snapshot");
-    auto noPeople = valid;
-    noPeople["snapshot"].erase("people");
-    auto noAccounts = valid;
-    noAccounts["snapshot"].erase("accounts");
-    auto accountIDAsNumber = valid;
-    accountIDAsNumber["snapshot"]["accounts"][0]["id"] = 5;
-    auto imageAsText = valid;
-    imageAsText["snapshot"]["people"][0]["hasImage"] = "yes";
-    auto personWithoutID = valid;
-    personWithoutID["snapshot"]["people"][0].erase("id");
-    auto countAsText = valid;
-    countAsText["snapshot"]["people"][0]["filledCount"] = "11";
-    auto hugeCount = valid;
-    hugeCount["snapshot"]["people"][0]["filledCount"] = 1ll << 40;
-    auto someKeysOnly = valid;
-    someKeysOnly["snapshot"]["people"][0].erase("sortKey");
-    auto badToken = valid;
-    badToken["snapshot"]["historyToken"] = "not base64!";
-    auto readTimeAsText = valid;
-    readTimeAsText["snapshot"]["fullReadAt"] = "yesterday";
-
+    // The valid file with one change.
+    const auto with = [&](const std::function<void(nlohmann::json&)>& change) {
+        auto json = valid;
+        change(json);
+        return json.dump();
+    };
+    const auto format9 = with([](auto& json) { json["format"] = 9; });
+    const auto person = [&](const std::function<void(nlohmann::json&)>& change) {
+        return with([&](auto& json) { change(json["snapshot"]["people"][0]); });
+    };
     const std::pair<std::string, std::string> cases[] = {
         {"empty", ""},
         {"blank", "  \n"},
         {"not JSON", "kinbook"},
         {"an array", "[]"},
-        {"format 9", format9.dump()},
-        {"format as text", formatText.dump()},
-        {"no format", noFormat.dump()},
-        {"no snapshot", noSnapshot.dump()},
-        {"no people", noPeople.dump()},
-        {"no accounts", noAccounts.dump()},
-        {"an account id as a number", accountIDAsNumber.dump()},
-        {"a yes as text", imageAsText.dump()},
-        {"a person without id", personWithoutID.dump()},
-        {"a count as text", countAsText.dump()},
-        {"a count out of range", hugeCount.dump()},
-        {"some derived keys only", someKeysOnly.dump()},
-        {"a damaged token", badToken.dump()},
-        {"a read time as text", readTimeAsText.dump()},
+        {"format 9", format9},
+        {"format as text", with([](auto& json) { json["format"] = "10"; })},
+        {"no format", with([](auto& json) { json.erase("format"); })},
+        {"no snapshot", with([](auto& json) { json.erase("snapshot"); })},
+        {"no people", with([](auto& json) { json["snapshot"].erase("people"); })},
+        {"no accounts", with([](auto& json) { json["snapshot"].erase("accounts"); })},
+        {"an account id as a number", with([](auto& json) { json["snapshot"]["accounts"][0]["id"] = 5; })},
+        {"a yes as text", person([](auto& json) { json["hasImage"] = "yes"; })},
+        {"a person without id", person([](auto& json) { json.erase("id"); })},
+        {"a count as text", person([](auto& json) { json["filledCount"] = "11"; })},
+        {"a count out of range", person([](auto& json) { json["filledCount"] = 1ll << 40; })},
+        {"some derived keys only", person([](auto& json) { json.erase("sortKey"); })},
+        {"a damaged token", with([](auto& json) { json["snapshot"]["historyToken"] = "not base64!"; })},
+        {"a read time as text", with([](auto& json) { json["snapshot"]["fullReadAt"] = "yesterday"; })},
         {"trailing text", valid.dump() + " {}"},
     };
     // Escapes that are not JSON's, in a text the reader takes apart itself.
@@ -203,7 +187,7 @@ TEST_F(SnapshotCacheTest, MissingEmptyInvalidAndOtherFormatsReadAsNone) {
         EXPECT_EQ(SnapshotCache::decode(text), std::nullopt) << what;
     }
     EXPECT_EQ(readText(""), std::nullopt) << "an empty file";
-    EXPECT_EQ(readText(format9.dump()), std::nullopt) << "a file of format 9";
+    EXPECT_EQ(readText(format9), std::nullopt) << "a file of format 9";
 }
 
 TEST_F(SnapshotCacheTest, ADamagedCacheIsNotBelievedEvenWhenItIsStillValidJSON) {
@@ -258,16 +242,6 @@ TEST_F(SnapshotCacheTest, FilesEndingAtAndAroundAPageBoundaryReadWithoutReadingP
     }
 }
 
-TEST(SnapshotCacheDecode, EveryTruncationOfAFileIsNone) {
-    const auto whole = SnapshotCache::encode(sampleSnapshot());
-    ASSERT_TRUE(whole.has_value());
-    ASSERT_TRUE(SnapshotCache::decode(*whole).has_value());
-    for (std::size_t length = 0; length < whole->size(); ++length) {
-        ASSERT_EQ(SnapshotCache::decode(std::string_view(*whole).substr(0, length)), std::nullopt)
-            << "cut after " << length << " bytes";
-    }
-}
-
 // What a general JSON library makes of a file: the judge of whether damage
 // left valid JSON. What it takes for JSON is then read from its own
 // rewriting, whose layout (keys sorted, people after accounts) is not the
@@ -280,9 +254,14 @@ std::optional<AddressBookSnapshot> decodedByJSONLibrary(const std::string& text)
     return SnapshotCache::decode(json.dump());
 }
 
-TEST(SnapshotCacheDecode, DamagedBytesNeverCrashItAndReadAsAJSONLibraryReadsThem) {
+TEST(SnapshotCacheDecode, CutOrDamagedBytesNeverCrashItAndReadAsAJSONLibraryReadsThem) {
     const auto whole = SnapshotCache::encode(sampleSnapshot());
     ASSERT_TRUE(whole.has_value());
+    ASSERT_TRUE(SnapshotCache::decode(*whole).has_value());
+    for (std::size_t length = 0; length < whole->size(); ++length) {
+        ASSERT_EQ(SnapshotCache::decode(std::string_view(*whole).substr(0, length)), std::nullopt)
+            << "cut after " << length << " bytes";
+    }
     int decoded = 0;
     int tried = 0;
     for (std::size_t position = 0; position < whole->size(); ++position) {
@@ -366,71 +345,18 @@ TEST_F(SnapshotCacheTest, PeopleStoredWithoutKeysGetThemWorkedOutAndUnknownCircl
     EXPECT_EQ(read->people[0].circle, std::nullopt);
 }
 
-TEST_F(SnapshotCacheTest, TextThatIsNotUTF8LeavesTheCacheAsItWas) {
-    const auto snapshot = sampleSnapshot();
-    cache.write(snapshot);
-    auto damaged = snapshot;
-    damaged.people[1].id = "card-\xff";
-    cache.write(damaged);
-    EXPECT_EQ(cache.read(), snapshot);
-}
-
-TEST_F(SnapshotCacheTest, RemoveDeletesTheFileAndIgnoresAMissingOne) {
-    cache.write(sampleSnapshot());
-    cache.remove();
-    EXPECT_FALSE(std::filesystem::exists(cache.url()));
-    EXPECT_EQ(cache.read(), std::nullopt);
-    cache.remove();
-}
-
-// Sets an environment variable for one test, restoring it afterwards.
-class ScopedEnvironment {
-public:
-    ScopedEnvironment(const char* name, const char* value) : m_name(name) {
-        if (const char* old = std::getenv(name)) {
-            m_old = old;
-        }
-        if (value != nullptr) {
-            ::setenv(name, value, 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-    ~ScopedEnvironment() {
-        if (m_old) {
-            ::setenv(m_name, m_old->c_str(), 1);
-        } else {
-            ::unsetenv(m_name);
-        }
-    }
-    ScopedEnvironment(const ScopedEnvironment&) = delete;
-    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-
-private:
-    const char* m_name;
-    std::optional<std::string> m_old;
-};
-
 TEST(SnapshotCacheLocation, TheUsersCachesFolderOrNone) {
-    {
-        ScopedEnvironment cacheHome("XDG_CACHE_HOME", "/somewhere/cache");
-        ScopedEnvironment home("HOME", "/home/ann");
-        const auto cache = SnapshotCache::make();
-        ASSERT_NE(cache, nullptr);
-        EXPECT_EQ(cache->url(), "/somewhere/cache/kinbook/kinbook-snapshot.json");
-    }
-    {
-        ScopedEnvironment cacheHome("XDG_CACHE_HOME", "relative/cache");
-        ScopedEnvironment home("HOME", "/home/ann");
-        const auto cache = SnapshotCache::make();
-        ASSERT_NE(cache, nullptr);
-        EXPECT_EQ(cache->url(), "/home/ann/.cache/kinbook/kinbook-snapshot.json");
-    }
-    {
-        ScopedEnvironment cacheHome("XDG_CACHE_HOME", nullptr);
-        ScopedEnvironment home("HOME", nullptr);
-        EXPECT_EQ(SnapshotCache::make(), nullptr);
-    }
+    const testing::SavedEnvironment saved{"XDG_CACHE_HOME", "HOME"};
+    ::setenv("HOME", "/home/ann", 1);
+    ::setenv("XDG_CACHE_HOME", "/somewhere/cache", 1);
+    ASSERT_NE(SnapshotCache::make(), nullptr);
+    EXPECT_EQ(SnapshotCache::make()->url(), "/somewhere/cache/kinbook/kinbook-snapshot.json");
+    ::setenv("XDG_CACHE_HOME", "relative/cache", 1);
+    ASSERT_NE(SnapshotCache::make(), nullptr);
+    EXPECT_EQ(SnapshotCache::make()->url(), "/home/ann/.cache/kinbook/kinbook-snapshot.json");
+    ::unsetenv("XDG_CACHE_HOME");
+    ::unsetenv("HOME");
+    EXPECT_EQ(SnapshotCache::make(), nullptr);
 }
 
 } // namespace
