@@ -110,7 +110,7 @@ protected:
     fs::path root;
 };
 
-TEST_F(PeopleCommandTest, ListPrintsSectionsOfPeopleWithEveryPersonField) {
+TEST_F(PeopleCommandTest, ListPrintsSectionsOfPeopleWithEveryPersonFieldAsJsonOrText) {
     const auto list = runJson({"list"});
     // Ann's two cards are one person; Dan is hidden.
     EXPECT_EQ(list["matchCount"], 8);
@@ -119,38 +119,8 @@ TEST_F(PeopleCommandTest, ListPrintsSectionsOfPeopleWithEveryPersonField) {
                                         "Close3 Near", "Close4 Near", "Close5 Near", "Ann Smith"}));
     EXPECT_EQ(titles(list), (std::vector<std::string>{"J", "M", "N", "S"}));
 
+    // Every field is there: a missing one would not read back as the same JSON below.
     const json& ann = list["sections"][3]["people"][0];
-    for (const char* key : {"id",
-                            "givenName",
-                            "middleName",
-                            "familyName",
-                            "nickname",
-                            "organization",
-                            "jobTitle",
-                            "department",
-                            "phoneNumbers",
-                            "emailAddresses",
-                            "accountIDs",
-                            "hasImage",
-                            "postalCodes",
-                            "places",
-                            "filledCount",
-                            "detailed",
-                            "kinID",
-                            "hidden",
-                            "circle",
-                            "isPrimaryCard",
-                            "memberIDs",
-                            "displayName",
-                            "sortKey",
-                            "sectionLetter",
-                            "firstNameSortKey",
-                            "firstNameSectionLetter",
-                            "areaCodes",
-                            "searchText",
-                            "phoneDigits"}) {
-        EXPECT_TRUE(ann.contains(key)) << key;
-    }
     EXPECT_EQ(ann["id"], "ann-home");
     EXPECT_EQ(ann["kinID"], "AAAA1111");
     EXPECT_EQ(ann["circle"], 2);
@@ -170,6 +140,15 @@ TEST_F(PeopleCommandTest, ListPrintsSectionsOfPeopleWithEveryPersonField) {
             EXPECT_EQ(read->people[0].toJSON(), person);
         }
     }
+
+    // As text: the section titles are headings, with the ids the commands take.
+    const auto result = run({"list"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(result.out.find("J\n  Bob Jones"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("S\n  Ann Smith"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("ann-home"), std::string::npos);
+    EXPECT_EQ(result.out.find("Dan Hidden"), std::string::npos);
+    EXPECT_NE(result.out.find("\n8 people\n"), std::string::npos) << result.out;
 }
 
 TEST_F(PeopleCommandTest, JsonStaysValidWhateverACardHolds) {
@@ -181,16 +160,6 @@ TEST_F(PeopleCommandTest, JsonStaysValidWhateverACardHolds) {
     EXPECT_EQ(odd["familyName"].get<std::string>().rfind("\"Quoted\"", 0), 0u) << odd.dump();
     EXPECT_NE(odd["givenName"].get<std::string>().find("Tab"), std::string::npos) << odd.dump();
     EXPECT_NE(odd["organization"].get<std::string>().find("Caf"), std::string::npos) << odd.dump();
-}
-
-TEST_F(PeopleCommandTest, ListTextHasSectionTitlesAsHeadings) {
-    const auto result = run({"list"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_NE(result.out.find("J\n  Bob Jones"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("S\n  Ann Smith"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("ann-home"), std::string::npos);
-    EXPECT_EQ(result.out.find("Dan Hidden"), std::string::npos);
-    EXPECT_NE(result.out.find("\n8 people\n"), std::string::npos) << result.out;
 }
 
 TEST_F(PeopleCommandTest, ListSortsAndFiltersAsTheWindowDoes) {
@@ -216,8 +185,11 @@ TEST_F(PeopleCommandTest, SearchMatchesAsTheListsSearchField) {
     EXPECT_EQ(names(runJson({"search", "ELODIE"})), std::vector<std::string>{"Élodie Martin"});
     // Phone digits, whatever the formatting typed.
     EXPECT_EQ(names(runJson({"search", "010-0199"})), std::vector<std::string>{"Bob Jones"});
-    // A former e-mail address still finds its person.
-    EXPECT_EQ(names(runJson({"search", "oldco"})), std::vector<std::string>{"Ann Smith"});
+    // A former e-mail address still finds its person, and so does what only
+    // her work card holds: a person is all of their cards.
+    for (const char* query : {"oldco", "ann.smith@acme.example", "Engineer"}) {
+        EXPECT_EQ(names(runJson({"search", query})), std::vector<std::string>{"Ann Smith"}) << query;
+    }
     EXPECT_EQ(names(runJson({"search", "dan", "--hidden"})), std::vector<std::string>{"Dan Hidden"});
     const auto none = runJson({"search", "zebra"});
     EXPECT_EQ(none["matchCount"], 0);
@@ -227,7 +199,7 @@ TEST_F(PeopleCommandTest, SearchMatchesAsTheListsSearchField) {
     EXPECT_NE(text.out.find("0 people"), std::string::npos) << text.out;
 }
 
-TEST_F(PeopleCommandTest, ShowPrintsThePersonAndEveryCardFormerEntriesLast) {
+TEST_F(PeopleCommandTest, ShowPrintsOnePersonAndEveryCardFormerEntriesLast) {
     for (const char* argument : {"ann-work", "AAAA1111", "aaaa1111", "ann smith"}) {
         const auto shown = runJson({"show", argument});
         EXPECT_EQ(shown["person"]["id"], "ann-home") << argument;
@@ -253,9 +225,8 @@ TEST_F(PeopleCommandTest, ShowPrintsThePersonAndEveryCardFormerEntriesLast) {
         EXPECT_NE(text.out.find(expected), std::string::npos) << expected << "\n" << text.out;
     }
     EXPECT_LT(text.out.find("ann@example.com"), text.out.find("ann@oldco.example"));
-}
 
-TEST_F(PeopleCommandTest, ShowNeedsOnePerson) {
+    // Show needs one person: no one, or several, is an error; a hidden person is found too.
     const auto nobody = run({"show", "zebra"});
     EXPECT_EQ(nobody.exitCode, 1);
     EXPECT_EQ(nobody.err, "kinbook: no one matches \"zebra\"\n");
@@ -264,7 +235,6 @@ TEST_F(PeopleCommandTest, ShowNeedsOnePerson) {
     EXPECT_EQ(several.exitCode, 1);
     EXPECT_NE(several.err.find("5 people match \"near\""), std::string::npos) << several.err;
     EXPECT_NE(several.err.find("close-3"), std::string::npos) << several.err;
-    // A hidden person is found too.
     EXPECT_EQ(runJson({"show", "dan"})["person"]["hidden"], true);
 }
 
@@ -340,27 +310,15 @@ TEST_F(PeopleCommandTest, EmailAndPhoneSpeakTheMailClientsCompletionFormat) {
     const auto none = run({"email", "zebra"});
     EXPECT_EQ(none.exitCode, 0);
     EXPECT_EQ(none.out, "No e-mail address found for \"zebra\"\n");
-    EXPECT_EQ(
-        runJson({"email", "bob"}),
-        json::parse(
-            R"([{"address":"bob@smithfield.example","name":"Bob Jones","label":"work","personID":"bob"}])"));
-}
-
-// A person is all of their cards: search and completion find Ann by what
-// only her work card holds.
-TEST_F(PeopleCommandTest, SearchAndCompletionCoverEveryCardOfAPerson) {
-    EXPECT_EQ(names(runJson({"search", "ann.smith@acme.example"})), std::vector<std::string>{"Ann Smith"});
-    EXPECT_EQ(names(runJson({"search", "Engineer"})), std::vector<std::string>{"Ann Smith"});
-    const auto email = run({"email", "ann.smith"});
-    EXPECT_EQ(email.out, "3 e-mail addresses of 1 person for \"ann.smith\"\n"
-                         "ann@example.com\tAnn Smith\thome\n"
-                         "ann.smith@acme.example\tAnn Smith\twork\n"
-                         "ann@oldco.example\tAnn Smith\tex-work\n");
     // Clients that read every line as an address get no status line.
     EXPECT_EQ(run({"email", "--parsable", "acme"}).out, "ann@example.com\tAnn Smith\thome\n"
                                                         "ann.smith@acme.example\tAnn Smith\twork\n"
                                                         "ann@oldco.example\tAnn Smith\tex-work\n");
     EXPECT_EQ(run({"phone", "--parsable", "zebra"}).out, "");
+    EXPECT_EQ(
+        runJson({"email", "bob"}),
+        json::parse(
+            R"([{"address":"bob@smithfield.example","name":"Bob Jones","label":"work","personID":"bob"}])"));
 }
 
 TEST_F(PeopleCommandTest, TheToolTakesWhatPeopleTypeAndSuggestsTheCommandMeant) {
@@ -424,8 +382,12 @@ TEST_F(PeopleCommandTest, ListFitsTheTerminalAndWritesWholeLinesToAProgram) {
 }
 
 TEST_F(PeopleCommandTest, ASecondRunStartsFromTheCacheAndSeesChangesMadeMeanwhile) {
-    ASSERT_EQ(run({"list"}).exitCode, 0);
     const fs::path cacheFolder = home.cache() / "kinbook";
+    const fs::path log = home.state() / "kinbook" / "app.log";
+    // --no-cache, before or after the command, neither writes the cache nor reads it.
+    ASSERT_EQ(run({"--no-cache", "list"}).exitCode, 0);
+    EXPECT_FALSE(fs::exists(cacheFolder));
+    ASSERT_EQ(run({"list"}).exitCode, 0);
     std::vector<fs::path> caches;
     for (const auto& entry : fs::recursive_directory_iterator(cacheFolder)) {
         if (entry.is_regular_file()) {
@@ -434,23 +396,14 @@ TEST_F(PeopleCommandTest, ASecondRunStartsFromTheCacheAndSeesChangesMadeMeanwhil
     }
     ASSERT_EQ(caches.size(), 1u);
     EXPECT_EQ(caches[0].filename(), "kinbook-snapshot.json");
-    const fs::path log = home.state() / "kinbook" / "app.log";
-    EXPECT_EQ(readFile(log).find("[list] cache: "), std::string::npos);
+    ASSERT_EQ(run({"list", "--no-cache"}).exitCode, 0);
+    EXPECT_EQ(readFile(log).find("[list] cache: "), std::string::npos) << readFile(log);
 
     // Another program adds a card between the runs.
     put("work", "zed", {"N:Zimmer;Zed;;;", "FN:Zed Zimmer"});
     const auto list = runJson({"list"});
     EXPECT_NE(readFile(log).find("[list] cache: 9 people"), std::string::npos) << readFile(log);
     EXPECT_EQ(names(list).back(), "Zed Zimmer");
-}
-
-TEST_F(PeopleCommandTest, NoCacheNeitherReadsNorWritesIt) {
-    ASSERT_EQ(run({"--no-cache", "list"}).exitCode, 0);
-    EXPECT_FALSE(fs::exists(home.cache() / "kinbook"));
-    ASSERT_EQ(run({"list"}).exitCode, 0);
-    ASSERT_EQ(run({"list", "--no-cache"}).exitCode, 0);
-    const std::string log = readFile(home.state() / "kinbook" / "app.log");
-    EXPECT_EQ(log.find("[list] cache: "), std::string::npos) << log;
 }
 
 TEST_F(PeopleCommandTest, ProblemsAreReportedOnStderrWithANonZeroStatus) {
@@ -504,17 +457,10 @@ TEST(KinbookFirstRun, SeedsTheDemoAddressBookOnceAndShowsIt) {
     EXPECT_NE(first.out.find("Maya Okafor"), std::string::npos) << first.out;
     EXPECT_TRUE(fs::exists(home.data() / "kinbook" / "contacts" / "default" / "displayname"));
 
-    const auto accounts = home.run({"accounts", "--json"});
-    EXPECT_TRUE(accounts.err.empty()) << accounts.err;
-    std::set<std::string> names;
-    for (const auto& account : accounts.json()) {
-        names.insert(account["name"]);
-        EXPECT_GT(account["count"].get<int>(), 0);
-    }
-    EXPECT_EQ(names, (std::set<std::string>{"On My Computer", "Work"}));
-    // Past jobs from the sidecar are searched too.
+    // Past jobs from the sidecar are searched too; the book is made once.
     const auto formerEmployer = home.run({"search", "--json", "Tidewater"});
     ASSERT_EQ(formerEmployer.exitCode, 0) << formerEmployer.err;
+    EXPECT_TRUE(formerEmployer.err.empty()) << formerEmployer.err;
     EXPECT_EQ(formerEmployer.json()["matchCount"], 1);
     EXPECT_EQ(formerEmployer.json()["sections"][0]["people"][0]["displayName"], "Priya Raman");
     // A linked person shows both cards.

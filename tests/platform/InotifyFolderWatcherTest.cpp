@@ -90,12 +90,9 @@ protected:
     std::set<File> m_named;
 };
 
-TEST_F(InotifyFolderWatcherTest, TheFirstNoticeSaysAnythingMayHaveChanged) {
+TEST_F(InotifyFolderWatcherTest, NamesCardsWrittenRenamedAndDeletedByOtherPrograms) {
     EXPECT_TRUE(unnamedAfter(0)) << "what changed before the watch began is unknown";
     EXPECT_GE(m_executor.posts.load(), 1);
-}
-
-TEST_F(InotifyFolderWatcherTest, NamesCardsWrittenRenamedAndDeletedByOtherPrograms) {
     const fs::path card = m_folder / "home" / "a.vcf";
     reset();
     writeFile(card, "BEGIN:VCARD\r\nEND:VCARD\r\n"); // an editor writing in place
@@ -119,31 +116,28 @@ TEST_F(InotifyFolderWatcherTest, NamesCardsWrittenRenamedAndDeletedByOtherProgra
     EXPECT_FALSE(m_unnamed) << "a card's own events never need a scan of everything";
 }
 
-TEST_F(InotifyFolderWatcherTest, AnAccountFolderThatAppearsIsWatchedToo) {
+// Account folders that appear, are renamed or go: the cards they hold are
+// named by nobody, and a new or renamed folder's cards are watched at once.
+TEST_F(InotifyFolderWatcherTest, AccountFoldersThatAppearMoveOrGoAreReportedAndWatched) {
     int seen = reset();
     fs::create_directories(m_folder / "work");
-    // The cards it came with are named by nobody.
-    ASSERT_TRUE(unnamedAfter(seen));
+    ASSERT_TRUE(unnamedAfter(seen)) << "appeared";
     // The folder's watch is in place before its notice is posted.
     reset();
     writeFile(m_folder / "work" / "b.vcf", "BEGIN:VCARD\r\nEND:VCARD\r\n");
     EXPECT_TRUE(named({"work", "b.vcf"}));
-}
 
-TEST_F(InotifyFolderWatcherTest, ARenamedAccountFolderNamesItsCardsByItsNewName) {
-    int seen = reset();
+    seen = reset();
     fs::rename(m_folder / "home", m_folder / "house");
-    ASSERT_TRUE(unnamedAfter(seen));
+    ASSERT_TRUE(unnamedAfter(seen)) << "renamed";
     reset();
     writeFile(m_folder / "house" / "c.vcf", "BEGIN:VCARD\r\nEND:VCARD\r\n");
     ASSERT_TRUE(named({"house", "c.vcf"}));
     EXPECT_FALSE(namedSoFar().contains(File{"home", "c.vcf"}));
-}
 
-TEST_F(InotifyFolderWatcherTest, AnAccountFolderRemovedIsReported) {
-    int seen = reset();
-    fs::remove_all(m_folder / "home");
-    EXPECT_TRUE(unnamedAfter(seen));
+    seen = reset();
+    fs::remove_all(m_folder / "house");
+    EXPECT_TRUE(unnamedAfter(seen)) << "removed";
 }
 
 TEST_F(InotifyFolderWatcherTest, NothingIsDeliveredAfterStop) {

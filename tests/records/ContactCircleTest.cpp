@@ -9,22 +9,15 @@ namespace {
 
 using enum ContactCircle;
 
-TEST(ContactCircle, TableAsShownToTheUser) {
-    EXPECT_EQ(allCircles().size(), 6u);
-    EXPECT_EQ(circleTitle(goodFriends), "Good Friends");
-    EXPECT_EQ(circleBadge(known), "500");
-    EXPECT_EQ(circleBadge(acquaintance), "A");
-    EXPECT_EQ(circleCapacity(meaningful), 150);
-    EXPECT_EQ(circleCapacity(acquaintance), std::nullopt);
-    EXPECT_EQ(circleBlurb(friends), "Close friends and the colleagues you value most.");
-    EXPECT_EQ(circleBlurb(goodFriends), "Friends you count on and love spending time with.");
-    for (long long raw : {0LL, 7LL, -1LL, 1LL << 40}) {
-        EXPECT_EQ(circleFromRawValue(raw), std::nullopt) << raw;
-    }
+// A circle's number is what a card stores: every circle reads back from its
+// own, and no other number is a circle.
+TEST(ContactCircle, RawValuesReadBackAndOthersAreNone) {
     for (ContactCircle circle : allCircles()) {
         EXPECT_EQ(circleFromRawValue(rawValue(circle)), circle);
     }
-    EXPECT_LT(closest, acquaintance);
+    for (long long raw : {0LL, 7LL, -1LL, 1LL << 40}) {
+        EXPECT_EQ(circleFromRawValue(raw), std::nullopt) << raw;
+    }
 }
 
 TEST(ContactCircle, CumulativeSizeCountsEveryInnerCircle) {
@@ -45,60 +38,21 @@ struct CapacityCase {
 };
 
 TEST(ContactCircle, CapacityWalkRefusesTheInnermostFullCircle) {
+    const std::nullopt_t none = std::nullopt;
     const CapacityCase cases[] = {
-        {"a sixth person can't enter a closest that holds five",
-         {{closest, 5}},
-         closest,
-         std::nullopt,
-         closest},
-        {"four in closest leave room", {{closest, 4}}, closest, std::nullopt, std::nullopt},
-        {"5 + 10 fill good friends",
-         {{closest, 5}, {goodFriends, 10}},
-         goodFriends,
-         std::nullopt,
-         goodFriends},
-        {"moving in from closest doesn't grow good friends",
-         {{closest, 5}, {goodFriends, 10}},
-         goodFriends,
-         closest,
-         std::nullopt},
-        {"moving outward never fails",
-         {{closest, 5}, {goodFriends, 10}, {friends, 35}},
-         friends,
-         closest,
-         std::nullopt},
-        {"a full outer circle refuses an inner placement",
-         {{closest, 1}, {known, 499}},
-         closest,
-         std::nullopt,
-         known},
-        {"the innermost full one is reported",
-         {{goodFriends, 15}, {known, 485}},
-         closest,
-         std::nullopt,
-         goodFriends},
-        {"someone already in known is counted in known",
-         {{closest, 1}, {known, 499}},
-         closest,
-         known,
-         std::nullopt},
-        {"moving inward still checks the circles in between",
-         {{goodFriends, 15}},
-         closest,
-         friends,
-         goodFriends},
-        {"acquaintances have no limit",
-         {{acquaintance, 100000}, {known, 500}},
-         acquaintance,
-         std::nullopt,
-         std::nullopt},
-        {"clearing is never refused", {{closest, 50}}, std::nullopt, closest, std::nullopt},
-        {"an over-full inner circle doesn't block an outer one",
-         {{closest, 9}},
-         goodFriends,
-         std::nullopt,
-         std::nullopt},
-        {"an over-full circle refuses", {{closest, 9}}, closest, std::nullopt, closest},
+        {"a sixth person can't enter a closest that holds five", {{closest, 5}}, closest, none, closest},
+        {"four in closest leave room", {{closest, 4}}, closest, none, none},
+        {"5 + 10 fill good friends", {{closest, 5}, {goodFriends, 10}}, goodFriends, none, goodFriends},
+        {"in from closest: no growth", {{closest, 5}, {goodFriends, 10}}, goodFriends, closest, none},
+        {"outward never fails", {{closest, 5}, {goodFriends, 10}, {friends, 35}}, friends, closest, none},
+        {"a full outer circle refuses", {{closest, 1}, {known, 499}}, closest, none, known},
+        {"the innermost full one is reported", {{goodFriends, 15}, {known, 485}}, closest, none, goodFriends},
+        {"someone already in known is counted in known", {{closest, 1}, {known, 499}}, closest, known, none},
+        {"inward checks those between", {{goodFriends, 15}}, closest, friends, goodFriends},
+        {"acquaintances have no limit", {{acquaintance, 100000}, {known, 500}}, acquaintance, none, none},
+        {"clearing is never refused", {{closest, 50}}, none, closest, none},
+        {"an over-full inner circle doesn't block an outer one", {{closest, 9}}, goodFriends, none, none},
+        {"an over-full circle refuses", {{closest, 9}}, closest, none, closest},
     };
     for (const auto& c : cases) {
         const auto result = checkCircleCapacity(c.counts, c.target, c.current);
@@ -109,12 +63,9 @@ TEST(ContactCircle, CapacityWalkRefusesTheInnermostFullCircle) {
             EXPECT_TRUE(result.ok()) << c.claim;
         }
     }
-}
-
-TEST(ContactCircle, RefusalMessages) {
+    // The refusal names the circle by its size, and the picker says how full it is.
     EXPECT_EQ(CircleError{closest}.description(), "Your 5 is full. Move someone out of it first.");
-    const CircleCounts counts{{closest, 5}, {goodFriends, 10}};
-    EXPECT_EQ(CircleError{goodFriends}.pickerDescription(counts),
+    EXPECT_EQ(CircleError{goodFriends}.pickerDescription({{closest, 5}, {goodFriends, 10}}),
               "Your 15 is full (15 of 15). Move someone out of it first.");
 }
 
@@ -146,33 +97,36 @@ TEST(CircleSuggestion, JSONIsPrettySortedAndRoundTrips) {
     EXPECT_EQ(CircleSuggestion::fromJSON(json), suggestion);
 }
 
+// A suggestion file with these values, and no "madeAt" when it is empty.
+std::string suggestionFile(const std::string& circle, const std::string& confidence,
+                           const std::string& madeAt) {
+    return "{\"circle\": " + circle + ", \"confidence\": " + confidence + R"(, "reasons": [], "source": "")" +
+           (madeAt.empty() ? "" : ", \"madeAt\": \"" + madeAt + "\"") + "}";
+}
+
 TEST(CircleSuggestion, UndecodableFilesGiveNoSuggestion) {
-    for (const char* json :
-         {"", "[]", "{",
-          "{\"circle\": 9, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"2026-03-01T09:30:00Z\"}",
-          "{\"circle\": 2, \"confidence\": \"high\", \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"2026-03-01T09:30:00Z\"}",
-          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": \"yesterday\"}",
-          // Found by fuzzing: a circle or a year out of range overflowed.
-          "{\"circle\": 1e111, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"2026-03-01T12:00:00Z\"}",
-          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"1012-03-01T12:00:00Z\"}",
-          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"9999-12-31T23:59:59Z\"}",
-          "{\"circle\": 2, \"confidence\": 1, \"reasons\": [], \"source\": \"\"}",
-          // Found by fuzzing: a confidence far past one overflowed the percentage.
-          "{\"circle\": 3, \"confidence\": 4.4e26, \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"2024-01-01T12:00:00Z\"}",
-          "{\"circle\": 3, \"confidence\": -0.5, \"reasons\": [], \"source\": \"\", \"madeAt\": "
-          "\"2024-01-01T12:00:00Z\"}"}) {
+    const auto withOffset =
+        CircleSuggestion::fromJSON(suggestionFile("1", "0.5", "2026-03-01T10:30:00.250+01:00"));
+    ASSERT_TRUE(withOffset) << "the files below differ from this one by one value each";
+    EXPECT_EQ(formatIso8601(withOffset->madeAt), "2026-03-01T09:30:00Z");
+    for (const std::string& json : {
+             std::string(),
+             std::string("[]"),
+             std::string("{"),
+             suggestionFile("9", "1", "2026-03-01T09:30:00Z"),
+             suggestionFile("2", "\"high\"", "2026-03-01T09:30:00Z"),
+             suggestionFile("2", "1", "yesterday"),
+             suggestionFile("2", "1", ""),
+             // Found by fuzzing: a circle or a year out of range overflowed.
+             suggestionFile("1e111", "1", "2026-03-01T12:00:00Z"),
+             suggestionFile("2", "1", "1012-03-01T12:00:00Z"),
+             suggestionFile("2", "1", "9999-12-31T23:59:59Z"),
+             // Found by fuzzing: a confidence far past one overflowed the percentage.
+             suggestionFile("3", "4.4e26", "2024-01-01T12:00:00Z"),
+             suggestionFile("3", "-0.5", "2024-01-01T12:00:00Z"),
+         }) {
         EXPECT_EQ(CircleSuggestion::fromJSON(json), std::nullopt) << json;
     }
-    const auto withOffset = CircleSuggestion::fromJSON(
-        R"({"circle": 1, "confidence": 0.5, "reasons": [], "source": "x", "madeAt": "2026-03-01T10:30:00.250+01:00"})");
-    ASSERT_TRUE(withOffset);
-    EXPECT_EQ(formatIso8601(withOffset->madeAt), "2026-03-01T09:30:00Z");
 }
 
 TEST(Iso8601, ParsesTheCommonFormsAndRejectsTheRest) {

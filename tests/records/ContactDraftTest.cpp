@@ -79,32 +79,26 @@ TEST(ContactDraft, CopyForAnotherAccountMakesEveryEntryNew) {
     EXPECT_EQ(copy.accountID, "work-account");
     EXPECT_EQ(copy.givenName, "Jane");
     EXPECT_EQ(copy.anchorURL, draft.anchorURL); // the person's KinID goes with them
+    // Every entry is new under a fresh id of its own, its content kept.
     std::set<std::string> ids;
-    ASSERT_EQ(copy.phones.size(), draft.phones.size());
-    for (std::size_t i = 0; i < copy.phones.size(); ++i) {
-        EXPECT_TRUE(copy.phones[i].isNew);
-        EXPECT_NE(copy.phones[i].id, draft.phones[i].id);
-        EXPECT_EQ(copy.phones[i].value, draft.phones[i].value);
-        EXPECT_EQ(copy.phones[i].label, draft.phones[i].label);
-        ids.insert(copy.phones[i].id);
-    }
-    for (const auto& field : copy.emails) {
-        EXPECT_TRUE(field.isNew);
-        ids.insert(field.id);
-    }
-    for (const auto& address : copy.addresses) {
-        EXPECT_TRUE(address.isNew);
-        ids.insert(address.id);
-    }
-    for (const auto& link : copy.links) {
-        EXPECT_TRUE(link.isNew);
-        ids.insert(link.id);
-    }
-    ASSERT_EQ(copy.dates.size(), 1u);
-    EXPECT_TRUE(copy.dates[0].isNew);
-    EXPECT_EQ(copy.dates[0].date, draft.dates[0].date);
-    ids.insert(copy.dates[0].id);
-    EXPECT_EQ(ids.size(), 3u + 1u + 1u + 2u + 1u); // all fresh and distinct
+    const auto renewed = [&](const auto& copied, const auto& original) {
+        ASSERT_EQ(copied.size(), original.size());
+        for (std::size_t i = 0; i < copied.size(); ++i) {
+            EXPECT_TRUE(copied[i].isNew);
+            EXPECT_TRUE(ids.insert(copied[i].id).second) << copied[i].id;
+            EXPECT_NE(copied[i].id, original[i].id);
+            auto same = copied[i];
+            same.id = original[i].id;
+            same.isNew = original[i].isNew;
+            EXPECT_EQ(same, original[i]);
+        }
+    };
+    renewed(copy.phones, draft.phones);
+    renewed(copy.emails, draft.emails);
+    renewed(copy.addresses, draft.addresses);
+    renewed(copy.links, draft.links);
+    renewed(copy.dates, draft.dates);
+    EXPECT_EQ(ids.size(), 3u + 1u + 1u + 2u + 1u);
     EXPECT_EQ(copy.phoneticGivenName, "Jein");
     EXPECT_EQ(copy.note, draft.note);
     EXPECT_TRUE(copy.messageLinkIDs.empty());

@@ -81,38 +81,31 @@ struct QueryCase {
 };
 
 TEST(KinID, AnchorQueryItemsFollowTheirReadingRules) {
+    const std::nullopt_t none = std::nullopt;
     const QueryCase cases[] = {
-        {"kinbook://c/AB12CD34", false, std::nullopt, false, {}},
+        {"kinbook://c/AB12CD34", false, none, false, {}},
         {"kinbook://c/AB12CD34?h=1&r=3&p=1", true, ContactCircle::friends, true, {}},
-        {"kinbook://c/AB12CD34?r=7", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?r=0", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?r=-2", false, std::nullopt, false, {}},
+        {"kinbook://c/AB12CD34?r=7", false, none, false, {}},
+        {"kinbook://c/AB12CD34?r=0", false, none, false, {}},
+        {"kinbook://c/AB12CD34?r=-2", false, none, false, {}},
         {"kinbook://c/AB12CD34?r=+3", false, ContactCircle::friends, false, {}},
-        {"kinbook://c/AB12CD34?r=", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?r", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?r=2x", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?r=99999999999999999999999", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?h=true", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?h", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?p=01", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?H=1", false, std::nullopt, false, {{"H", "1"}}}, // names are case-sensitive
-        {"kinbook://c/AB12CD34?h=1&h=0", false, std::nullopt, false, {}},       // the last occurrence wins
+        {"kinbook://c/AB12CD34?r=", false, none, false, {}},
+        {"kinbook://c/AB12CD34?r", false, none, false, {}},
+        {"kinbook://c/AB12CD34?r=2x", false, none, false, {}},
+        {"kinbook://c/AB12CD34?r=99999999999999999999999", false, none, false, {}},
+        {"kinbook://c/AB12CD34?h=true", false, none, false, {}},
+        {"kinbook://c/AB12CD34?h", false, none, false, {}},
+        {"kinbook://c/AB12CD34?p=01", false, none, false, {}},
+        {"kinbook://c/AB12CD34?H=1", false, none, false, {{"H", "1"}}}, // names are case-sensitive
+        {"kinbook://c/AB12CD34?h=1&h=0", false, none, false, {}},       // the last occurrence wins
         {"kinbook://c/AB12CD34?r=2&r=5", false, ContactCircle::known, false, {}},
-        {"kinbook://c/AB12CD34?x=5&h=1", true, std::nullopt, false, {{"x", "5"}}},
-        {"kinbook://c/AB12CD34?flag&y=a%20b",
-         false,
-         std::nullopt,
-         false,
-         {{"flag", std::nullopt}, {"y", "a b"}}},
-        {"kinbook://c/AB12CD34?h=1&x=%ZZ", false, std::nullopt, false, {}}, // bad escape: no items at all
-        {"kinbook://c/AB12CD34?h=1&x=%", false, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?h=1&x=%FF", false, std::nullopt, false, {}}, // decodes to no UTF-8
-        {"kinbook://c/AB12CD34?h=1#fragment", true, std::nullopt, false, {}},
-        {"kinbook://c/AB12CD34?&x=5&&flag&",
-         false,
-         std::nullopt,
-         false,
-         {{"x", "5"}, {"flag", std::nullopt}}},
+        {"kinbook://c/AB12CD34?x=5&h=1", true, none, false, {{"x", "5"}}},
+        {"kinbook://c/AB12CD34?flag&y=a%20b", false, none, false, {{"flag", none}, {"y", "a b"}}},
+        {"kinbook://c/AB12CD34?h=1&x=%ZZ", false, none, false, {}}, // bad escape: no items at all
+        {"kinbook://c/AB12CD34?h=1&x=%", false, none, false, {}},
+        {"kinbook://c/AB12CD34?h=1&x=%FF", false, none, false, {}}, // decodes to no UTF-8
+        {"kinbook://c/AB12CD34?h=1#fragment", true, none, false, {}},
+        {"kinbook://c/AB12CD34?&x=5&&flag&", false, none, false, {{"x", "5"}, {"flag", none}}},
     };
     for (const auto& c : cases) {
         const auto anchor = Anchor::read(urls({c.url}));

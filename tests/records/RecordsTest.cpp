@@ -1,11 +1,12 @@
 // The plain records the address book fills and every other part reads:
-// cards, accounts, access, errors and card dates.
+// cards, accounts, access, errors, card dates and past jobs.
 
 #include "KinbookKit/records/Account.h"
 #include "KinbookKit/records/AddressBookError.h"
 #include "KinbookKit/records/ContactCard.h"
 #include "KinbookKit/records/DateComponents.h"
 #include "KinbookKit/records/Iso8601.h"
+#include "KinbookKit/records/PastJob.h"
 
 #include <gtest/gtest.h>
 
@@ -115,6 +116,47 @@ TEST(DateComponents, TextWritesTheMonthInWordsInTheLocalesOrder) {
     EXPECT_EQ((DateComponents{2, 29, std::nullopt}.text("de_DE")), "29. Februar");
     EXPECT_EQ((DateComponents{12, 31, 1200}.text("en_US")), "December 31, 1200");
     EXPECT_EQ((DateComponents{2, 30, std::nullopt}.text("en_US")), std::nullopt);
+}
+
+// Only a company or a title makes a job; the summary joins what is present.
+TEST(PastJob, SummaryJoinsWhatIsPresentAndOnlyCompanyOrTitleMakeAJob) {
+    const struct {
+        PastJob job;
+        const char* summary;
+        bool empty;
+    } cases[] = {
+        {{"1", "Acme", "Engineer", "1999-2004"}, "Engineer, Acme \u00B7 1999-2004", false},
+        {{"1", "Acme", "", ""}, "Acme", false},
+        {{"1", "", "Engineer", "2001"}, "Engineer \u00B7 2001", false},
+        {{"1", "", "", "2001"}, " \u00B7 2001", true},
+        {{"1", "  ", " ", "1999-2004"}, nullptr, true},
+    };
+    for (const auto& c : cases) {
+        if (c.summary != nullptr) {
+            EXPECT_EQ(c.job.summary(), c.summary);
+        }
+        EXPECT_EQ(c.job.isEmpty(), c.empty) << c.job.company << "|" << c.job.title;
+    }
+}
+
+TEST(PastJob, SearchTextSkipsEmptyJobsAndJoinsByLine) {
+    const std::vector<PastJob> jobs = {PastJob::make("Acme", "Engineer"), PastJob::make("", "", "1990"),
+                                       PastJob::make("Globex", "")};
+    EXPECT_EQ(pastJobsSearchText(jobs), "Engineer, Acme\nGlobex");
+    EXPECT_EQ(pastJobsSearchText({}), "");
+}
+
+TEST(PastJob, JobsFileRoundTripsAndRejectsOtherShapes) {
+    const std::vector<PastJob> jobs = {PastJob::make("Acme", "Engineer", "1999-2004"),
+                                       PastJob::make("Initech", "")};
+    EXPECT_NE(jobs[0].id, jobs[1].id);
+    EXPECT_EQ(jobs[0].id.size(), 36u);
+    EXPECT_EQ(PastJob::decodeList(PastJob::encodeList(jobs)), jobs);
+    EXPECT_EQ(PastJob::decodeList("[]"), std::vector<PastJob>{});
+    for (const char* bad : {"", "{}", "[{\"id\": \"x\"}]", "[1]",
+                            "[{\"id\":1,\"company\":\"\",\"title\":\"\",\"years\":\"\"}]"}) {
+        EXPECT_EQ(PastJob::decodeList(bad), std::nullopt) << bad;
+    }
 }
 
 } // namespace

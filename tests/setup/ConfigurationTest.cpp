@@ -141,19 +141,16 @@ TEST_F(ConfigurationTest, EachAddressBookHasOneCacheKeyedByItsRealPath) {
     EXPECT_EQ(fromFile.filename(), "kinbook-snapshot.json");
 }
 
-TEST_F(ConfigurationTest, KinbookConfigNamesAnotherFile) {
-    writeFile(folder / "elsewhere.toml", "notes_locked = true\n");
+TEST_F(ConfigurationTest, KinbookConfigNamesAnotherFileWhereFalseTurnsTheSidecarOff) {
+    writeFile(folder / "elsewhere.toml", "notes_locked = true\nsidecar = false\n");
     variables["KINBOOK_CONFIG"] = (folder / "elsewhere.toml").string();
-    EXPECT_TRUE(load().notesLocked);
-    EXPECT_EQ(load().configFile, folder / "elsewhere.toml");
+    const auto configuration = load();
+    EXPECT_TRUE(configuration.notesLocked);
+    EXPECT_FALSE(configuration.sidecar);
+    EXPECT_EQ(configuration.configFile, folder / "elsewhere.toml");
 }
 
-TEST_F(ConfigurationTest, SidecarFalseTurnsItOff) {
-    writeConfig("sidecar = false\n");
-    EXPECT_FALSE(load().sidecar);
-}
-
-TEST_F(ConfigurationTest, MistakesNameTheFileAndTheLine) {
+TEST_F(ConfigurationTest, MistakesNameTheFileAndTheLineAndAnUnreadableFileIsAnError) {
     const std::string file = (folder / "config/kinbook/config.toml").string();
     const struct {
         const char* text;
@@ -176,6 +173,9 @@ TEST_F(ConfigurationTest, MistakesNameTheFileAndTheLine) {
         EXPECT_EQ(error.rfind(file, 0), 0u) << error;
         EXPECT_NE(error.find(c.message), std::string::npos) << error;
     }
+    fs::remove(folder / "config/kinbook/config.toml");
+    fs::create_directories(folder / "config/kinbook/config.toml");
+    EXPECT_NE(loadError().find("can't read the configuration"), std::string::npos);
 }
 
 TEST_F(ConfigurationTest, UnknownKeysAreWarnedAboutAndOtherwiseIgnored) {
@@ -188,11 +188,6 @@ TEST_F(ConfigurationTest, UnknownKeysAreWarnedAboutAndOtherwiseIgnored) {
     EXPECT_NE(warnings.find(":1:11: unknown key \"contact\""), std::string::npos) << warnings;
     EXPECT_NE(warnings.find(":4:12: unknown key \"accounts.work.readonly\""), std::string::npos) << warnings;
     EXPECT_TRUE(configuration.readOnlyAccounts.empty());
-}
-
-TEST_F(ConfigurationTest, AnUnreadableFileIsAnError) {
-    fs::create_directories(folder / "config/kinbook/config.toml");
-    EXPECT_NE(loadError().find("can't read the configuration"), std::string::npos);
 }
 
 } // namespace
