@@ -555,6 +555,21 @@ TEST_F(PeopleEditingTest, UndoRefusesToOverwriteAChangeMadeElsewhere) {
     EXPECT_EQ(readFile(bobFile()), other);
 }
 
+TEST_F(PeopleEditingTest, ACardWithoutAFinalLineBreakIsUndoneByteForByte) {
+    // Some writers end the last line without its line break; undo compares
+    // with the file's own bytes, so that is no change made elsewhere.
+    const std::string bare = kIPhoneBob.substr(0, kIPhoneBob.size() - 2);
+    testing::writeFile(bobFile(), bare);
+    auto draft = m_book->draft("BOB-1");
+    ASSERT_TRUE(draft.ok());
+    draft->nickname = "Bobby";
+    ASSERT_TRUE(save(*draft).ok());
+    ASSERT_NE(readFile(bobFile()), bare);
+
+    ASSERT_TRUE(step(true).ok());
+    EXPECT_EQ(readFile(bobFile()), bare);
+}
+
 TEST_F(PeopleEditingTest, ANewContactIsSavedOnlyWithContentAndItsUndoDeletesIt) {
     const auto empty = save(ContactDraft::empty(std::nullopt, "home"));
     ASSERT_TRUE(empty.ok());
