@@ -34,6 +34,9 @@ const std::string kJaneWork =
     "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Appleseed;Jane;;;\r\nFN:Jane Appleseed\r\n"
     "TITLE:Engineer\r\nEMAIL;type=work:jane@work.example\r\n"
     "X-ANNIVERSARY:2015-06-20\r\nURL:kinbook://c/K1?p=1\r\nUID:JANE-2\r\nEND:VCARD\r\n";
+// Jane's cards, found by her name: a KinID made for someone else during a
+// test is random and may hold any short text, "K1" included.
+constexpr std::string_view kJaneLine = "FN:Jane Appleseed";
 const std::string kBob = "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Brown;Bob;;;\r\nFN:Bob Brown\r\nBDAY:--0415\r\n"
                          "X-SOCIALPROFILE;type=mastodon:https://mastodon.social/@bob\r\n"
                          "TEL;type=cell:+1 415 555 0199\r\nUID:BOB-1\r\nEND:VCARD\r\n";
@@ -124,9 +127,7 @@ protected:
         std::erase_if(cards, [&](const std::string& c) { return c.find(text) == std::string::npos; });
         return cards;
     }
-    std::size_t janeCardsIn(const std::string& account) {
-        return cardsWith(account, "kinbook://c/K1").size();
-    }
+    std::size_t janeCardsIn(const std::string& account) { return cardsWith(account, kJaneLine).size(); }
     std::size_t cardFiles() {
         std::size_t count = 0;
         for (const auto& entry : fs::recursive_directory_iterator(m_vdir.root())) {
@@ -182,8 +183,8 @@ TEST_F(PeopleAccountsTest, UncheckingAndRecheckingAnAccountKeepsOnePersonAndThei
     ASSERT_EQ(list->person("JANE-1")->memberIDs.size(), 2u);
 
     ASSERT_TRUE(remove(*list, "JANE-1", "work").ok());
-    EXPECT_TRUE(cardsWith("work", "K1").empty());
-    ASSERT_EQ(cardsWith("home", "K1").size(), 1u);
+    EXPECT_TRUE(cardsWith("work", kJaneLine).empty());
+    ASSERT_EQ(cardsWith("home", kJaneLine).size(), 1u);
     const auto jane = list->person("JANE-1");
     ASSERT_TRUE(jane);
     EXPECT_LT(jane->memberIDs.size(), 2u);
@@ -193,13 +194,13 @@ TEST_F(PeopleAccountsTest, UncheckingAndRecheckingAnAccountKeepsOnePersonAndThei
     ASSERT_FALSE(last.ok());
     EXPECT_EQ(last.error().description(),
               "A contact has to stay in at least one account. To remove it everywhere, delete it.");
-    EXPECT_EQ(cardsWith("home", "K1").size(), 1u);
+    EXPECT_EQ(cardsWith("home", kJaneLine).size(), 1u);
 
     // Checked again: one person in both, the new card with her details and note.
     const auto added = add(*list, "JANE-1", "work");
     ASSERT_TRUE(added.ok()) << added.error().description();
     EXPECT_TRUE(added->leftOut.empty());
-    const auto copies = cardsWith("work", "K1");
+    const auto copies = cardsWith("work", kJaneLine);
     ASSERT_EQ(copies.size(), 1u);
     EXPECT_NE(copies[0].find("Allergic to cats."), std::string::npos);
     EXPECT_NE(copies[0].find("555 0100"), std::string::npos);
@@ -213,8 +214,8 @@ TEST_F(PeopleAccountsTest, UncheckingAndRecheckingAnAccountKeepsOnePersonAndThei
 
     // Taking out the card with the note leaves the other with it.
     ASSERT_TRUE(remove(*list, "JANE-1", "home").ok());
-    EXPECT_TRUE(cardsWith("home", "K1").empty());
-    EXPECT_NE(cardsWith("work", "K1").at(0).find("Allergic to cats."), std::string::npos);
+    EXPECT_TRUE(cardsWith("home", kJaneLine).empty());
+    EXPECT_NE(cardsWith("work", kJaneLine).at(0).find("Allergic to cats."), std::string::npos);
     ASSERT_TRUE(list->person("JANE-1"));
     EXPECT_EQ(list->person("JANE-1")->accountIDs.strings(), std::vector<std::string>{"work"});
 }
@@ -245,7 +246,7 @@ TEST_F(PeopleAccountsTest, CopyLeavesBothCardsAndMoveSendsTheOthersToTheTrashByA
     EXPECT_EQ(labels.front(), "Moving to Gmail");
     EXPECT_TRUE(cardsWith("home", "Jane").empty());
     EXPECT_TRUE(cardsWith("home", "Carol").empty());
-    EXPECT_NE(cardsWith("work", "K1").at(0).find("Allergic to cats."), std::string::npos);
+    EXPECT_NE(cardsWith("work", kJaneLine).at(0).find("Allergic to cats."), std::string::npos);
     ASSERT_EQ(list->trash().items().size(), 2u);
     std::vector<std::string> names;
     for (const auto& item : list->trash().items()) {
@@ -386,7 +387,7 @@ TEST_F(PeopleTrashTest, APersonInTwoAccountsLeavesAtOnceAndComesBackWholeWithThe
     EXPECT_EQ(jane->memberIDs.size(), 2u);
     EXPECT_EQ(list->people().size(), 2u);
     EXPECT_EQ(janeCardsIn("work"), 1u);
-    const auto home = cardsWith("home", "kinbook://c/K1");
+    const auto home = cardsWith("home", kJaneLine);
     ASSERT_EQ(home.size(), 1u);
     EXPECT_NE(home[0].find("NOTE:Allergic to cats."), std::string::npos);
     EXPECT_NE(home[0].find("ex-work"), std::string::npos);
