@@ -6,6 +6,7 @@
 #include "KinbookKit/text/AppLog.h"
 #include "KinbookKit/text/KinLog.h"
 #include "tests/support/FakeClock.h"
+#include "tests/support/SavedEnvironment.h"
 #include "tests/support/TempFolder.h"
 
 #include <pwd.h>
@@ -48,31 +49,15 @@ constexpr const char* fixedStamp = "2026-11-22T14:03:05.123+0100";
 constexpr const char* oneHourAhead = "XYZ-01"; // POSIX TZ: west of Greenwich is positive
 
 // Sets an environment variable for one scope and puts the old value back.
-class EnvironmentGuard {
+class EnvironmentGuard : testing::SavedEnvironment {
 public:
-    EnvironmentGuard(const char* name, const char* value) : m_name(name) {
-        if (const char* old = std::getenv(name)) {
-            m_old = old;
-        }
+    EnvironmentGuard(const char* name, const char* value) : SavedEnvironment{name} {
         if (value != nullptr) {
             ::setenv(name, value, 1);
         } else {
             ::unsetenv(name);
         }
     }
-    ~EnvironmentGuard() {
-        if (m_old) {
-            ::setenv(m_name, m_old->c_str(), 1);
-        } else {
-            ::unsetenv(m_name);
-        }
-    }
-    EnvironmentGuard(const EnvironmentGuard&) = delete;
-    EnvironmentGuard& operator=(const EnvironmentGuard&) = delete;
-
-private:
-    const char* m_name;
-    std::optional<std::string> m_old;
 };
 
 std::vector<std::string> linesOf(const std::string& text) {
